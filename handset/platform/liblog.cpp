@@ -20,29 +20,27 @@
 
 #include <atomic>
 
-namespace {
-
-constexpr size_t text_size = 1024;    // of a formatted text, its NUL included
-constexpr size_t payload_max = 4068;  // of one record, all but its header
-constexpr int32_t lost_tag = 1006;    // events tag under which the number of lost entries is told
-constexpr size_t header_size = 11;
-constexpr size_t part_max = 4;  // of one datagram: header and up to three pieces of payload
+static constexpr size_t kTextSize = 1024;    // of a formatted text, its NUL included
+static constexpr size_t kPayloadMax = 4068;  // of one record, all but its header
+static constexpr int32_t kLostTag = 1006;    // events tag under which the number of lost entries is told
+static constexpr size_t kHeaderSize = 11;
+static constexpr size_t kPartMax = 4;  // of one datagram: header and up to three pieces of payload
 
 // -1 until the first write; afterwards the same number for the life of the process, unless someone else closes it.
-std::atomic<int> m_socket{-1};
+static std::atomic<int> m_socket{-1};
 // Entries dropped since the last time the daemon was told.
-std::atomic<int32_t> m_lost{0};
+static std::atomic<int32_t> m_lost{0};
 static_assert(std::atomic<int>::is_always_lock_free && std::atomic<int32_t>::is_always_lock_free,
               "a lock inside an atomic could be held by the thread that a handler interrupts");
 
-void put_u32(unsigned char *to, uint32_t value) {
+static void put_u32(unsigned char *to, uint32_t value) {
     for (unsigned i = 0; i < 4; i++) {
         to[i] = static_cast<unsigned char>(value >> (8 * i));
     }
 }
 
 // u8 buffer, u16 thread, u32 seconds, u32 nanoseconds; pid and uid are the kernel's to tell.
-void put_header(unsigned char (&header)[header_size], int buffer) {
+static void put_header(unsigned char (&header)[kHeaderSize], int buffer) {
     struct timespec now = {};
     clock_gettime(CLOCK_REALTIME, &now);
     const auto tid = static_cast<uint32_t>(syscall(SYS_gettid));
@@ -53,7 +51,7 @@ void put_header(unsigned char (&header)[header_size], int buffer) {
     put_u32(header + 7, static_cast<uint32_t>(now.tv_nsec));
 }
 
-int connect_daemon(int fd) {
+static int connect_daemon(int fd) {
     struct sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     strcpy(address.sun_path, "/dev/socket/logdw");
@@ -61,7 +59,7 @@ int connect_daemon(int fd) {
 }
 
 // The process's socket, made and connected at the first call; -1 when there is none to be had.
-int open_socket() {
+static int open_socket() {
     int fd = m_socket.load();
     if (fd != -1) {
         return fd;
@@ -80,7 +78,7 @@ int open_socket() {
 
 // Puts the socket right after a failed write. A number that is no socket any more was closed behind our back
 // (a child that clears its descriptors): it belongs to others now, so it is forgotten, not closed.
-int reopen_socket(int fd, int error) {
+static int reopen_socket(int fd, int error) {
     if (error == EBADF || error == ENOTSOCK) {
         m_socket.compare_exchange_strong(fd, -1);
         return open_socket();
@@ -88,7 +86,7 @@ int reopen_socket(int fd, int error) {
     return connect_daemon(fd) == 0 ? fd : -1;
 }
 
-bool send_parts(int fd, struct iovec *parts, size_t count) {
+static bool send_parts(int fd, struct iovec *parts, size_t count) {
     struct msghdr message = {};
     message.msg_iov = parts;
     message.msg_iovlen = count;
@@ -96,15 +94,15 @@ bool send_parts(int fd, struct iovec *parts, size_t count) {
 }
 
 // Tells the daemon how many entries were lost, once it takes entries again.
-void report_lost(int fd) {
+static void report_lost(int fd) {
     const int32_t lost = m_lost.exchange(0);
     if (lost == 0) {
         return;
     }
-    unsigned char header[header_size];
+    unsigned char header[kHeaderSize];
     unsigned char event[9];
     put_header(header, LOG_ID_EVENTS);
-    put_u32(event, lost_tag);
+    put_u32(event, kLostTag);
     event[4] = 0;  // the value is an int
     put_u32(event + 5, static_cast<uint32_t>(lost));
     struct iovec parts[] = {{header, sizeof header}, {event, sizeof event}};
@@ -113,7 +111,7 @@ void report_lost(int fd) {
     }
 }
 
-void deliver(struct iovec *parts, size_t count) {
+static void deliver(struct iovec *parts, size_t count) {
     int fd = open_socket();
     if (fd == -1) {
         return;
@@ -134,12 +132,12 @@ void deliver(struct iovec *parts, size_t count) {
 }
 
 // Cuts the payload (all parts but the first) at what one record carries and sends the datagram.
-int write_record(int buffer, struct iovec (&parts)[part_max], size_t count) {
+static int write_record(int buffer, struct iovec (&parts)[kPartMax], size_t count) {
     const int saved = errno;
-    unsigned char header[header_size];
+    unsigned char header[kHeaderSize];
     put_header(header, buffer);
     parts[0] = {header, sizeof header};
-    size_t room = payload_max;
+    size_t room = kPayloadMax;
     for (size_t i = 1; i < count; i++) {
         if (parts[i].iov_len > room) {
             parts[i].iov_len = room;
@@ -151,23 +149,21 @@ int write_record(int buffer, struct iovec (&parts)[part_max], size_t count) {
     return 1;
 }
 
-int write_text(int buffer, int prio, const char *tag, const char *text) {
+static int write_text(int buffer, int prio, const char *tag, const char *text) {
     auto level = static_cast<unsigned char>(prio);
     if (tag == nullptr) {
         tag = "";
     }
-    struct iovec parts[part_max] = {};
+    struct iovec parts[kPartMax] = {};
     parts[1] = {&level, 1};
     parts[2] = {const_cast<char *>(tag), strlen(tag) + 1};
     parts[3] = {const_cast<char *>(text), strlen(text) + 1};
     return write_record(buffer, parts, 4);
 }
 
-}  // namespace
-
 int __android_log_print(int prio, const char *tag, const char *fmt, ...) {
     const int saved = errno;  // formatting may change it; %m means the caller's
-    char text[text_size];
+    char text[kTextSize];
     va_list arguments;
     va_start(arguments, fmt);
     if (vsnprintf(text, sizeof text, fmt, arguments) < 0) {
@@ -190,7 +186,7 @@ int __android_log_buf_write(int buffer, int prio, const char *tag, const char *t
 int __android_log_bwrite(int32_t tag, const void *payload, size_t length) {
     unsigned char number[4];
     put_u32(number, static_cast<uint32_t>(tag));
-    struct iovec parts[part_max] = {};
+    struct iovec parts[kPartMax] = {};
     parts[1] = {number, sizeof number};
     parts[2] = {const_cast<void *>(payload), length};
     return write_record(LOG_ID_EVENTS, parts, 3);

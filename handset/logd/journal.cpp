@@ -1,0 +1,165 @@
+// The journal and its writer thread, which keeps the file's pace away from the thread that takes records in.
+// State: the queue between both (m_lock), the file and the bytes in it (writer thread only), the sum of losses that senders
+// have told (writer thread only).
+#include "handset/logd/journal.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "handset/logd/event_values.h"
+
+static constexpr char kDirectory[] = "/dev/.desk";
+static constexpr char kJournal[] = "/dev/.desk/log.journal";
+static constexpr char kLost[] = "/dev/.desk/log.lost";
+static constexpr off_t kJournalMax = 256 << 20;
+static constexpr size_t kQueueMax = 1 << 16;  // entries; far beyond what the file falls behind by
+static constexpr uint32_t kLostTag = 1006;    // an events record by which a sender tells how many entries it dropped
+
+static std::mutex m_lock;
+static std::condition_variable m_filled;
+static std::vector<log_entry> m_queue;
+
+static int m_fd = -1;
+static off_t m_size = 0;
+static uint64_t m_lost = 0;
+
+static void append_escaped(const std::string &text, std::string *out) {
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        switch (c) {
+            case '\n': *out += "\\n"; continue;
+            case '\t': *out += "\\t"; continue;
+            case '\r': *out += "\\r"; continue;
+            case '\\': *out += "\\\\"; continue;
+            default: break;
+        }
+        if (byte >= ' ' && byte != 0x7f) {
+            *out += c;
+            continue;
+        }
+        char code[8];
+        snprintf(code, sizeof code, "\\x%02X", byte);
+        *out += code;
+    }
+}
+
+static void take_apart(const log_entry &entry, char *letter, std::string *tag, std::string *text) {
+    const auto *payload = reinterpret_cast<const unsigned char *>(entry.payload.data());
+    log_text parts;
+    log_event event;
+    *letter = '?';
+    if (log_buffer_is_binary(entry.header.buffer)) {
+        if (log_split_event(payload, entry.payload.size(), &event)) {
+            *letter = 'I';
+            *tag = std::to_string(event.number);
+            log_event_text(event.values, event.values_length, text);
+        }
+    } else if (log_split_text(payload, entry.payload.size(), &parts)) {
+        *letter = log_priority_letter(parts.priority);
+        tag->assign(parts.tag, parts.tag_length);
+        text->assign(parts.text, parts.text_length);
+    }
+}
+
+std::string journal_line(const log_entry &entry) {
+    char letter;
+    std::string tag;
+    std::string text;
+    take_apart(entry, &letter, &tag, &text);
+    const log_answer_header &of = entry.header;
+    char start[160];
+    snprintf(start, sizeof start, "%llu\t%u.%09u\t%s\t%d\t%u\t%u\t%c\t",
+             static_cast<unsigned long long>(entry.sequence), of.sec, of.nsec, log_buffer_name(of.buffer), of.pid,
+             of.tid, of.uid, letter);
+    std::string line = start;
+    append_escaped(tag, &line);
+    line += '\t';
+    append_escaped(text, &line);
+    line += '\n';
+    return line;
+}
+
+// What senders could not deliver, as a number in a file of its own.
+static void count_losses(const log_entry &entry) {
+    const auto *payload = reinterpret_cast<const unsigned char *>(entry.payload.data());
+    log_event event;
+    int32_t count = 0;
+    if (!log_buffer_is_binary(entry.header.buffer) || !log_split_event(payload, entry.payload.size(), &event) ||
+        event.number != kLostTag || event.values_length != 1 + sizeof count || event.values[0] != LOG_EVENT_INT) {
+        return;
+    }
+    memcpy(&count, event.values + 1, sizeof count);
+    m_lost += static_cast<uint32_t>(count);
+    FILE *file = fopen(kLost, "we");
+    if (file != nullptr) {
+        fprintf(file, "%llu\n", static_cast<unsigned long long>(m_lost));
+        fclose(file);
+    }
+}
+
+static void append(const std::string &lines) {
+    const char *at = lines.data();
+    size_t left = lines.size();
+    while (left > 0) {
+        const ssize_t written = write(m_fd, at, left);
+        if (written == -1 && errno == EINTR) {
+            continue;
+        }
+        if (written <= 0) {
+            return;  // no room: the journal has a gap, which the running numbers show
+        }
+        at += written;
+        left -= static_cast<size_t>(written);
+        m_size += written;
+    }
+}
+
+static void write_loop() {
+    for (;;) {
+        std::vector<log_entry> batch;
+        {
+            std::unique_lock<std::mutex> guard(m_lock);
+            m_filled.wait(guard, [] { return !m_queue.empty(); });
+            batch.swap(m_queue);
+        }
+        std::string lines;
+        for (const log_entry &entry : batch) {
+            count_losses(entry);
+            lines += journal_line(entry);
+        }
+        if (m_size < kJournalMax) {
+            append(lines);
+        }
+    }
+}
+
+bool journal_open() {
+    if (mkdir(kDirectory, 0755) == -1 && errno != EEXIST) {
+        return false;
+    }
+    m_fd = open(kJournal, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+    if (m_fd == -1) {
+        return false;
+    }
+    m_size = lseek(m_fd, 0, SEEK_END);
+    std::thread(write_loop).detach();
+    return true;
+}
+
+void journal_put(const log_entry &entry) {
+    std::lock_guard<std::mutex> guard(m_lock);
+    if (m_fd == -1 || m_queue.size() >= kQueueMax) {
+        return;
+    }
+    m_queue.push_back(entry);
+    m_filled.notify_one();
+}

@@ -1,0 +1,20 @@
+// A file with every accepted entry, one line each, for tests and people:
+//   <number> TAB <sec.nsec> TAB <buffer> TAB <pid> TAB <tid> TAB <uid> TAB <priority letter> TAB <tag> TAB <text>
+// In tag and text \n \t \r \\ stand for themselves and \xNN for other control bytes. A binary entry has its number as
+// the tag and its values as the text.
+#ifndef HANDSET_LOGD_JOURNAL_H
+#define HANDSET_LOGD_JOURNAL_H
+
+#include <string>
+
+#include "handset/logd/store.h"
+
+// Opens the journal (directory made if missing, an earlier journal continued) and starts its writer thread.
+// Without a journal the daemon works all the same: false then, and errno.
+bool journal_open();
+// Hands an entry to the writer. Never blocks on the file.
+void journal_put(const log_entry &entry);
+// The line of an entry, newline included.
+std::string journal_line(const log_entry &entry);
+
+#endif
