@@ -1,0 +1,200 @@
+// Worker threads and their registry.
+//
+// State: m_worker_a, one slot a live worker. A slot is claimed by the creating thread, filled before its worker starts,
+// and freed by the worker's own end through a thread-specific key: the one hook that both C libraries run however a
+// thread ends. `use` decides who may act on a slot:
+//   FREE ──creator──▶ LIVE ──worker's end──▶ FREE
+//                     LIVE ──sender──▶ SIGNALLING ──sender──▶ LIVE
+// A worker that ends waits while a sender holds its slot, so `thread` names a thread that still exists whenever
+// pthread_kill is called. Senders and ending workers take no signals meanwhile: a slot is never left in SIGNALLING.
+#include "pub/util/worker.h"
+
+#include <errno.h>
+#include <pthread.h>
+#include <sched.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <atomic>
+
+#include "pub/pub_codes.h"
+#include "pub/util/error_text.h"
+#include "pub/util/pub_log.h"
+#include "pub/util/signal_mask.h"
+
+enum worker_use { FREE, LIVE, SIGNALLING };
+
+struct worker {
+    std::atomic<int> use;
+    std::atomic<pub_thread_id> id;
+    pthread_t thread;          // the creator's, valid once the id has been handed out
+    void *(*routine)(void *);  // creator before start, worker after
+    void *arg;
+    int owned_fd_a[2];  // the worker's
+};
+
+static const int kWorkers = 256;
+static const useconds_t kStopPause = 10000;  // µs that a stopped worker is given to run its handler
+
+static worker m_worker_a[kWorkers];
+static std::atomic<pub_thread_id> m_last_id(0);
+static pthread_key_t m_end_key;
+static pthread_once_t m_end_key_once = PTHREAD_ONCE_INIT;
+
+static void close_owned(worker *self) {
+    for (int &fd : self->owned_fd_a) {
+        if (fd >= 0) {
+            close(fd);
+        }
+        fd = -1;
+    }
+}
+
+// Runs at a worker's end, on the worker.
+static void leave_registry(void *value) {
+    worker *self = static_cast<worker *>(value);
+    sigset_t mask;
+    pub_util_block_signals(&mask);  // for good: the thread is ending
+    close_owned(self);
+    int expected = LIVE;
+    while (!self->use.compare_exchange_weak(expected, FREE)) {
+        expected = LIVE;  // a sender is at work; it is brief and takes no signals
+        sched_yield();
+    }
+}
+
+static void make_end_key(void) {
+    pthread_key_create(&m_end_key, leave_registry);
+}
+
+static void *run_worker(void *value) {
+    worker *self = static_cast<worker *>(value);
+    pthread_setspecific(m_end_key, self);
+    self->routine(self->arg);
+    sigset_t mask;
+    pub_util_block_signals(&mask);  // a stop that comes now finds the work already done
+    return nullptr;
+}
+
+static worker *claim_slot(void) {
+    for (worker &slot : m_worker_a) {
+        int expected = FREE;
+        if (slot.use.load(std::memory_order_relaxed) == FREE && slot.use.compare_exchange_strong(expected, LIVE)) {
+            return &slot;
+        }
+    }
+    return nullptr;
+}
+
+// Creates the thread with SIGUSR1 blocked from its first instruction.
+static int start_thread(worker *slot) {
+    pthread_attr_t attr;
+    sigset_t stop;
+    sigset_t saved;
+    sigemptyset(&stop);
+    sigaddset(&stop, SIGUSR1);
+    pthread_attr_init(&attr);
+    pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
+    pthread_sigmask(SIG_BLOCK, &stop, &saved);
+    const int result = pthread_create(&slot->thread, &attr, run_worker, slot);
+    pthread_sigmask(SIG_SETMASK, &saved, nullptr);
+    pthread_attr_destroy(&attr);
+    return result;
+}
+
+int pub_util_create_thread(pub_thread_id *id_ptr, void *(*routine)(void *), void *arg) {
+    pthread_once(&m_end_key_once, make_end_key);
+    worker *slot = claim_slot();
+    if (slot == nullptr) {
+        return EAGAIN;
+    }
+    const pub_thread_id id = m_last_id.fetch_add(1) + 1;
+    slot->id.store(id);
+    slot->routine = routine;
+    slot->arg = arg;
+    slot->owned_fd_a[0] = -1;
+    slot->owned_fd_a[1] = -1;
+    const int result = start_thread(slot);
+    if (result != 0) {
+        slot->use.store(FREE);
+        return result;
+    }
+    *id_ptr = id;
+    return 0;
+}
+
+void pub_util_accept_stop(void) {
+    sigset_t stop;
+    sigemptyset(&stop);
+    sigaddset(&stop, SIGUSR1);
+    signal(SIGUSR1, pub_util_handle_thread_signal);
+    pthread_sigmask(SIG_UNBLOCK, &stop, nullptr);
+}
+
+void pub_util_own_descriptors(int first_fd, int second_fd) {
+    worker *self = static_cast<worker *>(pthread_getspecific(m_end_key));
+    if (self == nullptr) {
+        return;
+    }
+    self->owned_fd_a[0] = first_fd;
+    self->owned_fd_a[1] = second_fd;
+}
+
+static int signal_slot(worker *slot, pub_thread_id id, int signo) {
+    int expected = LIVE;
+    while (!slot->use.compare_exchange_weak(expected, SIGNALLING)) {
+        if (expected == FREE) {
+            return ESRCH;
+        }
+        expected = LIVE;  // another sender; wait for its turn to end
+        sched_yield();
+    }
+    // The slot may have changed hands between the look at its id and the claim.
+    const int result = slot->id.load() == id ? pthread_kill(slot->thread, signo) : ESRCH;
+    slot->use.store(LIVE);
+    return result;
+}
+
+int pub_util_signal_thread(pub_thread_id id, int signo) {
+    if (id == 0) {
+        return ESRCH;
+    }
+    for (worker &slot : m_worker_a) {
+        if (slot.id.load() != id) {
+            continue;
+        }
+        sigset_t mask;
+        pub_util_block_signals(&mask);
+        const int result = signal_slot(&slot, id, signo);
+        pub_util_restore_signals(&mask);
+        return result;
+    }
+    return ESRCH;
+}
+
+int pub_util_kill_thread(pub_thread_id *id_ptr) {
+    pub_log_entry();
+    if (*id_ptr == 0 || pub_util_signal_thread(*id_ptr, 0) == ESRCH) {
+        return 0;
+    }
+    const int result = pub_util_signal_thread(*id_ptr, SIGUSR1);
+    if (result != 0) {
+        pub_log_error(PUB_ERR_SYSTEM);
+        pub_log_plain("pthread_kill(): %d - %s", result, pub_util_error_text(result));
+        return result;
+    }
+    usleep(kStopPause);
+    *id_ptr = 0;
+    return 0;
+}
+
+void pub_util_handle_thread_signal(int signo) {
+    pub_log_entry();
+    if (signo != SIGUSR1) {
+        pub_log_error(PUB_ERR_PARAM);
+        pub_log_plain("unknown signal: %d", signo);
+        return;
+    }
+    pub_log_plain("thread %d will be end", static_cast<int>(pthread_self()));
+    pthread_exit(nullptr);
+}
