@@ -1,0 +1,15 @@
+// Texts in fixed buffers.
+#ifndef SA_MAIN_TEXT_H
+#define SA_MAIN_TEXT_H
+
+#include <stddef.h>
+
+/**
+ * Formats a text into a buffer. What does not fit is cut off and reported in the platform log; the text always ends
+ * inside the buffer. Any thread.
+ *
+ * @return whether all of it fitted.
+ */
+bool sa_format(char *text_ptr, size_t size, const char *fmt, ...) __attribute__((format(printf, 3, 4)));
+
+#endif
