@@ -1,0 +1,112 @@
+// Signals and teardown.
+//
+// The handler calls ordinary functions, by design. It can, because of what the interrupted code may hold: log lines, the
+// registry of workers and the channel are never interrupted (their holders take no signals); the time zone is not looked
+// at while the handler runs; and the agent's only stdio stream is open with all signals blocked, so that exit finds none
+// in use. State: the constant table of names.
+#include "sa/main/signals.h"
+
+#include <signal.h>
+#include <stdint.h>
+#include <stdlib.h>
+
+#include <cutils/properties.h>
+
+#include "sa/main/codes.h"
+#include "sa/main/local_time.h"
+#include "sa/main/log.h"
+#include "sa/sa-handle/handle.h"
+#include "sa/sa-handle/log_start.h"
+
+struct sa_signal_row {
+    int32_t signo;
+    const char *name;
+    char action;  // T terminate, A abort, I ignore, S stop, C continue
+    const char *description;
+};
+
+static const struct sa_signal_row sa_signal_table[] = {
+    {1, "SIGHUP", 'T', "Hangup (POSIX)."},
+    {2, "SIGINT", 'T', "Terminal interrupt signal (ANSI)."},
+    {3, "SIGQUIT", 'A', "Terminal quit signal (POSIX)."},
+    {4, "SIGILL", 'A', "Illegal instruction (ANSI)."},
+    {5, "SIGTRAP", 'A', "Trace/breakpoint trap (POSIX)."},
+    {6, "SIGABRT", 'A', "Process abort signal (ANSI)."},
+    {6, "SIGIOT", 'A', "IOT trap (4.2 BSD)."},
+    {7, "SIGBUS", 'A', "Access to an undefined portion of a memory object (4.2 BSD)."},
+    {8, "SIGFPE", 'A', "Erroneous arithmetic operation (ANSI)."},
+    {9, "SIGKILL", 'T', "Kill (cannot be caught or ignored) (POSIX)."},
+    {10, "SIGUSR1", 'T', "User-defined signal 1 (POSIX)."},
+    {11, "SIGSEGV", 'A', "Invalid memory reference (ANSI)."},
+    {12, "SIGUSR2", 'T', "User-defined signal 2 (POSIX)."},
+    {13, "SIGPIPE", 'T', "Write on a pipe with no one to read it (POSIX)."},
+    {14, "SIGALRM", 'T', "Alarm clock (POSIX)."},
+    {15, "SIGTERM", 'T', "Termination signal (ANSI)."},
+    {16, "SIGSTKFLT", '?', "Stack fault"},
+    {17, "SIGCHLD", 'I', "Child process terminated, stopped (POSIX)."},
+    {18, "SIGCONT", 'C', "Continue executing, if stopped (POSIX)."},
+    {19, "SIGSTOP", 'S', "Stop executing (cannot be caught or ignored) (POSIX)."},
+    {20, "SIGTSTP", 'S', "Terminal stop signal (POSIX)."},
+    {21, "SIGTTIN", 'S', "Background process attempting read (POSIX)."},
+    {22, "SIGTTOU", 'S', "Background process attempting write (POSIX)."},
+    {23, "SIGURG", 'I', "High bandwidth data is available at a socket (4.2 BSD)."},
+    {24, "SIGXCPU", 'A', "CPU time limit exceeded (4.2 BSD)."},
+    {25, "SIGXFSZ", 'A', "File size limit exceeded (4.2 BSD)."},
+    {26, "SIGVTALRM", 'T', "Virtual timer expired (4.2 BSD)."},
+    {27, "SIGPROF", 'T', "Profiling timer expired (4.2 BSD)."},
+    {28, "SIGWINCH", '?', "Window size change (4.3 BSD, Sun)."},
+    {29, "SIGPOLL", 'T', "Pollable event (System V)."},
+    {29, "SIGIO", 'T', "I/O now possible (4.2 BSD)."},
+    {30, "SIGPWR", '?', "Power failure restart (System V)."},
+    {31, "SIGSYS", 'A', "Bad system call."},
+    {0xffff, nullptr, '\0', nullptr},
+};
+
+const char *sa_get_signal_name(int signo) {
+    if (signo == sa_signal_table[0].signo) {
+        return sa_signal_table[0].name;
+    }
+    for (uint8_t row = 1; sa_signal_table[row].name != nullptr; row++) {
+        if (sa_signal_table[row].signo == signo) {
+            return sa_signal_table[row].name;
+        }
+    }
+    return "";
+}
+
+void sa_deinit_resource(void) {
+    sa_log_entry();
+    const long ret_val = sa_handle_deinit();
+    sa_log_platform("%s exit", __func__);
+    sa_log_file("exit ret_val[%ld]", ret_val);
+}
+
+// Stops the collectors and has init stop this very service. The handler returns; init ends the process.
+static void reset_agent(const char *function) {
+    sa_log_platform("ready to kill all child service");
+    sa_kill_all_child_service_ex();
+    property_set("ctl.stop", SA_NAME);
+    sa_log_file_as(function, "PUB_UTIL_RESET_PROCESS_SIGNAL exit");
+}
+
+void signal_treatment(int signo) {
+    const int saved_errno = errno;
+    sa_local_time_hold();
+    sa_log_entry_both();
+    sa_log("receive signal[%d-%s]", signo, sa_get_signal_name(signo));
+    sa_deinit_resource();
+    if (signo != SIGUSR2) {
+        sa_log("exit");
+        exit(0);
+    }
+    reset_agent(__func__);
+    sa_local_time_release();
+    errno = saved_errno;
+}
+
+void sa_install_signals(void) {
+    static const int handled_a[] = {SIGINT, SIGTERM, SIGSEGV, SIGBUS, SIGUSR2};
+    for (const int signo : handled_a) {
+        signal(signo, signal_treatment);
+    }
+}

@@ -1,0 +1,18 @@
+// The agent's configuration, read once at start-up from /system/etc/zr-qel-sa.cfg.
+#ifndef SA_SA_CFG_SA_CFG_H
+#define SA_SA_CFG_SA_CFG_H
+
+#include <stdint.h>
+
+/** Settings; zero where the file or the key is missing. Written by sa_cfg_init on the main thread, constant afterwards. */
+struct sa_cfg_record {
+    char tty_cmd_a[28];    // zr.tty.cmd: where the command channel is published; always NUL-terminated
+    int32_t log_size_val;  // zr.log.size: kept for the log's sake; nothing reads it
+};
+
+extern struct sa_cfg_record sa_cfg_st;
+
+/** Reads the file. Whatever is wrong with it is logged, and the agent runs with what could be read. Always returns 0. */
+int32_t sa_cfg_init(void);
+
+#endif
