@@ -1,0 +1,63 @@
+// The collectors' table, the property that fills it, the log directory and the free-space gate.
+#ifndef SA_SA_HANDLE_LOG_SVC_H
+#define SA_SA_HANDLE_LOG_SVC_H
+
+#include <stdint.h>
+#include <sys/types.h>
+
+#include "pub/util/worker.h"
+
+/** Positions in the property, and so type_id of the records. */
+enum log_svc_position {
+    LOG_SVC_EMSD = 1,  // never started
+    LOG_SVC_IPDATA,
+    LOG_SVC_KMSG,
+    LOG_SVC_MAIN,
+    LOG_SVC_EVENTS,
+    LOG_SVC_RADIO,
+    LOG_SVC_COUNT = LOG_SVC_RADIO,
+};
+
+/** One collector: its settings and what runs for it. Texts are as written in the property. */
+struct log_svc_rec {
+    int32_t svc_pid;           // its child, 0 when there never was one; stale after its end
+    pub_thread_id mthread_id;  // its thread, likewise
+    char type[4];              // type token; chooses among the logcat collectors
+    int32_t type_id;           // position, 1 to 6; chooses between packet capture and kernel messages
+    char file_num[40];
+    int32_t file_num_val;
+    char file_size[40];
+    int32_t file_size_val;
+};
+
+/**
+ * The six collectors, by position - 1. Filled by start_log_service: on the main thread at start-up, on the command
+ * reader thread afterwards. The kernel-message thread reads its own record; a stop reads pids and thread ids.
+ */
+extern struct log_svc_rec g_zr_log_svc[LOG_SVC_COUNT];
+
+/** Directory of the collectors' files. The diagnostic log does not follow it. Written like the table. */
+enum { LOG_PATH_SIZE = 100 };
+extern char g_log_path_a[LOG_PATH_SIZE];
+
+/**
+ * Reads the property persist.sys.install.zr.log into the directory and the table.
+ *
+ * @return 0, or -100; records filled before a failure keep their new values.
+ */
+long get_zr_log_config(void);
+
+/** The parsing step of get_zr_log_config; aborts the agent on a path or a type token too long for its field. */
+long parse_zr_log_config(const char *value);
+
+/**
+ * Makes sure that a log directory exists. One level is made, mode 0771, owner 2000:2000; an existing one is left alone.
+ *
+ * @return 0, or -100.
+ */
+long check_zr_log_path(const char *log_path);
+
+/** Whether /data has room for collection: 0, or -100 below 5 per cent or 256000 KB, whichever is less. Any thread. */
+long sa_is_can_start_log_service(void);
+
+#endif

@@ -1,0 +1,47 @@
+// The command and log layer's state, and who may touch the command channel's endpoint.
+#ifndef SA_SA_HANDLE_STATE_H
+#define SA_SA_HANDLE_STATE_H
+
+#include <signal.h>
+#include <stdint.h>
+
+#include "pub/pty/pty.h"
+#include "pub/util/worker.h"
+
+/** A request being read, or a response being sent. `data` is NUL-terminated: at most 199 bytes are used. */
+struct sa_msg_st {
+    uint16_t len;  // valid bytes; the text ends earlier when they hold a NUL
+    char data[200];
+};
+
+/** Zeroed by sa_handle_init before any thread of this layer exists. */
+struct sa_handle_st {
+    pub_thread_id m_read_cmd_thread_id;  // sa_handle_init
+    struct pub_pty_st pty;               // the holder of the channel (below)
+    struct sa_msg_st req;                // command reader thread
+    struct sa_msg_st rsp;                // command reader thread
+    // The newest kernel-message reader: written by whoever starts one (sa_handle_init, then the command reader thread).
+    pub_thread_id m_read_kernel_log_tid;
+    // The switches, 0 or 1: command reader thread.
+    uint8_t m_is_packets_capture;
+    uint8_t m_is_kernel_log;
+    uint8_t m_is_dmesg_log;
+};
+
+extern struct sa_handle_st m_sa_handle;
+
+/**
+ * Takes the endpoint record for opening or closing it. The command reader thread owns the endpoint, but a teardown, on
+ * whichever thread a signal finds, closes it too; each waits here for the other to finish its step. The holder takes no
+ * signals, so a handler never waits for the thread it interrupted; a step makes a few system calls that do not block.
+ *
+ * @param mask_ptr  receives the signal mask for sa_channel_release.
+ * @return whether the channel is still in service: after sa_channel_retire nobody opens it again.
+ */
+bool sa_channel_hold(sigset_t *mask_ptr);
+void sa_channel_release(const sigset_t *mask_ptr);
+
+/** Called by a teardown that holds the channel: takes it out of service for good. */
+void sa_channel_retire(void);
+
+#endif
