@@ -1,0 +1,322 @@
+// Booting and ending handsets. /data is held by a mount namespace of the handle's own, so that it outlives a boot; a boot is
+// the sandbox program with our init in it; both end with the descriptors and processes that this file owns.
+#include <errno.h>
+#include <fcntl.h>
+#include <sched.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "handle.h"
+
+// ---- /data
+
+// An existing directory to mount over in a private namespace; the image must not lie below it.
+static std::string place_for_data(const std::string &image) {
+    for (const char *place : {"/media", "/srv", "/opt", "/mnt", "/home", "/root", "/var"}) {
+        std::string below = std::string(place) + "/";
+        struct stat st;
+        if (lstat(place, &st) == 0 && S_ISDIR(st.st_mode) && image.compare(0, below.size(), below) != 0) {
+            return place;
+        }
+    }
+    return "";
+}
+
+// In a forked child: makes the namespace and waits until the parent has it.
+[[noreturn]] static void hold_data(const char *place, const char *mount_options, int ready, int go) {
+    char byte = 0;
+    bool made = unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+                mount("tmpfs", place, "tmpfs", MS_NOSUID | MS_NODEV, mount_options) == 0;
+    byte = made ? 1 : 0;
+    if (write(ready, &byte, 1) == 1 && read(go, &byte, 1) < 0) {
+        _exit(1);
+    }
+    _exit(0);
+}
+
+static bool make_data(desk *h) {
+    std::string mount_options = "mode=0771,uid=1000,gid=1000,size=" + std::to_string(h->options.data_size);
+    int ready[2];
+    int go[2];
+    if (pipe2(ready, O_CLOEXEC) != 0) {
+        return desk_fail_errno("pipe");
+    }
+    if (pipe2(go, O_CLOEXEC) != 0) {
+        close(ready[0]);
+        close(ready[1]);
+        return desk_fail_errno("pipe");
+    }
+    pid_t pid = fork();
+    if (pid == 0) {
+        close(go[1]);
+        hold_data(h->data_place.c_str(), mount_options.c_str(), ready[1], go[0]);
+    }
+    close(ready[1]);
+    close(go[0]);
+    char byte = 0;
+    bool made = pid > 0 && read(ready[0], &byte, 1) == 1 && byte == 1;
+    if (made) {
+        h->data_ns = open(("/proc/" + std::to_string(pid) + "/ns/mnt").c_str(), O_RDONLY | O_CLOEXEC);
+    }
+    close(ready[0]);
+    close(go[1]);
+    if (pid > 0) {
+        waitpid(pid, nullptr, 0);
+    }
+    return h->data_ns >= 0 || desk_fail("no file system for /data could be made");
+}
+
+// ---- the sandbox's arguments
+
+static void add_host_libraries(std::vector<std::string> *args) {
+    for (const char *path : {"/lib", "/lib32", "/lib64", "/libx32"}) {
+        char target[256];
+        ssize_t length = readlink(path, target, sizeof(target) - 1);
+        if (length > 0) {
+            target[length] = '\0';
+            args->insert(args->end(), {"--symlink", target, path});
+        } else if (access(path, F_OK) == 0) {
+            args->insert(args->end(), {"--ro-bind", path, path});
+        }
+    }
+}
+
+// All of root's rights but those that reach past every namespace: modules, clock, ports, power.
+static void add_sandbox(std::vector<std::string> *args, const std::string &image, const std::string &data) {
+    args->insert(args->end(), {"bwrap",      "--unshare-pid", "--unshare-ipc",  "--unshare-uts",     "--unshare-net",
+                               "--hostname", "localhost",     "--as-pid-1",     "--die-with-parent", "--cap-add",
+                               "ALL",        "--cap-drop",    "CAP_SYS_MODULE", "--cap-drop",        "CAP_SYS_TIME",
+                               "--cap-drop", "CAP_SYS_RAWIO", "--cap-drop",     "CAP_SYS_BOOT",      "--ro-bind",
+                               "/usr",       "/usr"});
+    add_host_libraries(args);
+    args->insert(args->end(), {"--ro-bind-try", "/etc/ld.so.cache", "/etc/ld.so.cache", "--ro-bind", image, "/image",
+                               "--bind", data, "/data", "--", "/image/bin/init"});
+}
+
+static std::string flag(const char *name, bool value) {
+    return std::string(name) + (value ? "=1" : "=0");
+}
+
+static std::string number(const char *name, long long value) {
+    return std::string(name) + "=" + std::to_string(value);
+}
+
+// Instructions to the run-time parts of sanitizers reach the programs inside, so that a sanitized build reports there too.
+static void add_environment(std::vector<std::string> *args, const desk_options &o) {
+    for (const char *name : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS", "TSAN_OPTIONS"}) {
+        const char *value = getenv(name);
+        if (value != nullptr) {
+            args->push_back(std::string("env=") + name + "=" + value);
+        }
+    }
+    if (!o.timezone.empty()) {
+        args->push_back("env=TZ=" + o.timezone);
+    }
+    for (const std::string &variable : o.environment) {
+        args->push_back("env=" + variable);
+    }
+}
+
+static std::vector<std::string> boot_arguments(const desk *h, int line, int kmsg) {
+    const desk_options &o = h->options;
+    std::vector<std::string> args;
+    add_sandbox(&args, o.image.empty() ? DESK_IMAGE : o.image, h->data_place);
+    args.insert(args.end(),
+                {number("line", line), number("kmsg", kmsg), flag("agent", o.agent), flag("log_dir", o.log_dir),
+                 flag("card", o.card), number("card_size", static_cast<long long>(o.card_size)), flag("tmp", o.tmp),
+                 flag("config", o.config), flag("old_ctl", o.old_ctl), number("protocol", o.property_protocol),
+                 number("restart_ms", o.restart_ms), number("umask", o.umask), flag("closed_stdin", o.closed_stdin),
+                 "output=" + o.output, "printk=" + o.printk, "link=" + o.link});
+    add_environment(&args, o);
+    for (const auto &preset : o.properties) {
+        args.push_back("prop=" + preset.first + "=" + preset.second);
+    }
+    return args;
+}
+
+// ---- start and end of the processes
+
+[[noreturn]] static void become_sandbox(int data_ns, int line, int kmsg, char *const *argv) {
+    static char *const environment[] = {const_cast<char *>("PATH=/usr/bin:/bin:/usr/local/bin"), nullptr};
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    int null = open("/dev/null", O_RDWR);
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    if (null < 0 || dup2(null, 0) < 0 || dup2(null, 1) < 0 || setns(data_ns, CLONE_NEWNS) != 0 || chdir("/") != 0) {
+        _exit(126);
+    }
+    fcntl(line, F_SETFD, 0);
+    if (kmsg >= 0) {
+        fcntl(kmsg, F_SETFD, 0);
+    }
+    execvpe("bwrap", argv, environment);
+    _exit(127);
+}
+
+static bool start_sandbox(desk *h) {
+    int line[2];
+    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, line) != 0) {
+        return desk_fail_errno("socketpair");
+    }
+    int on = 1;
+    setsockopt(line[0], SOL_SOCKET, SO_PASSCRED, &on, sizeof(on));  // init's pid comes with its first word
+    int kmsg = h->options.kmsg_machine ? open("/dev/kmsg", O_RDONLY | O_NONBLOCK | O_CLOEXEC) : -1;
+    std::vector<std::string> args = boot_arguments(h, line[1], kmsg);
+    std::vector<char *> argv;
+    for (std::string &arg : args) {
+        argv.push_back(&arg[0]);
+    }
+    argv.push_back(nullptr);
+    h->sandbox = fork();
+    if (h->sandbox == 0) {
+        become_sandbox(h->data_ns, line[1], kmsg, argv.data());
+    }
+    close(line[1]);
+    if (kmsg >= 0) {
+        close(kmsg);
+    }
+    h->line = line[0];
+    return h->sandbox > 0 || desk_fail_errno("fork");
+}
+
+// The sandbox program ends when the handset's first process has ended, and that one ends after all others.
+static void stop_sandbox(desk *h) {
+    if (h->init > 0) {
+        kill(h->init, SIGKILL);
+    }
+    if (h->line >= 0) {
+        close(h->line);
+    }
+    if (h->root >= 0) {
+        close(h->root);
+    }
+    if (h->sandbox > 0) {
+        if (h->init <= 0) {
+            kill(h->sandbox, SIGKILL);
+        }
+        while (waitpid(h->sandbox, nullptr, 0) < 0 && errno == EINTR) {
+        }
+    }
+    h->line = h->root = -1;
+    h->sandbox = h->init = -1;
+    h->log.clear();
+    h->log_offset = 0;
+    h->log_rest.clear();
+}
+
+static bool expect(desk *h, const std::string &word, int64_t end, pid_t *sender) {
+    int64_t left = end - desk_now_ms();
+    std::string said = control_receive(h->line, left > 0 ? static_cast<int>(left) : 0, sender);
+    if (said == word) {
+        return true;
+    }
+    return desk_fail(said.empty() ? "the handset did not boot (is bubblewrap installed?): " + desk_error() : said);
+}
+
+static bool put_files(desk *h) {
+    for (const desk_file &file : h->options.files) {
+        size_t slash = file.path.rfind('/');
+        if (slash != std::string::npos && slash > 0 && !desk_make_dir(h, file.path.substr(0, slash))) {
+            return false;
+        }
+        desk_remove(h, file.path);
+        bool put = file.host_source.empty() ? desk_write_file(h, file.path, file.text, file.mode, file.uid, file.gid)
+                                            : desk_bring(h, file.host_source, file.path, file.mode);
+        if (!put) {
+            return false;
+        }
+    }
+    for (const std::string &path : h->options.absent) {
+        if (!desk_remove(h, path)) {
+            return false;
+        }
+    }
+    return h->options.prepare == nullptr || h->options.prepare(h) || desk_fail("prepare refused: " + desk_error());
+}
+
+static bool boot(desk *h) {
+    int64_t end = desk_now_ms() + h->options.boot_ms;
+    if (!start_sandbox(h)) {
+        return false;
+    }
+    pid_t init = -1;
+    if (!expect(h, "staged", end, &init)) {
+        return false;
+    }
+    h->init = init;
+    h->root = open(desk_host_path(h, "/").c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    if (h->root < 0) {
+        return desk_fail_errno("the handset's root");
+    }
+    if (!put_files(h)) {
+        return false;
+    }
+    return send(h->line, "go", 2, MSG_NOSIGNAL) == 2 && expect(h, "up", end, nullptr);
+}
+
+// ---- public
+
+desk *desk_boot(const desk_options &options) {
+    if (geteuid() != 0) {
+        desk_fail("handsets need root");
+        return nullptr;
+    }
+    desk *h = new desk;
+    h->options = options;
+    h->data_place = place_for_data(options.image.empty() ? DESK_IMAGE : options.image);
+    if (h->data_place.empty()) {
+        desk_fail("no directory to mount over");
+    } else if (make_data(h) && boot(h)) {
+        return h;
+    }
+    std::string reason = desk_error();
+    desk_end(h);
+    desk_fail(reason);
+    return nullptr;
+}
+
+void desk_end(desk *h) {
+    if (h == nullptr) {
+        return;
+    }
+    stop_sandbox(h);
+    if (h->data_ns >= 0) {
+        close(h->data_ns);
+    }
+    delete h;
+}
+
+bool desk_reboot(desk *h, bool keep, const desk_options *options) {
+    stop_sandbox(h);
+    if (options != nullptr) {
+        h->options = *options;
+    }
+    if (!keep) {
+        close(h->data_ns);
+        h->data_ns = -1;
+        if (!make_data(h)) {
+            return false;
+        }
+    }
+    return boot(h);
+}
+
+const desk_options &desk_booted_with(const desk *h) {
+    return h->options;
+}
+
+pid_t desk_init_pid(const desk *h) {
+    return h->init;
+}
+
+std::string desk_host_path(const desk *h, const std::string &path) {
+    return "/proc/" + std::to_string(h->init) + "/root" + path;
+}

@@ -1,0 +1,43 @@
+// What the desk library's files share: the handle and the way to a handset's init. Not for users of the library.
+#ifndef HANDSET_DESK_HANDLE_H
+#define HANDSET_DESK_HANDLE_H
+
+#include <mutex>
+
+#include "desk.h"
+
+// One handset. The descriptors are open while it is booted, -1 else; `data_ns` stays over reboots.
+struct desk {
+    desk_options options;
+    int data_ns = -1;        // mount namespace that holds the file system of /data
+    std::string data_place;  // where in it
+    pid_t sandbox = -1;      // the sandbox program, our child
+    pid_t init = -1;         // the handset's first process
+    int line = -1;           // to init: closing it ends the handset
+    int root = -1;           // the handset's root directory
+    std::mutex log_mutex;    // over the three below: what has been read of the log journal
+    std::vector<desk_log_entry> log;
+    uint64_t log_offset = 0;
+    std::string log_rest;
+};
+
+// Notes a failure's reason and returns false.
+bool desk_fail(const std::string &reason);
+// The same with errno's text.
+bool desk_fail_errno(const std::string &what);
+
+int64_t desk_now_ms();
+
+// Opens a connection to init's control socket; -1 on failure.
+int control_connect(const desk *h);
+// Sends one request, with descriptors.
+bool control_send(int fd, const std::vector<std::string> &words, const std::vector<int> &fds = {});
+// Next answer; "" when the connection ended or the limit passed. `sender`, when given, gets the pid that came along
+// (the socket must have asked for it before the answer was sent: SO_PASSCRED).
+std::string control_receive(int fd, int limit_ms, pid_t *sender = nullptr);
+// One request, one answer.
+std::string control_ask(const desk *h, const std::vector<std::string> &words, int limit_ms = 30000);
+// Number behind the first blank of an answer that starts with `word`, else `fallback`.
+int control_number(const std::string &answer, const std::string &word, int fallback);
+
+#endif

@@ -1,0 +1,23 @@
+// What the files of the command line tool share.
+#ifndef HANDSET_DESK_HANDSET_H
+#define HANDSET_DESK_HANDSET_H
+
+#include "desk.h"
+
+// One call of `handset`.
+struct handset_call {
+    std::string verb;  // "run", "boot", "shell"
+    desk_options options;
+    std::vector<std::string> program;  // run: what stands behind "--"
+    std::string state;                 // host directory that keeps /data between boots, "": none
+    int uid = 0;
+    int gid = 0;
+};
+
+// Reads the command line. Returns -1 to go on, else the status to end with (help or a mistake, already told).
+int handset_parse(int argc, char **argv, handset_call *call);
+
+// Runs a shell, or `argv`, on a terminal of the handset joined to ours; returns its exit status.
+int handset_shell(desk *h, const std::vector<std::string> &argv);
+
+#endif

@@ -1,0 +1,123 @@
+// Actions of the rc files: commands that run on boot events and whenever a property gets a value.
+// State: the actions in the order they were read, and whether property triggers are live yet.
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "init.h"
+
+struct action {
+    std::string trigger;
+    std::vector<command_line> commands;
+};
+
+static std::vector<action> m_actions;
+static bool m_properties_live = false;
+static int m_depth = 0;
+
+enum { DEEPEST = 16 };  // actions that set properties may run further actions; a circle must end
+
+void action_add(const std::string &trigger, const std::vector<command_line> &commands) {
+    m_actions.push_back({trigger, commands});
+}
+
+// Waits, as the platform's `wait` does, with the whole init standing still; in vain when no service could make the file.
+static void wait_for(const std::string &path, int ms) {
+    int64_t end = loop_now() + ms;
+    while (access(path.c_str(), F_OK) != 0 && loop_now() < end && services_any_running()) {
+        usleep(500);
+        children_reap();
+    }
+}
+
+static void make_dir(const command_line &words) {
+    mkdir(words[1].c_str(), 0755);
+    if (words.size() > 2) {
+        chmod(words[1].c_str(), static_cast<mode_t>(strtol(words[2].c_str(), nullptr, 8)));
+    }
+    if (words.size() > 4 && chown(words[1].c_str(), account_id(words[3], 0), account_id(words[4], 0)) != 0) {
+        fprintf(stderr, "init: chown of %s failed\n", words[1].c_str());
+    }
+}
+
+static bool run_file_command(const command_line &words) {
+    const std::string &verb = words[0];
+    if (verb == "mkdir") {
+        make_dir(words);
+    } else if (verb == "write" && words.size() == 3) {
+        text_write_file(words[1], words[2], 0644);
+    } else if (verb == "wait") {
+        wait_for(words[1], words.size() > 2 ? 1000 * atoi(words[2].c_str()) : 5000);
+    } else {
+        return false;
+    }
+    return true;
+}
+
+static void run_command(const command_line &words) {
+    const std::string &verb = words[0];
+    if (words.size() < 2) {
+        fprintf(stderr, "init: command %s needs an argument\n", verb.c_str());
+    } else if (verb == "start" || verb == "stop" || verb == "restart") {
+        service_control(verb, words[1]);
+    } else if (verb == "setprop") {
+        property_request(words[1], words.size() > 2 ? words[2] : "", 0);
+    } else if (verb == "class_start") {
+        services_start_class(words[1]);
+    } else if (verb == "class_stop") {
+        services_stop_class(words[1]);
+    } else if (verb == "trigger") {
+        actions_run_event(words[1]);
+    } else if (!run_file_command(words)) {
+        fprintf(stderr, "init: unknown command %s\n", verb.c_str());
+    }
+}
+
+static void run_matching(const std::string &trigger, const std::string &other) {
+    if (m_depth >= DEEPEST) {
+        fprintf(stderr, "init: actions run in circles at %s\n", trigger.c_str());
+        return;
+    }
+    m_depth++;
+    for (size_t i = 0; i < m_actions.size(); i++) {
+        if (m_actions[i].trigger == trigger || m_actions[i].trigger == other) {
+            for (const command_line &words : m_actions[i].commands) {
+                run_command(words);
+            }
+        }
+    }
+    m_depth--;
+}
+
+void actions_run_event(const std::string &event) {
+    journal({"boot", event});
+    run_matching(event, event);
+}
+
+void actions_property_set(const std::string &name, const std::string &value) {
+    if (m_properties_live) {
+        run_matching("property:" + name + "=" + value, "property:" + name + "=*");
+    }
+}
+
+static bool holds(const std::string &condition) {
+    size_t mark = condition.find('=');
+    if (mark == std::string::npos) {
+        return false;
+    }
+    std::string value = property_value(condition.substr(0, mark));
+    std::string wanted = condition.substr(mark + 1);
+    return wanted == "*" ? !value.empty() : value == wanted;
+}
+
+void actions_enable_properties() {
+    m_properties_live = true;
+    for (size_t i = 0; i < m_actions.size(); i++) {
+        if (text_starts(m_actions[i].trigger, "property:") && holds(m_actions[i].trigger.substr(9))) {
+            for (const command_line &words : m_actions[i].commands) {
+                run_command(words);
+            }
+        }
+    }
+}

@@ -1,0 +1,135 @@
+// Everything that init starts goes through child_start, and every end of a process comes back through children_reap.
+// State: the descriptor that reports SIGCHLD.
+#include <errno.h>
+#include <fcntl.h>
+#include <grp.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/epoll.h>
+#include <sys/ioctl.h>
+#include <sys/prctl.h>
+#include <sys/signalfd.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "init.h"
+
+#define PLATFORM_PATH \
+    "/product/bin:/apex/com.android.runtime/bin:/system/bin:/system/xbin:/odm/bin:/vendor/bin:/vendor/xbin"
+
+static int m_signals = -1;
+
+std::vector<std::string> child_environment() {
+    std::vector<std::string> all = {
+        "PATH=" PLATFORM_PATH,         "ANDROID_ROOT=/system",     "ANDROID_DATA=/data",
+        "ANDROID_STORAGE=/storage",    "EXTERNAL_STORAGE=/sdcard",
+        "LD_LIBRARY_PATH=/system/lib",  // the platform's linker looks there by itself
+    };
+    all.insert(all.end(), options().environment.begin(), options().environment.end());
+    return all;
+}
+
+static std::vector<char *> pointers(const std::vector<std::string> &texts) {
+    std::vector<char *> result;
+    for (const std::string &text : texts) {
+        result.push_back(const_cast<char *>(text.c_str()));
+    }
+    result.push_back(nullptr);
+    return result;
+}
+
+static void default_signals() {
+    for (int number = 1; number < NSIG; number++) {
+        signal(number, SIG_DFL);
+    }
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+}
+
+// The three streams. Given descriptors are above 2 already: init itself has 0 to 2 taken.
+static bool set_streams(const child_setup &setup) {
+    for (int i = 0; i < 3; i++) {
+        int fd = setup.fds[i];
+        if (fd < 0 && i > 0 && !setup.output.empty()) {
+            fd = open(setup.output.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+        } else if (fd < 0) {
+            fd = open("/dev/null", O_RDWR | O_CLOEXEC);
+        }
+        if (fd < 0 || dup2(fd, i) < 0) {
+            return false;
+        }
+    }
+    if (setup.closed_stdin) {
+        close(0);
+    }
+    return true;
+}
+
+static bool take_identity(const child_setup &setup) {
+    return setgroups(setup.groups.size(), setup.groups.data()) == 0 && setgid(setup.gid) == 0 && setuid(setup.uid) == 0;
+}
+
+static bool take_session(const child_setup &setup) {
+    if (!setup.terminal) {
+        return setpgid(0, 0) == 0;
+    }
+    return setsid() >= 0 && ioctl(setup.fds[0], TIOCSCTTY, 0) == 0;
+}
+
+[[noreturn]] static void become(const child_setup &setup) {
+    default_signals();
+    umask(static_cast<mode_t>(setup.umask));
+    if (!take_session(setup) || !set_streams(setup) || chdir(setup.cwd.c_str()) != 0 || !take_identity(setup)) {
+        _exit(126);
+    }
+    std::vector<char *> argv = pointers(setup.argv);
+    std::vector<char *> env = pointers(setup.environment);
+    if (setup.search) {
+        clearenv();
+        for (char *variable : env) {
+            if (variable != nullptr) {
+                putenv(variable);
+            }
+        }
+        execvpe(argv[0], argv.data(), env.data());
+    } else {
+        execve(argv[0], argv.data(), env.data());
+    }
+    _exit(127);
+}
+
+pid_t child_start(const child_setup &setup) {
+    pid_t pid = fork();
+    if (pid == 0) {
+        become(setup);
+    }
+    if (pid > 0 && !setup.terminal) {
+        setpgid(pid, pid);  // whoever is first: the group must exist when the caller goes on
+    }
+    return pid;
+}
+
+void children_reap() {
+    int status;
+    for (pid_t pid; (pid = waitpid(-1, &status, WNOHANG)) > 0;) {
+        if (!service_ended(pid, status) && !control_ended(pid, status)) {
+            journal({"exit", "-", std::to_string(pid), std::to_string(status)});
+        }
+    }
+}
+
+bool children_open() {
+    sigset_t chld;
+    sigemptyset(&chld);
+    sigaddset(&chld, SIGCHLD);
+    sigprocmask(SIG_BLOCK, &chld, nullptr);
+    m_signals = signalfd(-1, &chld, SFD_CLOEXEC | SFD_NONBLOCK);
+    return m_signals >= 0 && loop_watch(m_signals, EPOLLIN, [](uint32_t) {
+               struct signalfd_siginfo info;
+               while (read(m_signals, &info, sizeof(info)) > 0) {
+               }
+               children_reap();
+           });
+}
