@@ -6,6 +6,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -142,15 +143,34 @@ static void write_loop() {
     }
 }
 
-bool journal_open() {
+// Number of the last whole line, 0 if there is none. A line that the end of an earlier daemon cut off is ended here.
+static uint64_t last_number() {
+    char tail[3 * kLogPayloadMax * 4];  // more than two lines, every byte of them escaped
+    const off_t start = m_size > static_cast<off_t>(sizeof tail) ? m_size - static_cast<off_t>(sizeof tail) : 0;
+    const ssize_t length = pread(m_fd, tail, sizeof tail, start);
+    if (length <= 0) {
+        return 0;
+    }
+    std::string text(tail, static_cast<size_t>(length));
+    if (text.back() != '\n') {
+        append("\n");
+        text.resize(text.rfind('\n') == std::string::npos ? 0 : text.rfind('\n') + 1);
+    }
+    const size_t before = text.size() < 2 ? std::string::npos : text.rfind('\n', text.size() - 2);
+    return strtoull(text.c_str() + (before == std::string::npos ? 0 : before + 1), nullptr, 10);
+}
+
+bool journal_open(uint64_t *last) {
+    *last = 0;
     if (mkdir(kDirectory, 0755) == -1 && errno != EEXIST) {
         return false;
     }
-    m_fd = open(kJournal, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+    m_fd = open(kJournal, O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
     if (m_fd == -1) {
         return false;
     }
     m_size = lseek(m_fd, 0, SEEK_END);
+    *last = last_number();
     std::thread(write_loop).detach();
     return true;
 }

@@ -9,9 +9,9 @@
 
 #include "handset/logd/store.h"
 
-// Opens the journal (directory made if missing, an earlier journal continued) and starts its writer thread.
-// Without a journal the daemon works all the same: false then, and errno.
-bool journal_open();
+// Opens the journal (directory made if missing, an earlier journal continued) and starts its writer thread. `last` becomes
+// the number of the last entry in it, 0 if none. Without a journal the daemon works all the same: false then, and errno.
+bool journal_open(uint64_t *last);
 // Hands an entry to the writer. Never blocks on the file.
 void journal_put(const log_entry &entry);
 // The line of an entry, newline included.

@@ -22,9 +22,11 @@ int main() {
     if (news == -1) {
         return give_up("eventfd");
     }
-    if (!journal_open()) {
+    uint64_t last = 0;
+    if (!journal_open(&last)) {
         give_up("no journal");  // the log itself works without
     }
+    store_continue(last);
     // Readers first: who finds the way in finds the way out as well.
     const int listener = readers_open();
     if (listener == -1) {

@@ -26,6 +26,11 @@ void store_set_limit(size_t bytes) {
     m_limit = bytes;
 }
 
+void store_continue(uint64_t sequence) {
+    std::lock_guard<std::mutex> guard(m_lock);
+    m_newest = sequence;
+}
+
 uint64_t store_add(log_entry *entry) {
     std::lock_guard<std::mutex> guard(m_lock);
     ring &to = m_rings[entry->header.buffer];

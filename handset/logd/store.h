@@ -26,6 +26,8 @@ struct log_query {
 
 // Bytes of payload and header that each ring may hold.
 void store_set_limit(size_t bytes);
+// Goes on numbering after `sequence`, the last number of a daemon before this one. Before the first entry only.
+void store_continue(uint64_t sequence);
 // Numbers the entry and adds it to its ring (header.buffer is valid), dropping old ones. Returns its sequence number.
 uint64_t store_add(log_entry *entry);
 // Sequence number of the newest entry, 0 when there was none.
