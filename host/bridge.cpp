@@ -1,0 +1,319 @@
+// The loop between a remote child and the streams of this process. Owns the two buffers between them; one poll a round,
+// signals only while it waits, so that nothing is lost between a look and a wait.
+
+#include "bridge.h"
+
+#include <poll.h>
+#include <sys/wait.h>
+#include <termios.h>
+#include <unistd.h>
+#include <algorithm>
+#include <cerrno>
+
+#include "local_tty.h"
+#include "message.h"
+
+namespace {
+
+// A marked child waits for us before it ends, so a slow reader may hold it back. An unmarked one takes its last bytes with
+// it 200 ms after its end: everything is read at once, up to a size at which holding back is the lesser evil.
+constexpr size_t OUT_MAX_MARKED = 256 * 1024;
+constexpr size_t OUT_MAX_BARE = 64 * 1024 * 1024;
+constexpr size_t OUT_PIECE = 4096;  // a pipe that polls writable takes this much without blocking
+constexpr size_t IN_MAX = 16 * 1024;
+constexpr size_t FRAME_BYTES = 57;  // one base64 line: a multiple of three, so that only the last line is padded
+
+constexpr char BYTE_INTERRUPT = 3;
+constexpr char BYTE_END = 4;
+constexpr char BYTE_SUSPEND = 26;
+constexpr char BYTE_QUIT = 28;
+
+const char ESCAPE_HELP[] =
+    "\r\n"
+    "~.   leave the remote shell\r\n"
+    "~^Z  suspend sa-host\r\n"
+    "~~   send ~ itself\r\n"
+    "~?   this help\r\n"
+    "Escapes are looked for at the beginning of a line only.\r\n";
+
+enum escape_state { ESCAPE_LINE_START, ESCAPE_TILDE, ESCAPE_INSIDE };
+
+struct bridge {
+    const host_options *options;
+    const remote *child;
+    bridge_plan *plan;
+    std::string to_child;    // input on its way, already framed
+    std::string frame_rest;  // bytes of input short of a line
+    std::string to_out;      // output on its way
+    size_t out_done = 0;     // bytes of to_out already written
+    char last_in = '\n';     // last byte of input, for ends_with_eot
+    bool is_child_gone = false;
+    bool is_escaped = false;
+    bool is_reader_gone = false;
+    escape_state escape = ESCAPE_LINE_START;
+    pid_t helper = -1;  // process that delivers a signal on the handset, -1 for none
+    bool is_resize_due = false;
+};
+
+bool is_child_done(const bridge &b) {
+    return b.is_child_gone || b.plan->mark.is_over;
+}
+
+// ---- Signals on the handset
+
+// Delivers a signal to the child's session while the bridge goes on.
+void signal_session(bridge *b, const char *name, remote_target target) {
+    if (b->helper < 0) {  // one at a time; the person will press again
+        b->helper = remote_signal_terminal(*b->options, b->child->path, name, target);
+    }
+}
+
+void reap_helper(bridge *b) {
+    if (b->helper > 0 && waitpid(b->helper, nullptr, WNOHANG) != 0) {
+        b->helper = -1;
+    }
+}
+
+// Whether a program runs in the foreground that reads its input by lines. There is no kernel on the child's side to turn
+// Ctrl-C into a signal, but the terminal's attributes are shared: a shell at its prompt and a program in raw mode switch
+// off the literal-next character or the extended functions, which do nothing to the bytes themselves.
+bool is_foreground_cooked(const bridge &b) {
+    struct termios attr = {};
+    return tcgetattr(b.child->fd, &attr) == 0 && (attr.c_lflag & IEXTEN) != 0 && attr.c_cc[VLNEXT] != _POSIX_VDISABLE;
+}
+
+void look_after_size(bridge *b) {
+    if (m_local_events.is_resized != 0) {
+        m_local_events.is_resized = 0;
+        copy_window_size(b->plan->in_fd, b->child->fd);
+        b->is_resize_due = b->plan->is_raw;
+    }
+    if (b->is_resize_due && b->helper < 0) {
+        b->is_resize_due = false;
+        signal_session(b, "WINCH", TARGET_ALL);
+    }
+}
+
+// ---- Input
+
+// What follows a tilde at the beginning of a line. Result: whether the byte was an escape.
+bool take_escape(bridge *b, char byte) {
+    switch (byte) {
+        case '.': b->is_escaped = true; return true;
+        case '?': b->to_out += ESCAPE_HELP; return true;
+        case BYTE_SUSPEND: m_local_events.is_to_suspend = 1; return true;
+        default: return false;
+    }
+}
+
+void type_byte(bridge *b, char byte) {
+    b->to_child += byte;
+    b->escape = byte == '\r' || byte == '\n' ? ESCAPE_LINE_START : ESCAPE_INSIDE;
+    if (byte == BYTE_INTERRUPT && is_foreground_cooked(*b)) {
+        signal_session(b, "INT", TARGET_FOREGROUND);
+    } else if (byte == BYTE_QUIT && is_foreground_cooked(*b)) {
+        signal_session(b, "QUIT", TARGET_FOREGROUND);
+    }
+}
+
+void take_typed(bridge *b, const char *data, size_t len) {
+    for (size_t i = 0; i < len && !b->is_escaped; ++i) {
+        if (b->escape == ESCAPE_LINE_START && data[i] == '~') {
+            b->escape = ESCAPE_TILDE;
+            continue;
+        }
+        if (b->escape == ESCAPE_TILDE) {
+            b->escape = ESCAPE_LINE_START;
+            if (take_escape(b, data[i])) {
+                continue;
+            }
+            type_byte(b, '~');
+            if (data[i] == '~') {
+                continue;
+            }
+        }
+        type_byte(b, data[i]);
+    }
+}
+
+void encode_line(const std::string &bytes, size_t at, size_t len, std::string *out) {
+    static const char digits[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    for (size_t end = at + len; at < end; at += 3) {
+        size_t count = std::min<size_t>(3, end - at);
+        unsigned bits = 0;
+        for (size_t i = 0; i < 3; ++i) {
+            bits = bits << 8 | (i < count ? static_cast<unsigned char>(bytes[at + i]) : 0U);
+        }
+        for (size_t i = 0; i < 4; ++i) {
+            *out += i <= count ? digits[bits >> (18 - 6 * i) & 63] : '=';
+        }
+    }
+    *out += '\n';
+}
+
+void take_framed(bridge *b, const char *data, size_t len) {
+    b->frame_rest.append(data, len);
+    size_t at = 0;
+    for (; b->frame_rest.size() - at >= FRAME_BYTES; at += FRAME_BYTES) {
+        encode_line(b->frame_rest, at, FRAME_BYTES, &b->to_child);
+    }
+    size_t whole = (b->frame_rest.size() - at) / 3 * 3;
+    if (whole > 0) {
+        encode_line(b->frame_rest, at, whole, &b->to_child);
+    }
+    b->frame_rest.erase(0, at + whole);
+}
+
+void end_input(bridge *b) {
+    b->plan->in_fd = -1;
+    if (b->plan->is_framed) {
+        if (!b->frame_rest.empty()) {
+            encode_line(b->frame_rest, 0, b->frame_rest.size(), &b->to_child);
+        }
+        b->to_child += FRAME_END;
+    } else if (b->plan->ends_with_eot) {
+        if (b->last_in != '\n' && b->last_in != '\r') {
+            b->to_child += '\n';  // Ctrl-D ends the input at the beginning of a line only
+        }
+        b->to_child += BYTE_END;
+    }
+}
+
+void read_input(bridge *b) {
+    char buf[IN_MAX / 2];
+    ssize_t got = read(b->plan->in_fd, buf, sizeof(buf));
+    if (got < 0 && (errno == EINTR || errno == EAGAIN)) {
+        return;
+    }
+    if (got <= 0) {
+        end_input(b);
+        return;
+    }
+    size_t len = static_cast<size_t>(got);
+    b->last_in = buf[len - 1];
+    if (b->plan->is_framed) {
+        take_framed(b, buf, len);
+    } else if (b->plan->is_raw) {
+        take_typed(b, buf, len);
+    } else {
+        b->to_child.append(buf, len);
+    }
+}
+
+void write_child(bridge *b) {
+    ssize_t done = write(b->child->fd, b->to_child.data(), b->to_child.size());
+    if (done > 0) {
+        b->to_child.erase(0, static_cast<size_t>(done));
+    } else if (done < 0 && errno != EAGAIN && errno != EINTR) {
+        b->to_child.clear();  // hung up; the output still to be read tells how it ended
+        b->plan->in_fd = -1;
+    }
+}
+
+// ---- Output
+
+size_t out_waiting(const bridge &b) {
+    return b.to_out.size() - b.out_done;
+}
+
+void read_child(bridge *b) {
+    char buf[65536];
+    ssize_t got = read(b->child->fd, buf, sizeof(buf));
+    if (got < 0 && (errno == EAGAIN || errno == EINTR)) {
+        return;
+    }
+    if (got <= 0) {
+        b->is_child_gone = true;
+        mark_end(&b->plan->mark, &b->to_out);
+    } else if (b->plan->has_mark) {
+        mark_feed(&b->plan->mark, buf, static_cast<size_t>(got), &b->to_out);
+    } else {
+        b->to_out.append(buf, static_cast<size_t>(got));
+    }
+}
+
+void write_out(bridge *b) {
+    ssize_t done = write(STDOUT_FILENO, b->to_out.data() + b->out_done, std::min(out_waiting(*b), OUT_PIECE));
+    if (done < 0) {
+        b->is_reader_gone = errno != EAGAIN && errno != EINTR;
+        return;
+    }
+    b->out_done += static_cast<size_t>(done);
+    if (b->out_done == b->to_out.size()) {
+        b->to_out.clear();
+        b->out_done = 0;
+    } else if (b->out_done >= OUT_MAX_MARKED) {
+        b->to_out.erase(0, b->out_done);
+        b->out_done = 0;
+    }
+}
+
+// ---- The round
+
+void one_round(bridge *b) {
+    enum { FROM_CHILD, FROM_IN, TO_OUT, COUNT };
+    size_t out_max = b->plan->has_mark ? OUT_MAX_MARKED : OUT_MAX_BARE;
+    struct pollfd set[COUNT] = {{-1, 0, 0}, {-1, 0, 0}, {-1, 0, 0}};
+    if (!is_child_done(*b)) {
+        set[FROM_CHILD].events =
+            static_cast<short>((out_waiting(*b) < out_max ? POLLIN : 0) | (b->to_child.empty() ? 0 : POLLOUT));
+        set[FROM_CHILD].fd = set[FROM_CHILD].events != 0 ? b->child->fd : -1;  // a hang-up can wait for room
+        set[FROM_IN].fd = b->to_child.size() < IN_MAX ? b->plan->in_fd : -1;
+        set[FROM_IN].events = POLLIN;
+    }
+    set[TO_OUT].fd = out_waiting(*b) > 0 ? STDOUT_FILENO : -1;
+    set[TO_OUT].events = POLLOUT;
+    struct timespec wait = {0, 200 * 1000 * 1000};
+    // A helper's end or a due resize has no descriptor: look again soon, but only while there is one.
+    bool is_timed = b->helper > 0 || b->is_resize_due;
+    if (ppoll(set, COUNT, is_timed ? &wait : nullptr, &b->plan->open_mask) < 0) {
+        return;
+    }
+    short readable = POLLIN | POLLHUP | POLLERR;
+    if ((set[FROM_CHILD].revents & readable) != 0 && out_waiting(*b) < out_max) {
+        read_child(b);
+    }
+    if ((set[FROM_CHILD].revents & POLLOUT) != 0 && !b->to_child.empty()) {
+        write_child(b);
+    }
+    if ((set[FROM_IN].revents & (POLLIN | POLLHUP | POLLERR | POLLNVAL)) != 0) {
+        read_input(b);
+    }
+    if (set[TO_OUT].revents != 0) {
+        write_out(b);
+    }
+}
+
+void look_after_events(bridge *b) {
+    reap_helper(b);
+    if (m_local_events.is_to_suspend != 0) {
+        m_local_events.is_to_suspend = 0;
+        local_suspend(b->plan->in_fd);
+    }
+    if (b->plan->in_fd >= 0) {
+        look_after_size(b);
+    }
+}
+
+}  // namespace
+
+bridge_end bridge_run(const host_options &options, const remote &child, bridge_plan *plan) {
+    bridge b = {};
+    b.options = &options;
+    b.child = &child;
+    b.plan = plan;
+    while (!is_child_done(b) || out_waiting(b) > 0) {
+        one_round(&b);
+        look_after_events(&b);
+        if (m_local_events.end_signal != 0) {
+            return BRIDGE_SIGNAL;
+        }
+        if (b.is_reader_gone) {
+            return BRIDGE_NO_READER;
+        }
+        if (b.is_escaped) {
+            return BRIDGE_ESCAPED;
+        }
+    }
+    return BRIDGE_OVER;
+}

@@ -1,0 +1,171 @@
+// The command channel's conversation: one request, one answer, framed by its final line. Owns the descriptor of its turn.
+
+#include "channel.h"
+
+#include <termios.h>
+#include <unistd.h>
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "endpoint.h"
+#include "message.h"
+
+namespace {
+
+constexpr size_t ANSWER_MAX = 4096;  // the agent's longest answer has 199 bytes; more is a stranger's chatter
+constexpr int SHOW_WAIT_MS = 1000;
+constexpr int SHOW_STEP_MS = 500;
+
+struct answer {
+    std::string bytes;   // as read
+    std::string result;  // the result line, empty when there is none
+    bool is_ok = false;
+    long code = 0;  // of an ERROR
+};
+
+// Takes an answer apart once its final line, OK or ERROR, is there. Result: whether it is.
+bool parse_answer(answer *reply) {
+    size_t at = 0;
+    for (size_t end; (end = reply->bytes.find("\r\n", at)) != std::string::npos; at = end + 2) {
+        std::string line = reply->bytes.substr(at, end - at);
+        if (line == "OK") {
+            reply->is_ok = true;
+            return true;
+        }
+        if (line.compare(0, 7, "ERROR: ") == 0) {
+            reply->code = strtol(line.c_str() + 7, nullptr, 10);
+            return true;
+        }
+        if (!line.empty()) {
+            reply->result = line;
+        }
+    }
+    return false;
+}
+
+void show_elapsed(const request &asked, int64_t start) {
+    int64_t elapsed = now_ms() - start;
+    if (elapsed >= SHOW_WAIT_MS) {
+        progress_show(text_of("%s: %s", asked.title.c_str(), in_time(static_cast<uint64_t>(elapsed / 1000)).c_str()));
+    }
+}
+
+int say_no_answer(const request &asked, long got, int seconds) {
+    if (got == 0) {
+        say("The agent closed the channel before it answered \"%s\": it ended or was restarted. Whether the request "
+            "was "
+            "carried out is unknown; check, then try again.",
+            asked.title.c_str());
+    } else if (errno == ETIMEDOUT) {
+        say("No answer to \"%s\" within %d s: the agent is still at it, or hangs. Try again with a longer --timeout, "
+            "or look "
+            "into /data/local/log/sa.log on the handset.",
+            asked.title.c_str(), seconds);
+    } else {
+        say("Reading the answer to \"%s\" failed: %s.", asked.title.c_str(), strerror(errno));
+    }
+    return HOST_NO_WAY;
+}
+
+// Reads until the answer is complete. Result: HOST_OK when it is, else HOST_NO_WAY with the sentence said.
+int read_answer(int fd, const request &asked, int seconds, answer *reply) {
+    int64_t start = now_ms();
+    int64_t deadline = start + seconds * INT64_C(1000);
+    while (!parse_answer(reply)) {
+        char buf[512];
+        long got = read_some(fd, buf, sizeof(buf), std::min(deadline, now_ms() + SHOW_STEP_MS));
+        if (got < 0 && errno == ETIMEDOUT && now_ms() < deadline) {
+            show_elapsed(asked, start);
+            continue;
+        }
+        if (got <= 0) {
+            return say_no_answer(asked, got, seconds);
+        }
+        reply->bytes.append(buf, static_cast<size_t>(got));
+        if (reply->bytes.size() > ANSWER_MAX) {
+            say("The %zu bytes read are no answer of the agent. Check --channel.", reply->bytes.size());
+            return HOST_NO_WAY;
+        }
+    }
+    progress_clear();
+    return HOST_OK;
+}
+
+// The bytes of one direction, with everything that is no printable ASCII made visible.
+void print_raw(const char *direction, const std::string &bytes) {
+    printf("%s ", direction);
+    for (char byte : bytes) {
+        unsigned char c = static_cast<unsigned char>(byte);
+        if (c == '\r') {
+            printf("\\r");
+        } else if (c == '\n') {
+            printf("\\n");
+        } else if (c == '\\') {
+            printf("\\\\");
+        } else if (isprint(c) != 0) {
+            putchar(c);
+        } else {
+            printf("\\x%02x", c);
+        }
+    }
+    putchar('\n');
+    fflush(stdout);
+}
+
+int print_answer(const request &asked, const answer &reply, bool is_raw) {
+    if (!reply.is_ok) {
+        say("The agent answered ERROR: %ld to \"%s\". The reason stands in /data/local/log/sa.log on the handset.",
+            reply.code, asked.title.c_str());
+        return HOST_ERROR;
+    }
+    if (!is_raw) {
+        puts(reply.result.empty() ? "OK" : reply.result.c_str());
+        fflush(stdout);
+    }
+    return HOST_OK;
+}
+
+int converse(int fd, const host_options &options, const request &asked) {
+    int seconds = options.timeout_s > 0 ? options.timeout_s : asked.timeout_s;
+    tcflush(fd, TCIFLUSH);
+    if (write_all(fd, asked.bytes.data(), asked.bytes.size(), now_ms() + seconds * INT64_C(1000)) != 0) {
+        say("The request \"%s\" could not be written: %s. Check that the agent runs, then try again.",
+            asked.title.c_str(), strerror(errno));
+        return HOST_NO_WAY;
+    }
+    if (options.is_raw) {
+        print_raw(">", asked.bytes);
+    }
+    answer reply;
+    int status = read_answer(fd, asked, seconds, &reply);
+    if (options.is_raw && !reply.bytes.empty()) {
+        print_raw("<", reply.bytes);
+    }
+    return status == HOST_OK ? print_answer(asked, reply, options.is_raw) : status;
+}
+
+}  // namespace
+
+int channel_send(const host_options &options, const std::vector<request> &requests) {
+    if (requests.empty()) {
+        return HOST_OK;
+    }
+    int seconds = options.timeout_s > 0 ? options.timeout_s : requests.front().timeout_s;
+    int fd = endpoint_open(options, options.channel, "command channel", now_ms() + seconds * INT64_C(1000));
+    if (fd < 0) {
+        return HOST_NO_WAY;
+    }
+    int status = HOST_OK;
+    for (const request &asked : requests) {
+        status = converse(fd, options, asked);
+        if (status != HOST_OK) {
+            break;
+        }
+    }
+    close(fd);
+    return status;
+}

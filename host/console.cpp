@@ -1,0 +1,239 @@
+// The console: lines into words, words into sub-commands. Owns the history and what completion knows of the handset.
+
+#include "console.h"
+
+#include <sys/types.h>
+#include <unistd.h>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "command.h"
+#include "message.h"
+#include "remote.h"
+#include "request.h"
+
+#ifdef SA_HOST_READLINE
+#include <readline/history.h>
+#include <readline/readline.h>
+#endif
+
+namespace {
+
+// Takes a line apart as a shell would: blanks between words, single and double quotes, a backslash before one character.
+// Result: true, or false with the sentence said.
+bool split_line(const std::string &line, std::vector<std::string> *words) {
+    std::string word;
+    bool has_word = false;
+    char quote = 0;
+    for (size_t i = 0; i < line.size(); ++i) {
+        char byte = line[i];
+        if (quote != 0) {
+            if (byte == quote) {
+                quote = 0;
+            } else {
+                word += byte;
+            }
+        } else if (byte == '\'' || byte == '"') {
+            quote = byte;
+            has_word = true;
+        } else if (byte == ' ' || byte == '\t') {
+            if (has_word) {
+                words->push_back(word);
+            }
+            word.clear();
+            has_word = false;
+        } else {
+            word += byte == '\\' && i + 1 < line.size() ? line[++i] : byte;
+            has_word = true;
+        }
+    }
+    if (has_word) {
+        words->push_back(word);
+    }
+    if (quote != 0) {
+        say("The quote %c is not closed.", quote);
+    }
+    return quote == 0;
+}
+
+// A line that begins like a request on the wire is one, quotes and all; it reads as with `send`.
+bool is_wire_text(const std::string &line) {
+    return line[0] == '+' || line.compare(0, 2, "AT") == 0 || line.compare(0, 3, "SA+") == 0;
+}
+
+// Runs one line. Result: false when the console is to end.
+bool run_line(const host_options &options, const std::string &text, int *status) {
+    size_t from = text.find_first_not_of(" \t");
+    if (from == std::string::npos || text[from] == '#') {
+        return true;
+    }
+    std::string line = text.substr(from);
+    std::vector<std::string> words;
+    if (is_wire_text(line)) {
+        words = {"send", "--", line};
+    } else if (!split_line(line, &words)) {
+        *status = HOST_REFUSED;
+        return true;
+    }
+    if (words[0] == "quit" || words[0] == "exit") {
+        return false;
+    }
+    if (words[0] == "console") {
+        say("This is the console already.");
+        return true;
+    }
+    int result = command_run(options, words);
+    if (result != HOST_OK) {
+        *status = result;
+    }
+    fflush(stdout);
+    return true;
+}
+
+int run_script(const host_options &options) {
+    char *line = nullptr;
+    size_t size = 0;
+    int status = HOST_OK;
+    ssize_t len;
+    while ((len = getline(&line, &size, stdin)) > 0) {
+        std::string text(line, static_cast<size_t>(len));
+        if (text.back() == '\n') {
+            text.pop_back();
+        }
+        if (!run_line(options, text, &status)) {
+            break;
+        }
+    }
+    free(line);
+    return status;
+}
+
+#ifdef SA_HOST_READLINE
+
+const char *const KNOWN_SERVICES[] = {"zr-elog",     "zr-auto-test", "zr-qel-mla",  "zr-qel-mla0", "zr-qel-mla1",
+                                      "zr-qel-mla2", "zr-qel-mla3",  "zr-qel-mla4", "zr-qel-mla5"};
+constexpr int ASK_TIMEOUT_S = 3;
+
+const host_options *m_options = nullptr;  // of the running console; readline's callbacks carry no argument
+std::vector<std::string> m_services;      // names that completion offers, filled when it is first asked
+std::vector<std::string> m_candidates;    // of the completion in progress
+size_t m_next_candidate = 0;
+
+// The names that init knows, from the properties that it keeps for each service.
+void ask_services() {
+    m_services.assign(std::begin(KNOWN_SERVICES), std::end(KNOWN_SERVICES));
+    host_options bounded = *m_options;
+    bounded.timeout_s = ASK_TIMEOUT_S;
+    std::string out;
+    remote_output(bounded, "getprop", ASK_TIMEOUT_S, nullptr, &out);
+    static const char lead[] = "[init.svc.";
+    for (size_t at = 0; (at = out.find(lead, at)) != std::string::npos;) {
+        at += sizeof(lead) - 1;
+        std::string name = out.substr(at, out.find(']', at) - at);
+        bool is_known = false;
+        for (const std::string &known : m_services) {
+            is_known = is_known || known == name;
+        }
+        if (!is_known) {
+            m_services.push_back(name);
+        }
+    }
+}
+
+char *next_candidate(const char *text, int state) {
+    if (state == 0) {
+        m_next_candidate = 0;
+    }
+    while (m_next_candidate < m_candidates.size()) {
+        const std::string &word = m_candidates[m_next_candidate++];
+        if (word.compare(0, strlen(text), text) == 0) {
+            return strdup(word.c_str());
+        }
+    }
+    return nullptr;
+}
+
+bool takes_service(const std::string &word) {
+    return word == "query" || word == "start" || word == "stop" || word == "add" || word == "remove";
+}
+
+void choose_candidates(const std::vector<std::string> &before) {
+    m_candidates.clear();
+    if (before.empty()) {
+        m_candidates = command_words();
+        m_candidates.push_back("quit");
+    } else if (before.back() == "autostart") {
+        m_candidates = {"add", "remove", "query"};
+    } else if (before.back() == "kernel-log" || before.back() == "dmesg-log") {
+        m_candidates = {"on", "off", "?"};
+    } else if (before.back() == "packets") {
+        m_candidates = {"on", "off"};
+    } else if (takes_service(before.back())) {
+        if (m_services.empty()) {
+            ask_services();
+        }
+        m_candidates = m_services;
+    }
+}
+
+char **complete(const char *text, int start, int) {
+    std::vector<std::string> before;
+    split_line(std::string(rl_line_buffer, static_cast<size_t>(start)), &before);
+    choose_candidates(before);
+    rl_attempted_completion_over = m_candidates.empty() ? 0 : 1;  // else file names, for fetch
+    return m_candidates.empty() ? nullptr : rl_completion_matches(text, next_candidate);
+}
+
+std::string history_path() {
+    const char *home = getenv("HOME");
+    return home != nullptr && *home != '\0' ? std::string(home) + "/.sa-host_history" : std::string();
+}
+
+int run_terminal(const host_options &options) {
+    std::string history = history_path();
+    m_options = &options;
+    m_services.clear();
+    rl_readline_name = "sa-host";
+    rl_attempted_completion_function = complete;
+    using_history();
+    stifle_history(1000);
+    if (!history.empty()) {
+        read_history(history.c_str());
+    }
+    int status = HOST_OK;
+    bool is_open = true;
+    while (is_open) {
+        char *line = readline("sa> ");
+        if (line == nullptr) {
+            putchar('\n');
+            break;
+        }
+        if (*line != '\0') {
+            add_history(line);
+        }
+        is_open = run_line(options, line, &status);
+        free(line);
+    }
+    if (!history.empty()) {
+        write_history(history.c_str());
+    }
+    m_options = nullptr;
+    return status;
+}
+
+#else
+
+int run_terminal(const host_options &) {
+    say("This sa-host was built without readline, so it has no console on a terminal: install the readline headers and "
+        "build again, or give the lines in a pipe.");
+    return HOST_ERROR;
+}
+
+#endif
+
+}  // namespace
+
+int console_run(const host_options &options) {
+    return isatty(STDIN_FILENO) != 0 ? run_terminal(options) : run_script(options);
+}

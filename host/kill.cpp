@@ -1,0 +1,37 @@
+// Ending the agent. Owns the descriptor of its turn on the listener.
+
+#include "kill.h"
+
+#include <unistd.h>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "endpoint.h"
+#include "message.h"
+#include "remote.h"
+
+int kill_agent(const host_options &options) {
+    static const char request[] = "host:kill";  // compared as a whole: nothing may follow
+    int seconds = options.timeout_s > 0 ? options.timeout_s : REMOTE_TIMEOUT_S;
+    int64_t deadline = now_ms() + seconds * INT64_C(1000);
+    int fd = endpoint_open(options, options.listener, "remote-shell listener", deadline);
+    if (fd < 0) {
+        return HOST_NO_WAY;
+    }
+    // The hang-up is the only answer there is.
+    char byte = 0;
+    long got = write_all(fd, request, sizeof(request) - 1, deadline) != 0 ? -1 : read_some(fd, &byte, 1, deadline);
+    int error = errno;
+    close(fd);
+    if (got == 0) {
+        puts("The agent has ended.");
+        return HOST_OK;
+    }
+    if (got > 0) {
+        say("The listener took the request for something else and the agent lives on. Check --listener.");
+        return HOST_ERROR;
+    }
+    say("The agent did not end within %d s (%s). Its main thread is busy or hangs.", seconds, strerror(error));
+    return HOST_NO_WAY;
+}

@@ -1,0 +1,35 @@
+#pragma once
+// What sa-host says to a person: sentences on standard error, and one transient progress line on a terminal.
+
+#include <cstdint>
+#include <string>
+
+// Exit statuses of every sub-command but `shell`, which passes on the remote command's own.
+enum host_status {
+    HOST_OK = 0,       // answered OK, or done
+    HOST_ERROR = 1,    // answered ERROR, or a step failed
+    HOST_NO_WAY = 2,   // no channel, busy, hung up or no answer in time
+    HOST_REFUSED = 3,  // wrong usage, or a request that cannot be written; nothing was sent
+    HOST_SHELL = 255,  // `shell` alone: sa-host itself failed, not the remote command
+};
+
+// Writes one sentence to standard error, with the program's name in front and a newline behind. Wipes the progress line.
+void say(const char *format, ...) __attribute__((format(printf, 1, 2)));
+
+// Shows `text` in place of the last progress line when standard error is a terminal; else does nothing.
+void progress_show(const std::string &text);
+
+// Wipes the progress line, if one is shown.
+void progress_clear();
+
+// "12 B", "3.4 kB", "120.3 MB": a number of bytes for a person.
+std::string in_bytes(uint64_t count);
+
+// "0:07", "12:34", "1:02:03": a number of seconds for a person.
+std::string in_time(uint64_t seconds);
+
+// printf into a string.
+std::string text_of(const char *format, ...) __attribute__((format(printf, 1, 2)));
+
+// Milliseconds of the monotonic clock.
+int64_t now_ms();

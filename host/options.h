@@ -1,0 +1,16 @@
+#pragma once
+// The choices of one run, filled by main from the command line and handed to every sub-command by reference.
+
+#include <string>
+
+struct host_options {
+    std::string root = "/";                // the handset's root directory as this process sees it
+    std::string channel = "/dev/ttyCMD0";  // published name of the command channel, inside root
+    std::string listener = "/dev/ttysa1";  // published name of the remote-shell listener, inside root
+    int timeout_s = 0;                     // how long to wait for an answer; 0: what the request usually needs
+    bool is_raw = false;                   // send: show the bytes of both directions
+    bool is_bare = false;                  // shell: send the command as it is, without the part that reports its status
+    bool is_no_input = false;              // shell: the command reads nothing
+    bool is_terminal = false;              // shell: a command gets the terminal in raw mode, like a shell does
+    std::string fetch_dir;                 // save-log: directory to copy the saved set into, empty for none
+};

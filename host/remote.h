@@ -1,0 +1,86 @@
+#pragma once
+// Commands on the handset through the remote-shell listener: the exchange that starts one, and the mark that tells its
+// process and its exit status, for which the exchange itself has no place.
+
+#include <sys/types.h>
+#include <cstdint>
+#include <string>
+
+#include "options.h"
+
+constexpr size_t REMOTE_REQUEST_MAX = 1023;  // the listener takes one read of at most this many bytes as a request
+constexpr int REMOTE_TIMEOUT_S = 30;  // for the listener to announce a connection, unless --timeout says otherwise
+
+// A started child of the agent, reached through its connection.
+struct remote {
+    int fd = -1;       // slave of the connection's pseudo-terminal: raw, non-blocking; owned by whoever started it
+    std::string path;  // its device path inside the handset
+};
+
+// Asks the listener for a connection and starts `request` ("shell:...") on it. The connection is opened, made raw and given
+// the size of `size_fd`'s terminal (-1: none) before the acknowledgement, hence before the child runs.
+// Result: 0, or -1 with the sentence said.
+int remote_start(const host_options &options, const std::string &request, int size_fd, remote *out);
+
+// Passes on the window size of one terminal to another. Does nothing when `from` is no terminal.
+void copy_window_size(int from, int to);
+
+// How a wrapped command gets its input.
+enum remote_input {
+    INPUT_NONE,    // /dev/null
+    INPUT_PLAIN,   // the connection itself: bytes pass as they are, an end of file cannot be told
+    INPUT_FRAMED,  // base64 lines ended by FRAME_END, decoded on the handset, so that the command sees the end of file
+};
+
+constexpr char FRAME_END[] = "=\n";
+
+// The mark as it is found in the child's output: `tag`, decimal digits, newline. The first one of a run carries the
+// process id of the command's shell, which leads its session and group; the second one the command's exit status.
+struct remote_mark {
+    std::string tag;
+    std::string held;  // bytes that may be the beginning of a mark
+    long pid = 0;      // 0 until the first mark
+    bool is_over = false;
+    int status = 0;  // valid once is_over
+};
+
+// A mark with a tag of its own, which no output contains by chance.
+remote_mark mark_new();
+
+// The request that runs `command` between two marks. It then waits until the client closes, so that no output is lost
+// however slowly it is read. May be longer than REMOTE_REQUEST_MAX: the caller decides what that means.
+std::string mark_wrap(const remote_mark &mark, const std::string &command, remote_input input);
+
+// Passes output through the mark: appends to `out` what belongs to the command, keeps what may be part of a mark.
+void mark_feed(remote_mark *mark, const char *data, size_t len, std::string *out);
+
+// The output has ended: what is still held was no mark.
+void mark_end(remote_mark *mark, std::string *out);
+
+// Takes the output of remote_run; false stops the run.
+typedef bool (*remote_sink)(void *context, const char *data, size_t len);
+
+// Runs a command without input and gives its output to `sink`. `quiet_s` bounds the time without a byte of output;
+// `what`, unless null, is shown with the elapsed time meanwhile. Result: the command's exit status, or -1 with the
+// sentence said (or the sink's own).
+int remote_run(const host_options &options, const std::string &command, int quiet_s, const char *what, remote_sink sink,
+               void *context);
+
+// Same, collecting the output into a string of at most 1 MiB.
+int remote_output(const host_options &options, const std::string &command, int quiet_s, const char *what,
+                  std::string *out);
+
+// Which processes of a session a signal is for.
+enum remote_target { TARGET_FOREGROUND, TARGET_ALL };
+
+// Sends a signal ("INT") to the processes that have a connection's terminal, as the kernel would for a terminal that
+// controls a session: this one controls none. Runs through a connection of its own, in a silent process of its own that
+// ends within seconds. Result: that process, to be waited for by the caller, or -1.
+pid_t remote_signal_terminal(const host_options &options, const std::string &path, const char *signal_name,
+                             remote_target target);
+
+// Sends a signal to the process group of a wrapped command. Result as above.
+pid_t remote_signal_group(const host_options &options, long pid, const char *signal_name);
+
+// `text` as one word of a shell command line.
+std::string shell_quoted(const std::string &text);

@@ -1,0 +1,176 @@
+// Plain words to request bytes. Owns the table of the ten sub-commands; everything else is derived from its rows.
+
+#include "request.h"
+
+#include <strings.h>
+#include <cstring>
+
+#include "message.h"
+
+namespace {
+
+// The agent takes one read of at most this many bytes as a request; a longer one would be cut into two.
+constexpr size_t REQUEST_MAX = 199;
+constexpr size_t NAME_MAX_LEN = 39;  // the agent's name buffers hold 40 with the terminator
+constexpr int UNKNOWN_TIMEOUT_S = 30;
+const char *const PREFIX = "AT SA";
+
+enum shape { SHAPE_NAME, SHAPE_AUTOSTART, SHAPE_COMMAND, SHAPE_SWITCH, SHAPE_SWITCH_SET, SHAPE_BARE };
+
+bool check_quoted(const char *what, const std::string &text, std::string *why) {
+    if (text.empty()) {
+        *why = text_of("The %s is empty: give one.", what);
+        return false;
+    }
+    if (text.find('"') != std::string::npos) {
+        *why = text_of(
+            "The %s contains a double quote, which ends the argument on the wire and cannot be escaped: write it "
+            "with single quotes.",
+            what);
+        return false;
+    }
+    if (text.find('\r') != std::string::npos) {
+        *why = text_of("The %s contains a carriage return, which can end a request early: leave it out.", what);
+        return false;
+    }
+    return true;
+}
+
+bool check_name(const std::string &name, std::string *why) {
+    if (!check_quoted("service name", name, why)) {
+        return false;
+    }
+    if (name.size() > NAME_MAX_LEN) {
+        *why = text_of("The service name is %zu bytes long; the agent takes at most %zu.", name.size(), NAME_MAX_LEN);
+        return false;
+    }
+    return true;
+}
+
+bool argument_autostart(const std::vector<std::string> &words, std::string *argument, std::string *why) {
+    static const char *const actions[] = {"remove", "add", "query"};  // position: the number on the wire
+    for (size_t i = 0; i < sizeof(actions) / sizeof(actions[0]); ++i) {
+        if (words[0] == actions[i]) {
+            *argument = text_of("=\"%s\",%zu", words[1].c_str(), i);
+            return check_name(words[1], why);
+        }
+    }
+    *why = text_of("\"%s\" is not an action of the auto-start list: use add, remove or query.", words[0].c_str());
+    return false;
+}
+
+bool argument_switch(bool can_read, const std::string &word, std::string *argument, std::string *why) {
+    if (word == "on" || word == "1") {
+        *argument = "=1";
+    } else if (word == "off" || word == "0") {
+        *argument = "=0";
+    } else if (can_read && (word == "?" || word == "query")) {
+        *argument = "?";
+    } else {
+        *why = text_of("\"%s\" is not a state of the switch: use %s.", word.c_str(),
+                       can_read ? "on, off or ?" : "on or off (this switch cannot be read)");
+        return false;
+    }
+    return true;
+}
+
+size_t operand_count(int kind) {
+    return kind == SHAPE_BARE ? 0 : kind == SHAPE_AUTOSTART ? 2 : 1;
+}
+
+bool argument_of(const request_kind &kind, const std::vector<std::string> &words, std::string *argument,
+                 std::string *why) {
+    if (words.size() != operand_count(kind.shape)) {
+        *why = text_of("Usage: sa-host %s%s%s", kind.word, *kind.usage != '\0' ? " " : "", kind.usage);
+        return false;
+    }
+    switch (kind.shape) {
+        case SHAPE_NAME: *argument = "=\"" + words[0] + "\""; return check_name(words[0], why);
+        case SHAPE_AUTOSTART: return argument_autostart(words, argument, why);
+        case SHAPE_COMMAND: *argument = "=\"" + words[0] + "\""; return check_quoted("command", words[0], why);
+        case SHAPE_SWITCH: return argument_switch(true, words[0], argument, why);
+        case SHAPE_SWITCH_SET: return argument_switch(false, words[0], argument, why);
+        default: return true;
+    }
+}
+
+bool check_length(const request &made, std::string *why) {
+    if (made.bytes.size() <= REQUEST_MAX) {
+        return true;
+    }
+    *why = text_of(
+        "The request is %zu bytes long with its prefix and carriage return; the agent takes at most %zu. "
+        "Shorten it by %zu, or put a long command into a script on the handset.",
+        made.bytes.size(), REQUEST_MAX, made.bytes.size() - REQUEST_MAX);
+    return false;
+}
+
+int usual_timeout(const std::string &bytes) {
+    for (const request_kind *kind = m_request_kinds; kind->word != nullptr; ++kind) {
+        if (strcasestr(bytes.c_str(), kind->at_name) != nullptr) {
+            return kind->timeout_s;
+        }
+    }
+    return UNKNOWN_TIMEOUT_S;
+}
+
+}  // namespace
+
+// Time-outs leave room beyond what the agent itself waits for: 8 s for a start, 10 s for a stop, five runs of a failing
+// command, minutes for the bug report of a saved set.
+// clang-format off
+const request_kind m_request_kinds[] = {
+    {"query",      "NAME",                  "ask whether a service runs",               "+QUERY_SERVICE",      SHAPE_NAME,       30},
+    {"start",      "NAME",                  "start a service and wait until it runs",   "+START_SERVICE",      SHAPE_NAME,       60},
+    {"stop",       "NAME",                  "stop a service and wait until it is gone", "+STOP_SERVICE",       SHAPE_NAME,       60},
+    {"autostart",  "add|remove|query NAME", "services to start with the agent",         "+AUTO_START_SERVICE", SHAPE_AUTOSTART,  30},
+    {"system",     "COMMAND",               "run a command (five tries), no output",    "+SYSTEM",             SHAPE_COMMAND,    600},
+    {"kernel-log", "on|off|?",              "kernel-message capture",                   "+KERNEL_LOG",         SHAPE_SWITCH,     30},
+    {"dmesg-log",  "on|off|?",              "kernel-log snapshots",                     "+DMESG_LOG",          SHAPE_SWITCH,     30},
+    {"packets",    "on|off",                "packet-capture switch",                    "+DATA_PACKETS_LOG",   SHAPE_SWITCH_SET, 30},
+    {"save-log",   "",                      "save all logs to the card",                "+SAVE_LOG",           SHAPE_BARE,       1800},
+    {"delete-log", "",                      "delete the logs and start afresh",         "+DELETE_LOG",         SHAPE_BARE,       120},
+    {nullptr,      nullptr,                 nullptr,                                    nullptr,               0,                0},
+};
+// clang-format on
+
+const request_kind *request_find(const std::string &word) {
+    for (const request_kind *kind = m_request_kinds; kind->word != nullptr; ++kind) {
+        if (word == kind->word) {
+            return kind;
+        }
+    }
+    return nullptr;
+}
+
+bool request_build(const request_kind &kind, const std::vector<std::string> &operands, request *out, std::string *why) {
+    std::string argument;
+    if (!argument_of(kind, operands, &argument, why)) {
+        return false;
+    }
+    out->title = kind.word;
+    for (const std::string &word : operands) {
+        out->title += " " + word;
+    }
+    out->bytes = PREFIX + std::string(kind.at_name) + argument + "\r";
+    out->timeout_s = kind.timeout_s;
+    return check_length(*out, why);
+}
+
+bool request_from_text(const std::string &text, request *out, std::string *why) {
+    if (text.empty()) {
+        *why = "The request is empty: give one, for example AT or +KERNEL_LOG?.";
+        return false;
+    }
+    out->title = text;
+    out->bytes = text;
+    if (strncasecmp(text.c_str(), "AT", 2) != 0) {
+        bool has_agent = text.compare(0, 2, "SA") == 0;
+        out->bytes.insert(0, has_agent ? "AT " : PREFIX);
+    }
+    if (out->bytes.back() != '\r') {
+        out->bytes += '\r';
+    }
+    out->timeout_s = usual_timeout(out->bytes);
+    return check_length(*out, why);
+}
