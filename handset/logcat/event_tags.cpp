@@ -9,7 +9,7 @@
 static void take_line(const char *line, event_tags *tags) {
     char *end;
     errno = 0;
-    const unsigned long number = strtoul(line, &end, 10);
+    const unsigned long long number = strtoull(line, &end, 10);
     if (end == line || errno != 0 || number > UINT32_MAX || (*end != ' ' && *end != '\t')) {
         return;
     }
