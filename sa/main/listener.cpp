@@ -3,7 +3,6 @@
 #include "sa/main/listener.h"
 
 #include <fcntl.h>
-#include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <termios.h>
@@ -11,6 +10,7 @@
 
 #include "sa/main/codes.h"
 #include "sa/main/log.h"
+#include "sa/main/signals.h"
 #include "sa/main/subproc.h"
 #include "sa/main/text.h"
 

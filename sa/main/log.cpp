@@ -38,9 +38,10 @@ static int make_prefix(const char *function, char *prefix_ptr, size_t size) {
 }
 
 // Appends one line. The message stands at `message_ptr` with kPrefixSize free bytes in front and one behind it, so that
-// prefix, message and newline leave as one write. Without the file the line is dropped.
+// prefix, message and newline leave as one write. Without the file the line is dropped; non-blocking, so that whatever
+// stands in its place (a pipe that nobody reads) cannot hold the agent up.
 static void append_to_file(const char *function, char *message_ptr) {
-    const int fd = open(SA_LOG_FILE, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0666);
+    const int fd = open(SA_LOG_FILE, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0666);
     if (fd < 0) {
         return;
     }

@@ -113,5 +113,5 @@ int main(int argc, char *argv[]) {
     sa_log_platform("%s sa_deinit_resource", __func__);
     sa_log_file("exit");
     sa_deinit_resource();
-    return static_cast<int>(ret_val);
+    sa_exit(static_cast<int>(ret_val));
 }

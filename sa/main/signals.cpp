@@ -12,6 +12,7 @@
 
 #include <cutils/properties.h>
 
+#include "pub/util/signal_mask.h"
 #include "sa/main/codes.h"
 #include "sa/main/local_time.h"
 #include "sa/main/log.h"
@@ -81,6 +82,12 @@ void sa_deinit_resource(void) {
     sa_log_file("exit ret_val[%ld]", ret_val);
 }
 
+void sa_exit(int status) {
+    sigset_t mask;
+    pub_util_block_signals(&mask);
+    exit(status);
+}
+
 // Stops the collectors and has init stop this very service. The handler returns; init ends the process.
 static void reset_agent(const char *function) {
     sa_log_platform("ready to kill all child service");
@@ -97,7 +104,7 @@ void signal_treatment(int signo) {
     sa_deinit_resource();
     if (signo != SIGUSR2) {
         sa_log("exit");
-        exit(0);
+        sa_exit(0);
     }
     reset_agent(__func__);
     sa_local_time_release();

@@ -17,4 +17,7 @@ void signal_treatment(int signo);
 /** Closes the command channel. May be called again. */
 void sa_deinit_resource(void);
 
+/** Ends the process. No handler of the calling thread runs any more: it would end the process from inside its end. */
+__attribute__((noreturn)) void sa_exit(int status);
+
 #endif
