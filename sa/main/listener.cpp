@@ -3,6 +3,8 @@
 #include "sa/main/listener.h"
 
 #include <fcntl.h>
+#include <stdlib.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <termios.h>
@@ -141,7 +143,7 @@ static void serve_request(const char *function, int fd, const char *service) {
     if (strcmp(service, kKillRequest) == 0) {
         sa_log_platform("%s exit(0)", function);
         sa_log_file_as(function, "host:kill exit");
-        exit(0);  // at once, without teardown: the published names stay, and the next start replaces them
+        sa_exit(0);  // at once, without teardown: the published names stay, and the next start replaces them
     }
     const int fd_pair = open_ptm_connection(fd);
     sa_log_platform("%s fd_pair[%d]", function, fd);  // the listener here, the connection in the file: known to readers
