@@ -59,5 +59,12 @@ if(toybox)
   endforeach()
 endif()
 
+# What the platform's toybox has and Debian's has not.
+if(busybox)
+  foreach(applet awk dd diff expr getopt more stty tr vi)
+    link_program(${busybox} bin/${applet})
+  endforeach()
+endif()
+
 file(REMOVE_RECURSE ${IMAGE})
 file(RENAME ${IMAGE}.new ${IMAGE})

@@ -1,7 +1,8 @@
-// Booting and ending handsets. /data is held by a mount namespace of the handle's own, so that it outlives a boot; a boot is
-// the sandbox program with our init in it; both end with the descriptors and processes that this file owns.
+// Booting and ending handsets. /data is held by a mount namespace of the handle's own, so that it outlives a boot; a
+// boot is the sandbox program with our init in it; both end with the descriptors and processes that this file owns.
 #include <errno.h>
 #include <fcntl.h>
+#include <linux/close_range.h>
 #include <sched.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -108,7 +109,8 @@ static std::string number(const char *name, long long value) {
     return std::string(name) + "=" + std::to_string(value);
 }
 
-// Instructions to the run-time parts of sanitizers reach the programs inside, so that a sanitized build reports there too.
+// Instructions to the run-time parts of sanitizers reach the programs inside, so that a sanitized build reports there
+// too.
 static void add_environment(std::vector<std::string> *args, const desk_options &o) {
     for (const char *name : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS", "TSAN_OPTIONS"}) {
         const char *value = getenv(name);
@@ -136,6 +138,9 @@ static std::vector<std::string> boot_arguments(const desk *h, int line, int kmsg
                  "output=" + o.output, "printk=" + o.printk, "link=" + o.link});
     add_environment(&args, o);
     for (const auto &preset : o.properties) {
+        if (h->same_data && preset.first.compare(0, 8, "persist.") == 0) {
+            continue;
+        }
         args.push_back("prop=" + preset.first + "=" + preset.second);
     }
     return args;
@@ -151,6 +156,10 @@ static std::vector<std::string> boot_arguments(const desk *h, int line, int kmsg
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
     if (null < 0 || dup2(null, 0) < 0 || dup2(null, 1) < 0 || setns(data_ns, CLONE_NEWNS) != 0 || chdir("/") != 0) {
+        _exit(126);
+    }
+    // Nothing that our caller has open may appear in a handset.
+    if (close_range(3, ~0u, CLOSE_RANGE_CLOEXEC) != 0) {
         _exit(126);
     }
     fcntl(line, F_SETFD, 0);
@@ -221,21 +230,39 @@ static bool expect(desk *h, const std::string &word, int64_t end, pid_t *sender)
     return desk_fail(said.empty() ? "the handset did not boot (is bubblewrap installed?): " + desk_error() : said);
 }
 
+// What an earlier boot with the same options has put on /data lives there by itself.
+static bool is_settled(const desk *h, const std::string &path) {
+    return h->same_data && path.compare(0, 6, "/data/") == 0;
+}
+
+static bool put_file(desk *h, const desk_file &file) {
+    desk_remove(h, file.path);
+    if (file.host_source.empty()) {
+        return desk_write_file(h, file.path, file.text, file.mode, file.uid, file.gid);
+    }
+    int fd = desk_bring(h, file.host_source, file.path, file.mode) ? desk_open(h, file.path, O_RDONLY) : -1;
+    bool owned = fd >= 0 && fchown(fd, file.uid, file.gid) == 0;
+    if (fd >= 0) {
+        close(fd);
+    }
+    return owned;
+}
+
 static bool put_files(desk *h) {
     for (const desk_file &file : h->options.files) {
+        if (is_settled(h, file.path)) {
+            continue;
+        }
         size_t slash = file.path.rfind('/');
         if (slash != std::string::npos && slash > 0 && !desk_make_dir(h, file.path.substr(0, slash))) {
             return false;
         }
-        desk_remove(h, file.path);
-        bool put = file.host_source.empty() ? desk_write_file(h, file.path, file.text, file.mode, file.uid, file.gid)
-                                            : desk_bring(h, file.host_source, file.path, file.mode);
-        if (!put) {
+        if (!put_file(h, file)) {
             return false;
         }
     }
     for (const std::string &path : h->options.absent) {
-        if (!desk_remove(h, path)) {
+        if (!is_settled(h, path) && !desk_remove(h, path)) {
             return false;
         }
     }
@@ -299,6 +326,7 @@ bool desk_reboot(desk *h, bool keep, const desk_options *options) {
     if (options != nullptr) {
         h->options = *options;
     }
+    h->same_data = keep && options == nullptr;
     if (!keep) {
         close(h->data_ns);
         h->data_ns = -1;

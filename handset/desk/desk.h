@@ -1,8 +1,9 @@
-// The desk library: boots private handsets on a PC, reaches into them and takes them down. Used by the command line tool
-// `handset` and by every test that needs a handset's paths, owners, properties, services or kernel messages.
-// A handset lives in its own mount, pid, ipc, uts and network namespaces and dies with the process that booted it.
-// Needs root. All waiting calls take a limit in milliseconds. Unless a text says otherwise a path is the handset's own
-// ("/data/x"), a pid is the one that processes inside the handset see, and a failing call leaves a reason in desk_error().
+// The desk library: boots private handsets on a PC, reaches into them and takes them down. Used by the command line
+// tool `handset` and by every test that needs a handset's paths, owners, properties, services or kernel messages. A
+// handset lives in its own mount, pid, ipc, uts and network namespaces and dies with the process that booted it. Needs
+// root. All waiting calls take a limit in milliseconds. Unless a text says otherwise a path is the handset's own
+// ("/data/x"), a pid is the one that processes inside the handset see, and a failing call leaves a reason in
+// desk_error().
 #ifndef HANDSET_DESK_H
 #define HANDSET_DESK_H
 
@@ -56,32 +57,34 @@ struct desk_options {
     int boot_ms = 20000;  // limit for the boot
 };
 
-// ---- life -------------------------------------------------------------------------------------------------------------
+// ---- life -----------------------------------------------------------------------------------------------------------
 
-// Boots a handset. Returns once init has started all that starts at boot (the agent may still be initialising), or null.
-// The handset ends with the calling thread: call it from a thread that outlives it. Release with desk_end.
+// Boots a handset. Returns once init has started all that starts at boot (the agent may still be initialising), or
+// null. The handset ends with the calling thread: call it from a thread that outlives it. Release with desk_end.
 desk *desk_boot(const desk_options &options);
 // Kills all of it, waits until nothing is left and frees the handle (null is allowed).
 void desk_end(desk *h);
-// Takes the handset down as a loss of power does and boots it again, the handle stays. keep: /data (with the persist.*
-// properties in it) survives; else both are gone. options null: as at the last boot. `data_size` counts only with keep false.
+// Takes the handset down as a loss of power does and boots it again; the handle stays. keep: /data survives, with the
+// persist.* properties in it; else both are gone. options null: as at the last boot, except that with `keep` what those
+// options put on /data (files, absent paths, persist.* presets) is not put there again. `data_size` counts only without
+// `keep`. When it fails the handle can only be ended.
 bool desk_reboot(desk *h, bool keep, const desk_options *options = nullptr);
 // The reason of the last failed call of this thread.
 const std::string &desk_error();
 // The options of the last boot.
 const desk_options &desk_booted_with(const desk *h);
 
-// ---- names and numbers ------------------------------------------------------------------------------------------------
+// ---- names and numbers ----------------------------------------------------------------------------------------------
 
 // The host's pid of the handset's init, for nsenter and the like.
 pid_t desk_init_pid(const desk *h);
-// A host path for `path`, below /proc/<pid>/root. A symbolic link in it with an absolute target leads out of the handset:
-// use the file calls below for paths that may hold one.
+// A host path for `path`, below /proc/<pid>/root. A symbolic link in it with an absolute target leads out of the
+// handset: use the file calls below for paths that may hold one.
 std::string desk_host_path(const desk *h, const std::string &path);
 // The host's pid of a process of the handset, or -1.
 pid_t desk_host_pid(const desk *h, pid_t pid);
 
-// ---- programs inside --------------------------------------------------------------------------------------------------
+// ---- programs inside ------------------------------------------------------------------------------------------------
 
 struct desk_program {
     std::vector<std::string> argv;         // argv[0]: path, or a name looked up in the handset's PATH
@@ -120,7 +123,7 @@ std::vector<pid_t> desk_pids(desk *h, const std::string &name);
 // All arguments of a process; empty when it is gone.
 std::vector<std::string> desk_arguments(desk *h, pid_t pid);
 
-// ---- properties -------------------------------------------------------------------------------------------------------
+// ---- properties -----------------------------------------------------------------------------------------------------
 
 // "" when unset.
 std::string desk_property(desk *h, const std::string &name);
@@ -128,7 +131,7 @@ std::string desk_property(desk *h, const std::string &name);
 int desk_set_property(desk *h, const std::string &name, const std::string &value);
 bool desk_wait_property(desk *h, const std::string &name, const std::string &value, int limit_ms = 10000);
 
-// ---- services ---------------------------------------------------------------------------------------------------------
+// ---- services -------------------------------------------------------------------------------------------------------
 
 // Reply code of ctl.start, ctl.stop, ctl.restart.
 int desk_service_start(desk *h, const std::string &name);
@@ -142,7 +145,7 @@ pid_t desk_service_pid(desk *h, const std::string &name);
 // The same for zr-qel-sa.
 pid_t desk_agent_pid(desk *h);
 
-// ---- kernel messages --------------------------------------------------------------------------------------------------
+// ---- kernel messages ------------------------------------------------------------------------------------------------
 
 // Queues one record, as it stands (end it with a newline; at most 4096 bytes), for the readers of /proc/kmsg. A record
 // is offered when the one before it has been read to its end.
@@ -150,7 +153,7 @@ bool desk_kmsg_feed(desk *h, const std::string &record);
 // Waits until all queued records have been read.
 bool desk_kmsg_drained(desk *h, int limit_ms = 10000);
 
-// ---- card and terminals -----------------------------------------------------------------------------------------------
+// ---- card and terminals ---------------------------------------------------------------------------------------------
 
 // Mounts or unmounts the card while the handset runs; what was on it stays on it. False when it cannot be done.
 bool desk_set_card(desk *h, bool present);
@@ -158,7 +161,7 @@ bool desk_set_card(desk *h, bool present);
 // Waits up to limit_ms for the name to appear. Returns the host descriptor or -1.
 int desk_open_tty(desk *h, const std::string &path, int limit_ms = 10000, int flags = 0);
 
-// ---- files (links are followed inside the handset) --------------------------------------------------------------------
+// ---- files (links are followed inside the handset) ------------------------------------------------------------------
 
 // open(2) inside the handset's root; returns a host descriptor or -1 with errno.
 int desk_open(desk *h, const std::string &path, int flags, mode_t mode = 0644);
@@ -189,7 +192,7 @@ bool desk_remove(desk *h, const std::string &path);
 // earlier filling.
 bool desk_fill_data(desk *h, uint64_t available);
 
-// ---- journals ---------------------------------------------------------------------------------------------------------
+// ---- journals -------------------------------------------------------------------------------------------------------
 
 // One line of /dev/.desk/init.journal. In the file fields are separated by tabs; tab, newline and backslash inside one
 // are written \t, \n, \\ and come back here as they were.
@@ -215,14 +218,15 @@ struct desk_log_entry {
 };
 // All entries so far, or those with one tag.
 std::vector<desk_log_entry> desk_log(desk *h, const std::string &tag = "");
-// Waits until an entry of `tag` has exactly this text / has it as a part. Entries with a sequence number of at least `from`
-// count. Returns the entry's sequence number + 1 (feed it back as `from` to wait for the next), or 0 when time is up.
+// Waits until an entry of `tag` has exactly this text / has it as a part. Entries with a sequence number of at least
+// `from` count. Returns the entry's sequence number + 1 (feed it back as `from` to wait for the next), or 0 when time
+// is up.
 uint64_t desk_wait_log(desk *h, const std::string &tag, const std::string &text, uint64_t from = 0,
                        int limit_ms = 10000);
 uint64_t desk_wait_log_part(desk *h, const std::string &tag, const std::string &part, uint64_t from = 0,
                             int limit_ms = 10000);
 
-// ---- waiting ----------------------------------------------------------------------------------------------------------
+// ---- waiting --------------------------------------------------------------------------------------------------------
 
 // Calls `condition` until it is true or the time is up (looking again after 1 to 20 ms); tells whether it became true.
 bool desk_until(const std::function<bool()> &condition, int limit_ms = 10000);

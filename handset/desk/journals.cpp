@@ -1,5 +1,5 @@
-// What happened in a handset: the journals of its init and of its log daemon, and waiting. State: in the handle, how far the
-// log journal has been read, so that waiting in a long log stays cheap.
+// What happened in a handset: the journals of its init and of its log daemon, and waiting. State: in the handle, how
+// far the log journal has been read, so that waiting in a long log stays cheap.
 #include <fcntl.h>
 #include <stdlib.h>
 #include <unistd.h>

@@ -129,8 +129,8 @@ static bool pump_out(int fd, std::string *text) {
     return got > 0 || (got < 0 && (errno == EAGAIN || errno == EINTR));
 }
 
-// Until the program has ended and its output is read, or the time is up. What a surviving grandchild holds open is not waited
-// for: only what is there when the program has ended still counts.
+// Until the program has ended and its output is read, or the time is up. What a surviving grandchild holds open is not
+// waited for: only what is there when the program has ended still counts.
 static void exchange(streams *s, desk_child *child, const std::string &input, int limit_ms, desk_result *result) {
     int64_t end = desk_now_ms() + limit_ms;
     size_t sent = 0;

@@ -22,7 +22,8 @@ void action_add(const std::string &trigger, const std::vector<command_line> &com
     m_actions.push_back({trigger, commands});
 }
 
-// Waits, as the platform's `wait` does, with the whole init standing still; in vain when no service could make the file.
+// Waits, as the platform's `wait` does, with the whole init standing still; in vain when no service could make the
+// file.
 static void wait_for(const std::string &path, int ms) {
     int64_t end = loop_now() + ms;
     while (access(path.c_str(), F_OK) != 0 && loop_now() < end && services_any_running()) {

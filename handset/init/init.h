@@ -1,5 +1,5 @@
-// The stand-in for the platform's init: what its rooms offer each other. Init is one thread around one loop; nothing here
-// is called from another thread or from a signal handler, so no state is guarded.
+// The stand-in for the platform's init: what its rooms offer each other. Init is one thread around one loop; nothing
+// here is called from another thread or from a signal handler, so no state is guarded.
 #ifndef HANDSET_INIT_H
 #define HANDSET_INIT_H
 
@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-// ---- options.cpp: how this boot differs from a plain one; filled from the argument vector, constant afterwards ----------
+// ---- options.cpp: how this boot differs from a plain one; filled from the argument vector, constant afterwards ------
 
 struct init_options {
     int line_fd = -1;      // to the program that booted us; its end is ours
@@ -39,7 +39,7 @@ struct init_options {
 bool options_parse(int argc, char **argv);
 const init_options &options();
 
-// ---- loop.cpp: descriptors and timers --------------------------------------------------------------------------------
+// ---- loop.cpp: descriptors and timers -------------------------------------------------------------------------------
 
 bool loop_open();
 // Calls `ready` with the epoll events of `fd` until loop_forget.
@@ -55,13 +55,13 @@ void loop_end();
 // Milliseconds of CLOCK_MONOTONIC.
 int64_t loop_now();
 
-// ---- journal.cpp -----------------------------------------------------------------------------------------------------
+// ---- journal.cpp ----------------------------------------------------------------------------------------------------
 
 bool journal_open();
 // One line: time stamp, then the fields, tab-separated and escaped.
 void journal(const std::vector<std::string> &fields);
 
-// ---- stage.cpp, links.cpp, card.cpp: the root file system and the network ---------------------------------------------
+// ---- stage.cpp, links.cpp, card.cpp: the root file system and the network -------------------------------------------
 
 // Makes /proc, /dev, /system, /etc, /data, /storage and /tmp. Returns "" or what failed.
 std::string stage_run();
@@ -73,7 +73,7 @@ std::string links_up(const std::string &kind);
 #define DESK_DIR "/dev/.desk"
 #define KMSG_FIFO DESK_DIR "/kmsg"
 
-// ---- properties.cpp: the store, its rules and what survives a boot ---------------------------------------------------
+// ---- properties.cpp: the store, its rules and what survives a boot --------------------------------------------------
 
 // Replies of the property service.
 enum {
@@ -99,15 +99,15 @@ bool property_store(const std::string &name, const std::string &value);
 // What a client's request does: rules, ctl.*, saving, journal, actions. Returns a reply code.
 uint32_t property_request(const std::string &name, const std::string &value, uid_t uid);
 
-// ---- property_socket.cpp ---------------------------------------------------------------------------------------------
+// ---- property_socket.cpp --------------------------------------------------------------------------------------------
 
 bool property_socket_open();
 
-// ---- rc.cpp: reads the *.rc files into services and actions ----------------------------------------------------------
+// ---- rc.cpp: reads the *.rc files into services and actions ---------------------------------------------------------
 
 void rc_read_directory(const std::string &directory);
 
-// ---- services.cpp ----------------------------------------------------------------------------------------------------
+// ---- services.cpp ---------------------------------------------------------------------------------------------------
 
 struct service {
     std::string name;
@@ -134,7 +134,7 @@ bool services_any_running();
 // Takes note of a child's end; false when it was no service.
 bool service_ended(pid_t pid, int status);
 
-// ---- actions.cpp -----------------------------------------------------------------------------------------------------
+// ---- actions.cpp ----------------------------------------------------------------------------------------------------
 
 using command_line = std::vector<std::string>;
 // `trigger` is an event's name or "property:NAME=VALUE" (VALUE "*": any).
@@ -145,7 +145,7 @@ void actions_property_set(const std::string &name, const std::string &value);
 // Makes property triggers live and runs those that hold already.
 void actions_enable_properties();
 
-// ---- children.cpp: what every started program gets, and the reaping ---------------------------------------------------
+// ---- children.cpp: what every started program gets, and the reaping -------------------------------------------------
 
 struct child_setup {
     std::vector<std::string> argv;
@@ -169,13 +169,13 @@ bool children_open();
 // Called by the loop on SIGCHLD; tells services.cpp and control.cpp.
 void children_reap();
 
-// ---- accounts.cpp ----------------------------------------------------------------------------------------------------
+// ---- accounts.cpp ---------------------------------------------------------------------------------------------------
 
 // Number of a user or group name, or of digits; `fallback` for anything else.
 unsigned account_id(const std::string &name, unsigned fallback);
 bool accounts_write();
 
-// ---- kmsg.cpp --------------------------------------------------------------------------------------------------------
+// ---- kmsg.cpp -------------------------------------------------------------------------------------------------------
 
 bool kmsg_open();
 // Queues one record; false when it is empty, too long or the queue is full.
@@ -183,13 +183,13 @@ bool kmsg_feed(const std::string &record);
 // Calls `done` as soon as everything queued has been read.
 void kmsg_when_drained(std::function<void()> done);
 
-// ---- control.cpp: requests of the desk library -----------------------------------------------------------------------
+// ---- control.cpp: requests of the desk library ----------------------------------------------------------------------
 
 bool control_open();
 // A started program ended; false when it was none of control's.
 bool control_ended(pid_t pid, int status);
 
-// ---- text.cpp --------------------------------------------------------------------------------------------------------
+// ---- text.cpp -------------------------------------------------------------------------------------------------------
 
 std::string text_format(const char *format, ...) __attribute__((format(printf, 1, 2)));
 bool text_read_file(const std::string &path, std::string *text);

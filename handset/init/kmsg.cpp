@@ -1,8 +1,8 @@
 // Kernel messages: the FIFO that stands in /proc/kmsg's place. Like the kernel's stream it never ends, a record is read
 // once, and the rest of a record that a short read has split is never joined with the next record: the pipe is one page
-// long, so it takes one record, and reports room again only when that record has been read to its end.
-// State: both ends of the FIFO (the reading end keeps it open without readers), the queue, who waits for it to drain, the
-// machine's log when that is copied.
+// long, so it takes one record, and reports room again only when that record has been read to its end. State: both ends
+// of the FIFO (the reading end keeps it open without readers), the queue, who waits for it to drain, the machine's log
+// when that is copied.
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>

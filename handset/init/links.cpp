@@ -93,6 +93,9 @@ static bool raise_link(const char *name, const char *address) {
         inet_pton(AF_INET, address, &in.sin_addr);
         memcpy(&request.ifr_addr, &in, sizeof(in));
         raised = ioctl(fd, SIOCSIFADDR, &request) == 0;
+        inet_pton(AF_INET, "255.255.255.0", &in.sin_addr);
+        memcpy(&request.ifr_netmask, &in, sizeof(in));
+        raised = raised && ioctl(fd, SIOCSIFNETMASK, &request) == 0;
     }
     request.ifr_flags = IFF_UP | IFF_RUNNING;
     raised = raised && ioctl(fd, SIOCSIFFLAGS, &request) == 0;
@@ -101,7 +104,7 @@ static bool raise_link(const char *name, const char *address) {
 }
 
 std::string links_up(const std::string &kind) {
-    if (!raise_link("lo", "127.0.0.1")) {
+    if (!raise_link("lo", nullptr)) {
         return std::string("lo: ") + strerror(errno);
     }
     if (kind.empty()) {

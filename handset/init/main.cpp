@@ -1,5 +1,6 @@
-// The handset's first process. Makes the root file system, says so to the program that boots the handset, waits for its word,
-// then brings up properties, rc files and services and serves until the line to that program ends. State: none of its own.
+// The handset's first process. Makes the root file system, says so to the program that boots the handset, waits for its
+// word, then brings up properties, rc files and services and serves until the line to that program ends. State: none of
+// its own.
 #include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>

@@ -1,0 +1,115 @@
+// The command line tool: what it runs, brings and keeps.
+#include <pty.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+
+#include "fixture.h"
+
+struct outcome {
+    int status;
+    std::string output;
+};
+
+static outcome call(const std::string &arguments) {
+    outcome result = {-1, ""};
+    FILE *pipe = popen((std::string(HANDSET_TOOL) + " " + arguments).c_str(), "r");
+    if (pipe == nullptr) {
+        return result;
+    }
+    char buf[4096];
+    for (size_t got; (got = fread(buf, 1, sizeof(buf), pipe)) > 0;) {
+        result.output.append(buf, got);
+    }
+    result.status = pclose(pipe);
+    return result;
+}
+
+// A scratch directory of the machine, gone at the end of its scope.
+struct scratch {
+    scratch() {
+        char path_a[] = "/tmp/desk-test-XXXXXX";
+        path = mkdtemp(path_a) != nullptr ? path_a : "";
+    }
+    ~scratch() {
+        if (!path.empty() && system(("rm -rf " + path).c_str()) != 0) {
+            perror(path.c_str());
+        }
+    }
+    std::string path;
+};
+
+TEST(Tool, RunPassesOutputAndStatus) {
+    outcome result = call("run -- sh -c 'echo from inside; exit 5'");
+    EXPECT_EQ(result.output, "from inside\n");
+    EXPECT_EQ(WEXITSTATUS(result.status), 5);
+    result = call("run -- sh -c 'kill -9 $$'");
+    EXPECT_EQ(WEXITSTATUS(result.status), 128 + 9);
+    EXPECT_EQ(call("run -- getprop init.svc.zr-qel-sa").output, "\n") << "no agent unless asked for";
+}
+
+TEST(Tool, RunGivesItsInput) {
+    EXPECT_EQ(call("run -- cat < /proc/sys/kernel/ostype").output, "Linux\n");
+}
+
+TEST(Tool, FilesAreBrought) {
+    scratch dir;
+    std::ofstream(dir.path + "/script") << "#!/system/bin/sh\necho brought $1\n";
+    ASSERT_EQ(system(("chmod 755 " + dir.path + "/script").c_str()), 0);
+    outcome result = call("run --bring " + dir.path +
+                          "/script:/desk/script --write '/data/x:a text' -- "
+                          "sh -c '/desk/script it; cat /data/x'");
+    EXPECT_EQ(result.output, "brought it\na text");
+    EXPECT_EQ(WEXITSTATUS(result.status), 0);
+}
+
+TEST(Tool, OptionsReachTheHandset) {
+    outcome result = call(
+        "run --no-tmp --no-card --data 8m --prop a.b=c=d --timezone X-1 -- "
+        "sh -c 'ls -d /tmp /storage/real_sd 2>/dev/null; stat -f -c %b /data; getprop a.b; echo $TZ'");
+    EXPECT_EQ(result.output, "2048\nc=d\nX-1\n");
+    EXPECT_EQ(call("run --user 2000:1007 -- id -u").output, "2000\n");
+}
+
+TEST(Tool, MistakesAreTold) {
+    EXPECT_EQ(WEXITSTATUS(call("2>/dev/null").status), 2);
+    EXPECT_EQ(WEXITSTATUS(call("run 2>/dev/null").status), 2);
+    EXPECT_EQ(WEXITSTATUS(call("run --nonsense -- true 2>/dev/null").status), 2);
+    EXPECT_EQ(WEXITSTATUS(call("run --data 5000 -- true 2>/dev/null").status), 2);
+    EXPECT_NE(call("--help").output.find("usage: handset run"), std::string::npos);
+}
+
+TEST(Tool, StateIsKept) {
+    scratch dir;
+    std::string keep = "--state " + dir.path + "/state ";
+    EXPECT_EQ(
+        call("run " + keep + "-- sh -c 'setprop persist.desk.tool 7; echo x > /data/mine; chown 2000:1007 /data/mine'")
+            .status,
+        0);
+    EXPECT_EQ(call("run " + keep + "-- sh -c 'getprop persist.desk.tool; stat -c %u:%g /data/mine'").output,
+              "7\n2000:1007\n");
+}
+
+TEST(Tool, ShellHasATerminal) {
+    int master = -1;
+    pid_t pid = forkpty(&master, nullptr, nullptr, nullptr);
+    if (pid == 0) {
+        execl(HANDSET_TOOL, HANDSET_TOOL, "shell", "--no-agent", static_cast<char *>(nullptr));
+        _exit(127);
+    }
+    ASSERT_GT(pid, 0);
+    std::string typed = "tty; echo $((6*7)); exit 3\n";
+    ASSERT_EQ(write(master, typed.data(), typed.size()), static_cast<ssize_t>(typed.size()));
+    std::string seen;
+    char buf[4096];
+    for (ssize_t got; (got = read(master, buf, sizeof(buf))) > 0;) {
+        seen.append(buf, static_cast<size_t>(got));
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    close(master);
+    EXPECT_EQ(WEXITSTATUS(status), 3);
+    EXPECT_NE(seen.find("/dev/pts/0\r\n42\r\n"), std::string::npos) << seen;
+}
