@@ -1,0 +1,148 @@
+// Collectors from outside: what the handset's /proc and logs tell of them. No state.
+#include "tests/support/collectors.h"
+
+#include <signal.h>
+
+#include <algorithm>
+
+const char kLogProperty[] = "persist.sys.install.zr.log";
+const char kLogDefault[] = "/data/local/log,I1,3,5120,I2,5,8192,I3,5,20480,I4,5,5120,I5,5,5120,I6,5,5120";
+
+std::string log_property(const std::map<int, std::string> &on, const std::string &directory) {
+    std::string value = directory;
+    for (int position = 1; position <= 6; position++) {
+        const auto found = on.find(position);
+        value += ",I" + std::to_string(position) + "," + (found != on.end() ? found->second : "0,0");
+    }
+    return value;
+}
+
+desk_options with_log_property(const std::string &value) {
+    desk_options options;
+    options.properties.push_back({kLogProperty, value});
+    return options;
+}
+
+bool put_waiting_program(desk *h, const std::string &path) {
+    std::string program;
+    return desk_read_file(h, "/system/bin/sister", &program) && desk_remove(h, path) &&
+           desk_write_file(h, path, program, 0755);
+}
+
+desk_file script(const std::string &path, const std::string &text) {
+    desk_file file;
+    file.path = path;
+    file.text = "#!/system/bin/sh\n" + text;
+    file.mode = 0755;
+    return file;
+}
+
+static bool is_number(const std::string &name) {
+    return !name.empty() && name.find_first_not_of("0123456789") == std::string::npos;
+}
+
+pid_t CollectorTest::process_with(const std::string &argument, int limit_ms) {
+    pid_t found = -1;
+    desk_until(
+        [&] {
+            for (const std::string &name : desk_list(h, "/proc")) {
+                if (!is_number(name)) {
+                    continue;
+                }
+                const std::vector<std::string> arguments = desk_arguments(h, stoi(name));
+                if (count_lines(arguments, argument) > 0 && arguments[0] != "/system/bin/zr-qel-sa") {
+                    found = stoi(name);
+                    return true;
+                }
+            }
+            return false;
+        },
+        limit_ms);
+    return found;
+}
+
+std::vector<pid_t> CollectorTest::children_of(pid_t pid) {
+    std::vector<pid_t> children;
+    for (const std::string &name : desk_list(h, "/proc")) {
+        if (is_number(name) && stat(stoi(name), 4) == pid) {
+            children.push_back(stoi(name));
+        }
+    }
+    return children;
+}
+
+std::string CollectorTest::vector_of(pid_t pid) {
+    std::string text;
+    for (const std::string &argument : desk_arguments(h, pid)) {
+        text += "<" + argument + ">";
+    }
+    return text;
+}
+
+std::string CollectorTest::status(pid_t pid, const std::string &name) {
+    const std::string text = "\n" + desk_file_text(h, "/proc/" + std::to_string(pid) + "/status");
+    const std::string wanted = "\n" + name + ":\t";
+    const size_t at = text.find(wanted);
+    if (at == std::string::npos) {
+        return "";
+    }
+    const size_t begin = at + wanted.size();
+    return text.substr(begin, text.find('\n', begin) - begin);
+}
+
+long CollectorTest::stat(pid_t pid, int field) {
+    const std::string text = desk_file_text(h, "/proc/" + std::to_string(pid) + "/stat");
+    size_t at = text.rfind(')');  // field 2 ends here
+    for (int number = 2; number < field && at != std::string::npos; number++) {
+        at = text.find(' ', at + 1);
+    }
+    return at == std::string::npos ? -1 : atol(text.c_str() + at + 1);
+}
+
+std::vector<std::string> CollectorTest::main_thread_lines() {
+    const pid_t agent = desk_agent_pid(h);
+    std::vector<std::string> lines;
+    for (const desk_log_entry &entry : desk_log(h, "zr-qel-sa")) {
+        if (entry.pid == agent && entry.tid == agent) {
+            lines.push_back(entry.text);
+        }
+    }
+    return lines;
+}
+
+std::vector<std::string> CollectorTest::rests(const std::vector<std::string> &lines, const std::string &prefix) {
+    std::vector<std::string> found;
+    for (const std::string &line : lines) {
+        if (line.compare(0, prefix.size(), prefix) == 0) {
+            found.push_back(line.substr(prefix.size()));
+        }
+    }
+    return found;
+}
+
+std::vector<std::string> CollectorTest::file_lines_from(size_t from) {
+    std::vector<std::string> lines = file_lines();
+    lines.erase(lines.begin(), lines.begin() + static_cast<ptrdiff_t>(std::min(from, lines.size())));
+    return lines;
+}
+
+std::vector<std::string> CollectorTest::reports() {
+    std::vector<std::string> found;
+    for (const std::string &line : platform_lines()) {
+        const size_t at = line.find(", FUNC-");
+        if (line.compare(0, 5, "FILE-") == 0 && at != std::string::npos) {
+            found.push_back(line.substr(at + 2));
+        }
+    }
+    return found;
+}
+
+void CollectorTest::restart_agent() {
+    const std::vector<desk_log_entry> log = desk_log(h);
+    const uint64_t from = log.empty() ? 0 : log.back().sequence + 1;
+    hang_up();
+    ASSERT_EQ(desk_service_restart(h, "zr-qel-sa"), 0);
+    ASSERT_NE(desk_wait_log_part(h, "zr-qel-sa", "sa_listener_loop fd[", from), 0u)
+        << "the agent did not come up again";
+    open_channel();
+}
