@@ -13,6 +13,7 @@
 #include "pub/util/util.h"
 
 static const char kPtmx[] = "/dev/ptmx";
+static const int kDevicePathSize = 512;
 static const mode_t kSlaveMode = 0660;
 static const uid_t kSlaveUser = 1000;   // AID_SYSTEM
 static const gid_t kSlaveGroup = 1001;  // AID_RADIO
@@ -64,9 +65,10 @@ int32_t pub_pty_close(struct pub_pty_st *pty_ptr) {
 // Takes the slave's name into the record; a longer one is cut, not refused.
 static int32_t take_slave_name(struct pub_pty_st *pty_ptr, const char *function) {
     const int limit = static_cast<int>(sizeof(pty_ptr->m_pts_name_a)) - 1;
-    const char *name = ptsname(pty_ptr->m_ptm_fd);
-    pub_log_line(function, "pts_name_ptr[%s]", name != nullptr ? name : "");
-    if (name == nullptr) {
+    char name[kDevicePathSize];  // ptsname's own buffer is shared with the threads that open other pseudo-terminals
+    const int error = ptsname_r(pty_ptr->m_ptm_fd, name, sizeof(name));
+    pub_log_line(function, "pts_name_ptr[%s]", error == 0 ? name : "(null)");
+    if (error != 0) {
         pub_log_line(nullptr, "sys call: %s() failed! errno = %d", "ptsname", errno);
         pub_log_line(function, "m_pts_name_a[%s] ret_val[%d]", pty_ptr->m_pts_name_a, PUB_ERR_SYSTEM);
         return PUB_ERR_SYSTEM;

@@ -1,12 +1,12 @@
 // Worker threads and their registry.
 //
-// State: m_worker_a, one slot a live worker. A slot is claimed by the creating thread, filled before its worker starts,
-// and freed by the worker's own end through a thread-specific key: the one hook that both C libraries run however a
-// thread ends. `use` decides who may act on a slot:
-//   FREE ──creator──▶ LIVE ──worker's end──▶ FREE
-//                     LIVE ──sender──▶ SIGNALLING ──sender──▶ LIVE
-// A worker that ends waits while a sender holds its slot, so `thread` names a thread that still exists whenever
-// pthread_kill is called. Senders and ending workers take no signals meanwhile: a slot is never left in SIGNALLING.
+// State: m_worker_a, one slot a live worker. A slot is claimed and filled by the creating thread and freed by the
+// worker's own end through a thread-specific key: the one hook that both C libraries run however a thread ends. `use`
+// says who may act on a slot:
+//   FREE ──creator──▶ HELD ──creator, thread started──▶ LIVE ──worker's end──▶ HELD ──▶ FREE
+//                                                       LIVE ──sender──▶ HELD ──sender──▶ LIVE
+// Whoever holds a slot is alone with it. A worker that ends waits for a sender, so `thread` names a thread that still
+// exists whenever pthread_kill is called. Holders take no signals: a slot is never left held.
 #include "pub/util/worker.h"
 
 #include <errno.h>
@@ -22,15 +22,15 @@
 #include "pub/util/pub_log.h"
 #include "pub/util/signal_mask.h"
 
-enum worker_use { FREE, LIVE, SIGNALLING };
+enum worker_use { FREE, HELD, LIVE };
 
 struct worker {
     std::atomic<int> use;
-    std::atomic<pub_thread_id> id;
-    pthread_t thread;          // the creator's, valid once the id has been handed out
-    void *(*routine)(void *);  // creator before start, worker after
+    std::atomic<pub_thread_id> id;  // the holder; 0 in a free slot
+    pthread_t thread;               // the creator; valid while LIVE
+    void *(*routine)(void *);       // the creator before the start, the worker after
     void *arg;
-    int owned_fd_a[2];  // the worker's
+    int owned_fd_a[2];  // likewise
 };
 
 static const int kWorkers = 256;
@@ -40,6 +40,19 @@ static worker m_worker_a[kWorkers];
 static std::atomic<pub_thread_id> m_last_id(0);
 static pthread_key_t m_end_key;
 static pthread_once_t m_end_key_once = PTHREAD_ONCE_INIT;
+
+// Waits for its turn with a live slot and holds it. Returns false when the slot is free.
+static bool hold_live(worker *slot) {
+    int expected = LIVE;
+    while (!slot->use.compare_exchange_weak(expected, HELD)) {
+        if (expected == FREE) {
+            return false;
+        }
+        expected = LIVE;  // its holder is brief
+        sched_yield();
+    }
+    return true;
+}
 
 static void close_owned(worker *self) {
     for (int &fd : self->owned_fd_a) {
@@ -56,11 +69,9 @@ static void leave_registry(void *value) {
     sigset_t mask;
     pub_util_block_signals(&mask);  // for good: the thread is ending
     close_owned(self);
-    int expected = LIVE;
-    while (!self->use.compare_exchange_weak(expected, FREE)) {
-        expected = LIVE;  // a sender is at work; it is brief and takes no signals
-        sched_yield();
-    }
+    hold_live(self);
+    self->id.store(0);
+    self->use.store(FREE);
 }
 
 static void make_end_key(void) {
@@ -79,48 +90,56 @@ static void *run_worker(void *value) {
 static worker *claim_slot(void) {
     for (worker &slot : m_worker_a) {
         int expected = FREE;
-        if (slot.use.load(std::memory_order_relaxed) == FREE && slot.use.compare_exchange_strong(expected, LIVE)) {
+        if (slot.use.compare_exchange_strong(expected, HELD)) {
             return &slot;
         }
     }
     return nullptr;
 }
 
-// Creates the thread with SIGUSR1 blocked from its first instruction.
-static int start_thread(worker *slot) {
+// Creates the thread with the mask that it is to begin with.
+static int start_thread(worker *slot, const sigset_t *mask_ptr) {
     pthread_attr_t attr;
-    sigset_t stop;
-    sigset_t saved;
-    sigemptyset(&stop);
-    sigaddset(&stop, SIGUSR1);
+    sigset_t held;
     pthread_attr_init(&attr);
     pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
-    pthread_sigmask(SIG_BLOCK, &stop, &saved);
+    pthread_sigmask(SIG_SETMASK, mask_ptr, &held);
     const int result = pthread_create(&slot->thread, &attr, run_worker, slot);
-    pthread_sigmask(SIG_SETMASK, &saved, nullptr);
+    pthread_sigmask(SIG_SETMASK, &held, nullptr);
     pthread_attr_destroy(&attr);
     return result;
 }
 
-int pub_util_create_thread(pub_thread_id *id_ptr, void *(*routine)(void *), void *arg) {
-    pthread_once(&m_end_key_once, make_end_key);
-    worker *slot = claim_slot();
-    if (slot == nullptr) {
-        return EAGAIN;
-    }
-    const pub_thread_id id = m_last_id.fetch_add(1) + 1;
-    slot->id.store(id);
+// Fills a held slot and starts its worker. Returns 0 or an error number.
+static int start_worker(worker *slot, void *(*routine)(void *), void *arg, const sigset_t *mask_ptr) {
     slot->routine = routine;
     slot->arg = arg;
     slot->owned_fd_a[0] = -1;
     slot->owned_fd_a[1] = -1;
-    const int result = start_thread(slot);
-    if (result != 0) {
-        slot->use.store(FREE);
-        return result;
+    slot->id.store(m_last_id.fetch_add(1) + 1);
+    return start_thread(slot, mask_ptr);
+}
+
+int pub_util_create_thread(pub_thread_id *id_ptr, void *(*routine)(void *), void *arg) {
+    sigset_t mask;
+    pthread_once(&m_end_key_once, make_end_key);
+    pub_util_block_signals(&mask);
+    int result = EAGAIN;
+    worker *slot = claim_slot();
+    if (slot != nullptr) {
+        // A handled signal that the creator takes, the worker takes too; a stop waits until the worker is ready for it.
+        sigset_t worker_mask = mask;
+        sigaddset(&worker_mask, SIGUSR1);
+        result = start_worker(slot, routine, arg, &worker_mask);
+        if (result == 0) {
+            *id_ptr = slot->id.load();
+        } else {
+            slot->id.store(0);
+        }
+        slot->use.store(result == 0 ? LIVE : FREE);
     }
-    *id_ptr = id;
-    return 0;
+    pub_util_restore_signals(&mask);
+    return result;
 }
 
 void pub_util_accept_stop(void) {
@@ -141,15 +160,10 @@ void pub_util_own_descriptors(int first_fd, int second_fd) {
 }
 
 static int signal_slot(worker *slot, pub_thread_id id, int signo) {
-    int expected = LIVE;
-    while (!slot->use.compare_exchange_weak(expected, SIGNALLING)) {
-        if (expected == FREE) {
-            return ESRCH;
-        }
-        expected = LIVE;  // another sender; wait for its turn to end
-        sched_yield();
+    if (!hold_live(slot)) {
+        return ESRCH;
     }
-    // The slot may have changed hands between the look at its id and the claim.
+    // The slot may have changed hands between the look at its id and the hold.
     const int result = slot->id.load() == id ? pthread_kill(slot->thread, signo) : ESRCH;
     slot->use.store(LIVE);
     return result;

@@ -30,6 +30,7 @@ static const tcflag_t kCookedLocal = ISIG | ICANON | ECHO | ECHOE;
 // ---- pseudo-terminals ----
 
 static void set_ptm_attr(int fd) {
+    sa_log_entry();
     struct termios attr;
     int result = tcgetattr(fd, &attr);
     if (result == 0) {
@@ -72,13 +73,13 @@ int open_ptm(char *name_ptr) {
         return -1;
     }
     fcntl(ptm, F_SETFD, FD_CLOEXEC);
-    const char *devname = nullptr;
-    if (grantpt(ptm) != 0 || unlockpt(ptm) != 0 || (devname = ptsname(ptm)) == nullptr) {
+    char devname[SA_PTM_NAME_SIZE];
+    if (grantpt(ptm) != 0 || unlockpt(ptm) != 0 || ptsname_r(ptm, devname, sizeof(devname)) != 0) {
         return abandon_ptm(__func__, ptm, "ptsname");
     }
     sa_log("devname[%s]", devname);
     if (name_ptr[0] == '\0') {
-        sa_format(name_ptr, SA_PTM_NAME_SIZE, "%s", devname);
+        sa_copy_cut(name_ptr, SA_PTM_NAME_SIZE, devname);
         sa_log("symname[%s]", name_ptr);
     } else if (!publish(__func__, devname, name_ptr)) {
         return abandon_ptm(__func__, ptm, "symlink");
@@ -90,6 +91,7 @@ int open_ptm(char *name_ptr) {
 }
 
 static void close_ptm(int fd, const char *symname) {
+    sa_log_entry();
     sa_log("fd[%d] symname[%s]", fd, symname);
     unlink(symname);
     close(fd);
@@ -101,6 +103,7 @@ static void close_ptm(int fd, const char *symname) {
 static int open_ptm_connection(int fd1) {
     char name_a[SA_PTM_NAME_SIZE] = "";
     char acknowledgement_a[kAcknowledgementSize] = "";
+    sa_log_entry();
     sa_log("fd1[%d]", fd1);
     const int fd = open_ptm(name_a);
     sa_log("fd[%d]", fd);
@@ -125,6 +128,7 @@ static int open_ptm_connection(int fd1) {
 
 // Hands a connection to a child shell. Whoever asked for anything else has been announced a connection all the same.
 static void handle_service(int fd, const char *name) {
+    sa_log_entry();
     sa_log("fd[%d] name[%s]", fd, name);
     const bool is_shell = strncmp(name, kShellRequest, kShellRequestLength) == 0;
     const char *command = is_shell ? name + kShellRequestLength : "";

@@ -1,13 +1,15 @@
 // Local time from a remembered offset to UTC.
 //
-// State: m_offset, the zone's offset in seconds, and m_minute, the minute of UTC it was looked up for; written by
-// whichever thread holds m_is_looking, read by all. Zones change at whole minutes, so one look a minute follows every
-// change, be it daylight saving or a new zone.
+// State: m_offset, the zone's offset in seconds, and m_minute, the minute of UTC it was looked up for; m_next_minute, the
+// next change that the zone's rules foresee within a year, and m_next_offset from then on. Written by whichever thread
+// holds m_is_looking, read by all. Zones change at whole minutes, so one look a minute follows every change, be it
+// daylight saving or a new zone.
 //
 // Why a log line can never hang here: the look itself takes the C library's time-zone lock (and perhaps the heap's),
 // but only one thread at a time goes there, with all signals blocked, so it is neither interrupted nor ended in there;
-// everybody else goes on with the remembered offset. A signal handler may have interrupted a thread that holds the
-// heap's lock, and a forked child may have lost the thread that was looking: both hold the zone and never look.
+// everybody else goes on with what is remembered. A signal handler may have interrupted a thread that holds the heap's
+// lock, and a forked child may have lost the thread that was looking: both hold the zone and never look, and the change
+// that is foreseen keeps them right even after months without a look.
 #include "sa/main/local_time.h"
 
 #include <errno.h>
@@ -17,11 +19,15 @@
 
 #include "pub/util/signal_mask.h"
 
-static const int64_t kNever = -1;
 static const int kDay = 86400;
+static const time_t kProbeStep = 7 * kDay;  // no zone changes twice within a week
+static const int kProbes = 53;
+static const int32_t kNever = INT32_MAX;
 
 static std::atomic<int32_t> m_offset(0);
-static std::atomic<int32_t> m_minute(static_cast<int32_t>(kNever));  // minutes since 1970: enough until the year 6053
+static std::atomic<int32_t> m_minute(-1);  // minutes since 1970: enough until the year 6053
+static std::atomic<int32_t> m_next_offset(0);
+static std::atomic<int32_t> m_next_minute(kNever);
 static std::atomic_flag m_is_looking = ATOMIC_FLAG_INIT;
 static std::atomic<int> m_holds(0);
 
@@ -33,17 +39,55 @@ void sa_local_time_release(void) {
     m_holds.fetch_sub(1);
 }
 
+static int32_t minute_of(time_t when) {
+    return static_cast<int32_t>(when / 60);
+}
+
+static int32_t offset_at(time_t when) {
+    struct tm local;
+    return localtime_r(&when, &local) != nullptr ? static_cast<int32_t>(local.tm_gmtoff) : 0;
+}
+
+// The first minute with another offset, known to come after `from` and not after `to`.
+static time_t find_change(time_t from, time_t to, int32_t offset) {
+    while (to - from > 60) {
+        const time_t middle = from + (to - from) / 120 * 60;
+        if (offset_at(middle) == offset) {
+            from = middle;
+        } else {
+            to = middle;
+        }
+    }
+    return to;
+}
+
+// Readers that come in between see no foreseen change, which is right for the minute in which they come.
+static void foresee_change(time_t minute, int32_t offset) {
+    m_next_minute.store(kNever);
+    for (int probe = 1; probe <= kProbes; probe++) {
+        const time_t at = minute + probe * kProbeStep;
+        if (at < minute) {
+            return;  // the end of a 32-bit time
+        }
+        if (offset_at(at) != offset) {
+            const time_t change = find_change(at - kProbeStep, at, offset);
+            m_next_offset.store(offset_at(change));
+            m_next_minute.store(minute_of(change));
+            return;
+        }
+    }
+}
+
 static void look_at_zone(time_t when) {
     const int saved_errno = errno;
     sigset_t mask;
     pub_util_block_signals(&mask);
     if (!m_is_looking.test_and_set()) {
-        struct tm local;
         tzset();  // localtime_r alone need not notice a changed zone
-        if (localtime_r(&when, &local) != nullptr) {
-            m_offset.store(static_cast<int32_t>(local.tm_gmtoff));
-            m_minute.store(static_cast<int32_t>(when / 60));  // after the offset: who sees the minute sees its offset
-        }
+        const int32_t offset = offset_at(when);
+        foresee_change(when - when % 60, offset);
+        m_offset.store(offset);
+        m_minute.store(minute_of(when));  // last: who sees the minute sees its offset
         m_is_looking.clear();
     }
     pub_util_restore_signals(&mask);
@@ -64,10 +108,12 @@ static void date_of_day(int64_t days, struct sa_local_time_st *out_ptr) {
 }
 
 void sa_local_time(time_t when, struct sa_local_time_st *out_ptr) {
-    if (m_minute.load() != static_cast<int32_t>(when / 60) && m_holds.load() == 0) {
+    const int32_t minute = minute_of(when);
+    if (m_minute.load() != minute && m_holds.load() == 0) {
         look_at_zone(when);
     }
-    const int64_t local = static_cast<int64_t>(when) + m_offset.load();
+    const int32_t offset = minute >= m_next_minute.load() ? m_next_offset.load() : m_offset.load();
+    const int64_t local = static_cast<int64_t>(when) + offset;
     const int64_t second = ((local % kDay) + kDay) % kDay;
     date_of_day((local - second) / kDay, out_ptr);
     out_ptr->hour = static_cast<int>(second / 3600);

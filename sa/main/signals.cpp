@@ -18,6 +18,7 @@
 #include "sa/main/log.h"
 #include "sa/sa-handle/handle.h"
 #include "sa/sa-handle/log_start.h"
+#include "sa/sa-handle/state.h"
 
 struct sa_signal_row {
     int32_t signo;
@@ -64,6 +65,7 @@ static const struct sa_signal_row sa_signal_table[] = {
 };
 
 const char *sa_get_signal_name(int signo) {
+    sa_log_entry();
     if (signo == sa_signal_table[0].signo) {
         return sa_signal_table[0].name;
     }
@@ -88,19 +90,35 @@ void sa_exit(int status) {
     exit(status);
 }
 
-// Stops the collectors and has init stop this very service. The handler returns; init ends the process.
+// Stops the collectors and has init stop this very service. The handler returns; init ends the process. Should init
+// refuse, the agent lives on, and its command channel with it.
 static void reset_agent(const char *function) {
     sa_log_platform("ready to kill all child service");
     sa_kill_all_child_service_ex();
-    property_set("ctl.stop", SA_NAME);
+    if (property_set("ctl.stop", SA_NAME) != 0) {
+        sa_channel_reinstate();
+    }
     sa_log_file_as(function, "PUB_UTIL_RESET_PROCESS_SIGNAL exit");
+}
+
+// The signal may have found a worker, and a stop of that worker (by this very handler, or by +DELETE_LOG meanwhile) would
+// end the handler with the thread: the stop waits until the handler is done.
+static void defer_stop(sigset_t *mask_ptr) {
+    sigset_t stop;
+    sigemptyset(&stop);
+    sigaddset(&stop, SIGUSR1);
+    pthread_sigmask(SIG_BLOCK, &stop, mask_ptr);
 }
 
 void signal_treatment(int signo) {
     const int saved_errno = errno;
+    sigset_t mask;
+    defer_stop(&mask);
     sa_local_time_hold();
     sa_log_entry_both();
-    sa_log("receive signal[%d-%s]", signo, sa_get_signal_name(signo));
+    const char *name = sa_get_signal_name(signo);
+    sa_log_platform("%s receive signal[%d-%s]", __func__, signo, name);
+    sa_log_file("signal[%d-%s]", signo, name);
     sa_deinit_resource();
     if (signo != SIGUSR2) {
         sa_log("exit");
@@ -109,6 +127,7 @@ void signal_treatment(int signo) {
     reset_agent(__func__);
     sa_local_time_release();
     errno = saved_errno;
+    pub_util_restore_signals(&mask);
 }
 
 void sa_install_signals(void) {

@@ -30,8 +30,9 @@ static const int kExecFailed = -1;              // 255 as the waiter sees it
 
 // ---- both kinds of children ----
 
+// The agent's handlers must not run in a child; and SIGINT and SIGQUIT are ignored while another thread is in `system`.
 static void default_signals(void) {
-    static const int handled_a[] = {SIGINT, SIGTERM, SIGSEGV, SIGBUS, SIGUSR1, SIGUSR2};
+    static const int handled_a[] = {SIGINT, SIGQUIT, SIGTERM, SIGSEGV, SIGBUS, SIGUSR1, SIGUSR2};
     for (const int signo : handled_a) {
         signal(signo, SIG_DFL);
     }
@@ -83,10 +84,12 @@ static void allow_out_of_memory_kill(const char *function) {
     close(fd);
 }
 
-// A descriptor that another thread opened in the moment of the fork may not be marked close-on-exec yet.
-static void drop_other_descriptors(void) {
+// A descriptor that another thread opened in the moment of the fork may not be marked close-on-exec yet. Marked, not
+// closed: should the exec fail, the platform log's own descriptor is still needed. Older kernels refuse; so be it.
+static void mark_other_descriptors(void) {
 #ifdef SYS_close_range
-    syscall(SYS_close_range, STDERR_FILENO + 1, ~0U, 0U);
+    const unsigned mark_close_on_exec = 1U << 2;
+    syscall(SYS_close_range, STDERR_FILENO + 1, ~0U, mark_close_on_exec);
 #endif
 }
 
@@ -198,7 +201,7 @@ __attribute__((noreturn)) static void run_shell(const char *function, int fd, co
     take_streams(fd);
     allow_out_of_memory_kill(function);
     sa_log_file_as(function, "child process pid[%d]", static_cast<int>(getpid()));
-    drop_other_descriptors();
+    mark_other_descriptors();
     const int ret_val = execl(kShell, kShell, arg0, arg1, static_cast<char *>(nullptr));
     end_unexecuted(function, "execl", kShell, ret_val);
 }
@@ -277,7 +280,7 @@ __attribute__((noreturn)) static void run_command(const char *function, int fd, 
         lower_identity(function);
     }
     sa_log_file_as(function, "child process pid[%d]", static_cast<int>(getpid()));
-    drop_other_descriptors();
+    mark_other_descriptors();
     const int ret_val = execvp(cmd, argv);
     end_unexecuted(function, "execvp", cmd, ret_val);
 }

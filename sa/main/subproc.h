@@ -19,7 +19,7 @@ struct stinfo {
 
 /**
  * fork for a process with threads: nobody's signal handler runs in the child, and the child's log lines meet no lock of
- * a thread that did not come along. The child starts with default actions for the signals that the agent handles and an
+ * a thread that did not come along. The child starts with default actions and an
  * empty mask, and must end by exec or _exit.
  */
 pid_t sa_fork(void);

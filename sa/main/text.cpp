@@ -3,6 +3,7 @@
 
 #include <stdarg.h>
 #include <stdio.h>
+#include <string.h>
 
 #include "sa/main/log.h"
 
@@ -17,4 +18,10 @@ bool sa_format(char *text_ptr, size_t size, const char *fmt, ...) {
     sa_log_platform("WARNING !");
     sa_log_platform("text cut to %d of %d characters: %s", static_cast<int>(size) - 1, length, text_ptr);
     return false;
+}
+
+void sa_copy_cut(char *field_ptr, size_t size, const char *text) {
+    const size_t length = strnlen(text, size - 1);
+    memcpy(field_ptr, text, length);
+    field_ptr[length] = '\0';
 }

@@ -12,4 +12,7 @@
  */
 bool sa_format(char *text_ptr, size_t size, const char *fmt, ...) __attribute__((format(printf, 3, 4)));
 
+/** Copies a text into a field, cut without a word at size - 1 characters: for fields whose length is part of their meaning. */
+void sa_copy_cut(char *field_ptr, size_t size, const char *text);
+
 #endif

@@ -29,7 +29,7 @@ static long util_delete_ex(const char *src_dir) {
     char command_a[SA_COMMAND_SIZE] = "";
     sa_log_entry();
     sa_log_file("log_path[%s]", src_dir);
-    sa_log_platform("%s src_dir[%s]", __func__, src_dir);
+    sa_log("src_dir[%s]", src_dir);
     for (const struct delete_row &row : kRows) {
         sa_format(command_a, sizeof(command_a) - 1, "busybox rm -r %s/%s", row.directory, row.pattern);
         const int ret = system(command_a);

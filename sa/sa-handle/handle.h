@@ -14,7 +14,7 @@ long sa_handle_init(void);
  * Closes the command channel for good. Ends neither the reader thread nor the collectors. May be called again, and by a
  * signal handler on any thread.
  *
- * @return the result of closing: 0, or -1 when the channel was not open.
+ * @return the result of closing: 0; -1 when the channel was not open; -118 when its link could not be removed.
  */
 long sa_handle_deinit(void);
 

@@ -25,7 +25,7 @@ static const char kKernelMessages[] = "/proc/kmsg";
 static const int kNameSize = 99;
 static const int kBufferSize = 100;
 static const mode_t kMode = 0644;
-static const int kMaxGenerations = 1000;  // a count beyond keeps no more: the property may hold any number
+static const int kMaxGenerations = 1000;  // kept at most: the property may hold any number
 static const char kService[] = "start_zr_log_service";
 static const char kLoop[] = "read_kernel_log_loop";
 static const char kShift[] = "update_zr_log_file";
@@ -47,11 +47,11 @@ static void remove_file(const char *path) {
 static void shift_generations(const char *path, int32_t file_num) {
     char old_a[kNameSize];
     char new_a[kNameSize];
-    sa_format(old_a, sizeof(old_a), "%s.%ld", path, static_cast<long>(file_num) - 1);
+    const long oldest = (file_num < kMaxGenerations ? static_cast<int64_t>(file_num) : kMaxGenerations) - 1;
+    sa_format(old_a, sizeof(old_a), "%s.%ld", path, oldest);
     sa_log_as(kShift, "log_file_old[%s]", old_a);
     remove_file(old_a);
-    const int32_t highest = file_num <= kMaxGenerations ? file_num - 1 : kMaxGenerations - 1;
-    for (int32_t generation = highest; generation >= 2; generation--) {
+    for (int generation = static_cast<int>(oldest); generation >= 2; generation--) {
         sa_format(old_a, sizeof(old_a), "%s.%d", path, generation - 1);
         sa_format(new_a, sizeof(new_a), "%s.%d", path, generation);
         sa_log_as(kShift, "[%d] log_file_old[%s] log_file_new[%s]", generation, old_a, new_a);
@@ -66,8 +66,9 @@ static void shift_generations(const char *path, int32_t file_num) {
 // A negative count is a large one in the comparison, and yet shifts no generation but the live file.
 static void update_zr_log_file(const char *path, int32_t file_num, int32_t file_size) {
     sa_log_entry();
-    sa_log("log_file_org[%s] file_num_val[%lu] file_size_val[%lu]", path, static_cast<unsigned long>(file_num),
-           static_cast<unsigned long>(file_size));
+    sa_log("log_file_org[%s] file_num_val[%lu] file_size_val[%lu]", path,
+           static_cast<unsigned long>(static_cast<uint32_t>(file_num)),
+           static_cast<unsigned long>(static_cast<uint32_t>(file_size)));
     if (static_cast<uint32_t>(file_num) < 2) {
         remove_file(path);
         return;
@@ -93,8 +94,7 @@ static void hand_over_output(const char *path) {
 }
 
 static void log_unopened(const char *step, const char *path) {
-    sa_log_platform("%s %s(%s) errno[%d-%s]", kLoop, step, path, errno, pub_util_error_text(errno));
-    sa_log_file_errno_as(kLoop, step);
+    sa_log_as(kLoop, "%s(%s) errno[%d-%s]", step, path, errno, pub_util_error_text(errno));
 }
 
 // Opens the stream and, twice, the output; between the two its owner and mode are set. Descriptor 0 counts as a failure.

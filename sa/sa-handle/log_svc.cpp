@@ -13,7 +13,6 @@
 #include "sa/main/codes.h"
 #include "sa/main/log.h"
 #include "sa/main/text.h"
-#include "sa/sa-handle/shell.h"
 
 static const char kProperty[] = "persist.sys.install.zr.log";
 static const char kDefault[] = "/data/local/log,I1,3,5120,I2,5,8192,I3,5,20480,I4,5,5120,I5,5,5120,I6,5,5120";
@@ -40,7 +39,7 @@ static void copy_whole(char *field_ptr, size_t size, const char *token) {
 static void take_number(char *text_ptr, size_t size, int32_t *value_ptr, const char *token) {
     const long value = strtol(token, nullptr, 10);
     *value_ptr = value > INT32_MAX ? INT32_MAX : value < INT32_MIN ? INT32_MIN : static_cast<int32_t>(value);
-    sa_format(text_ptr, size, "%s", token);
+    sa_copy_cut(text_ptr, size, token);
 }
 
 static const char *next_token(char **rest_pptr) {

@@ -20,7 +20,7 @@ enum log_svc_position {
 
 /** One collector: its settings and what runs for it. Texts are as written in the property. */
 struct log_svc_rec {
-    int32_t svc_pid;           // its child, 0 when there never was one; stale after its end
+    int32_t svc_pid;           // its child, 0 for none; stale after its end
     pub_thread_id mthread_id;  // its thread, likewise
     char type[4];              // type token; chooses among the logcat collectors
     int32_t type_id;           // position, 1 to 6; chooses between packet capture and kernel messages

@@ -39,7 +39,7 @@ static const struct logcat_kind *find_kind(const char *type) {
 
 static void add(struct logcat_argv *argv_ptr, int *num_ptr, const char *text) {
     char *slot_ptr = argv_ptr->text_a[*num_ptr];
-    sa_format(slot_ptr, LOGCAT_ARG_SIZE, "%s", text);
+    sa_copy_cut(slot_ptr, LOGCAT_ARG_SIZE, text);
     argv_ptr->vector_a[*num_ptr] = slot_ptr;
     (*num_ptr)++;
 }

@@ -20,11 +20,11 @@ static const char kLoop[] = "sa_handle_read_cmd_loop";  // the steps below are t
 
 static struct pub_pty_st *const m_pty_ptr = &m_sa_handle.pty;
 
-// Opens or closes the endpoint as its holder. After a teardown it stays closed.
+// Opens or closes the endpoint as its holder. After a teardown it can still be closed, but not opened.
 static long change_endpoint(int32_t (*step)(struct pub_pty_st *)) {
     sigset_t mask;
     long ret_val = SA_ERR_FAIL;
-    if (sa_channel_hold(&mask)) {
+    if (sa_channel_hold(&mask) || step == pub_pty_close) {
         ret_val = step(m_pty_ptr);
     }
     const int saved_errno = errno;

@@ -28,3 +28,7 @@ void sa_channel_release(const sigset_t *mask_ptr) {
 void sa_channel_retire(void) {
     m_is_channel_retired.store(true);
 }
+
+void sa_channel_reinstate(void) {
+    m_is_channel_retired.store(false);
+}

@@ -36,12 +36,15 @@ extern struct sa_handle_st m_sa_handle;
  * signals, so a handler never waits for the thread it interrupted; a step makes a few system calls that do not block.
  *
  * @param mask_ptr  receives the signal mask for sa_channel_release.
- * @return whether the channel is still in service: after sa_channel_retire nobody opens it again.
+ * @return whether the channel is still in service: after sa_channel_retire nobody opens it.
  */
 bool sa_channel_hold(sigset_t *mask_ptr);
 void sa_channel_release(const sigset_t *mask_ptr);
 
-/** Called by a teardown that holds the channel: takes it out of service for good. */
+/** Called by a teardown that holds the channel: takes it out of service. */
 void sa_channel_retire(void);
+
+/** Called when the process goes on after its teardown after all: the reader may open the channel again. */
+void sa_channel_reinstate(void);
 
 #endif

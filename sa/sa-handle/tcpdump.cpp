@@ -3,6 +3,7 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <stdio.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -85,8 +86,8 @@ static int size_argument(int32_t file_size) {
 static int start_child(const char *program, char *base_ptr, const struct log_svc_rec *rec_ptr) {
     char size_a[kNumberSize];
     char count_a[kNumberSize];
-    sa_format(size_a, sizeof(size_a), "%d", size_argument(rec_ptr->file_size_val));
-    sa_format(count_a, sizeof(count_a), "%d", rec_ptr->file_num_val);
+    snprintf(size_a, sizeof(size_a), "%d", size_argument(rec_ptr->file_size_val));
+    snprintf(count_a, sizeof(count_a), "%d", rec_ptr->file_num_val);
     sa_log_platform("%s command[tcpdump -p -v -s 0 -i any -w %s -C %d -W %d]", kService, base_ptr,
                     size_argument(rec_ptr->file_size_val), rec_ptr->file_num_val);
     sa_log_file_as(kService, "IPDATA command[tcpdump -p -v -s 0 -i any -w %s -C %d -W %d]", base_ptr,
