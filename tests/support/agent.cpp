@@ -46,6 +46,35 @@ void AgentTest::boot(const desk_options &options) {
     open_channel();
 }
 
+desk_child AgentTest::launch(const std::vector<std::string> &arguments) {
+    desk_program program;
+    program.argv = {"/system/bin/zr-qel-sa"};
+    program.argv.insert(program.argv.end(), arguments.begin(), arguments.end());
+    program.umask = 077;  // as services have it
+    desk_child agent;
+    EXPECT_TRUE(desk_start(h, program, &agent)) << desk_error();
+    return agent;
+}
+
+desk_result AgentTest::run(const std::vector<std::string> &argv, const std::string &input) {
+    desk_program program;
+    program.argv = argv;
+    program.umask = 077;
+    return desk_run(h, program, input);
+}
+
+bool AgentTest::wait_listening(pid_t pid, int limit_ms) {
+    const std::string listens = "sa_listener_loop fd[";
+    return desk_until(
+        [&] {
+            const std::vector<desk_log_entry> log = desk_log(h, "zr-qel-sa");
+            return std::any_of(log.begin(), log.end(), [&](const desk_log_entry &entry) {
+                return entry.pid == pid && entry.text.compare(0, listens.size(), listens) == 0;
+            });
+        },
+        limit_ms);
+}
+
 void AgentTest::open_channel() {
     hang_up();
     channel = desk_open_tty(h, "/dev/ttyCMD0");
@@ -123,6 +152,22 @@ std::vector<std::string> AgentTest::platform_lines(const std::string &tag) {
     std::vector<std::string> lines;
     for (const desk_log_entry &entry : desk_log(h, tag)) {
         lines.push_back(entry.text);
+    }
+    return lines;
+}
+
+void AgentTest::settle() {
+    const std::string mark = std::to_string(++settled);
+    ASSERT_EQ(run({"/system/bin/log", "-t", "settle", mark}).status, 0);
+    ASSERT_NE(desk_wait_log(h, "settle", mark), 0u) << "the log daemon does not answer";
+}
+
+std::vector<std::string> AgentTest::process_lines(pid_t pid) {
+    std::vector<std::string> lines;
+    for (const desk_log_entry &entry : desk_log(h)) {
+        if (entry.pid == pid && (entry.tag == "zr-qel-sa" || entry.tag == "zr-qel-pub")) {
+            lines.push_back(entry.text);
+        }
     }
     return lines;
 }

@@ -26,6 +26,13 @@ class AgentTest : public ::testing::Test {
     void boot(const desk_options &options = quiet_options());
     // Boots without waiting for anything of the agent.
     void boot_only(const desk_options &options);
+    // Starts the agent as an ordinary child of init, for a handset booted with `agent` false: init neither starts it
+    // again nor clears away what it leaves behind. To be followed by desk_wait.
+    desk_child launch(const std::vector<std::string> &arguments = {});
+    // Runs a program of the handset to its end.
+    desk_result run(const std::vector<std::string> &argv, const std::string &input = "");
+    // Waits until the agent with this pid listens; its command channel is open by then, too, if it can be.
+    bool wait_listening(pid_t pid, int limit_ms = 10000);
     // Takes the handset down and ends the test's use of it.
     void end();
 
@@ -45,6 +52,10 @@ class AgentTest : public ::testing::Test {
     std::vector<std::string> file_lines();
     // Texts of the platform log under a tag.
     std::vector<std::string> platform_lines(const std::string &tag = "zr-qel-sa");
+    // Waits until the journal holds all that had been logged before this call (it adds an entry with the tag "settle").
+    void settle();
+    // Texts of the platform log that one process wrote, under both of the agent's tags.
+    std::vector<std::string> process_lines(pid_t pid);
     // Waits until the diagnostic file has a line with exactly this text behind the time stamp.
     bool wait_file_line(const std::string &line, int limit_ms = 10000);
     // Open descriptors of a process: number and target, sorted by number, as in "3 -> /dev/null".
@@ -54,6 +65,9 @@ class AgentTest : public ::testing::Test {
 
     desk *h = nullptr;
     int channel = -1;
+
+  private:
+    int settled = 0;  // number of the last entry that settle has written
 };
 
 // How often `text` is among the lines.
