@@ -108,7 +108,8 @@ struct desk_result {
     std::string errors;  // its standard error
 };
 
-// Starts a program as a child of init. False when init could not start it. desk_wait must follow.
+// Starts a program as a child of init; comes back when it runs. False when init could not fork. desk_wait must follow;
+// a program that does not exist ends with status 127.
 bool desk_start(desk *h, const desk_program &program, desk_child *child);
 // Raw wait status of a started program, -1 when it still runs after the limit (wait again, or desk_kill it).
 int desk_wait(desk *h, desk_child *child, int limit_ms);

@@ -100,10 +100,24 @@ static bool take_session(const child_setup &setup) {
     _exit(127);
 }
 
+// Waits for the end of a pipe whose other end closes when the child executes its program or dies.
+static void wait_settled(const int *ends) {
+    char byte;
+    close(ends[1]);
+    while (read(ends[0], &byte, 1) < 0 && errno == EINTR) {
+    }
+    close(ends[0]);
+}
+
 pid_t child_start(const child_setup &setup) {
+    int ends[2];
+    bool settled = setup.settled && pipe2(ends, O_CLOEXEC) == 0;
     pid_t pid = fork();
     if (pid == 0) {
         become(setup);
+    }
+    if (settled) {
+        wait_settled(ends);
     }
     if (pid > 0 && !setup.terminal) {
         setpgid(pid, pid);  // whoever is first: the group must exist when the caller goes on

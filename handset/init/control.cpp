@@ -77,6 +77,7 @@ static void spawn(const connection_ptr &c, const std::vector<std::string> &words
     setup.environment.insert(setup.environment.end(), first, argv);
     setup.argv.assign(argv, words.end());
     setup.search = true;
+    setup.settled = true;
     pid_t pid = child_start(setup);
     if (pid < 0) {
         answer(c, text_format("error %d", errno));

@@ -159,7 +159,8 @@ struct child_setup {
     int fds[3] = {-1, -1, -1};  // given descriptors; -1: /dev/null or `output`
     bool closed_stdin = false;
     bool terminal = false;
-    bool search = false;  // look argv[0] up in PATH
+    bool search = false;   // look argv[0] up in PATH
+    bool settled = false;  // come back only when the child has become its program, or failed to
 };
 // Base environment of everything that init starts.
 std::vector<std::string> child_environment();
