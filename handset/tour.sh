@@ -1,0 +1,116 @@
+#!/bin/sh
+# A tour of the agent, taken inside a desk handset by `./dev run`. Each step is one call of sa-host: what a host would
+# type, what it reads, and the lines that the step left in the diagnostic log. Ends with status 1 when a step did not
+# read what it should. With --stay the host console follows, for a person at a terminal.
+set -u
+
+log=/data/local/log/sa.log
+seen=0   # bytes of the diagnostic log that have been shown
+failed=0 # things that were not as they should be
+
+if [ -t 1 ]; then
+    bold=$(printf '\033[1m')
+    dim=$(printf '\033[2m')
+    plain=$(printf '\033[0m')
+else
+    bold="" dim="" plain=""
+fi
+
+new_lines() {
+    tail -c "+$((seen + 1))" "$log" 2>/dev/null
+}
+
+# Waits up to ten seconds for a line among the new ones.
+await_line() {
+    tries=200
+    until new_lines | grep -q "$1"; do
+        tries=$((tries - 1))
+        [ "$tries" -gt 0 ] || return 1
+        sleep 0.05
+    done
+}
+
+show_lines() {
+    new_lines | sed "/$1/q" | cut -c 1-150 | while read -r line; do
+        printf '%s  | %s%s\n' "$dim" "$line" "$plain"
+    done
+    seen=$(wc -c <"$log")
+}
+
+# step TEXT WANTED LAST READY ARGUMENT...: calls sa-host with the arguments. WANTED is a pattern of what it prints, LAST
+# of the last line to show, READY of the line with which the agent is ready for the next step.
+step() {
+    printf '\n%s%s%s\n$ sa-host' "$bold" "$1" "$plain"
+    wanted=$2 last=$3 ready=$4
+    shift 4
+    for word in "$@"; do
+        case $word in
+            *[!a-zA-Z0-9_./-]*) printf " '%s'" "$word" ;;
+            *) printf ' %s' "$word" ;;
+        esac
+    done
+    printf '\n'
+    answer=$(sa-host "$@" 2>&1)
+    printf '%s\n' "$answer"
+    # shellcheck disable=SC2254 # a pattern
+    case $answer in
+        $wanted) ;;
+        *)
+            printf '** this should have been: %s\n' "$wanted"
+            failed=$((failed + 1))
+            ;;
+    esac
+    if ! await_line "$ready"; then
+        printf '** the diagnostic log did not get a line with: %s\n' "$ready"
+        failed=$((failed + 1))
+    fi
+    show_lines "$last"
+}
+
+# A request on the command channel. sa-host hangs up after each one; the agent then opens the channel anew.
+request() {
+    text=$1 wanted_answer=$2
+    shift 2
+    step "$text" "$wanted_answer" 'sa_handle_read_cmd_loop req\[' 'sa_handle_read_cmd_loop reopen' "$@"
+}
+
+await_agent() {
+    if ! await_line 'sa_listener_loop fd\['; then
+        printf 'the agent did not come up: init says "%s"; its diagnostic log:\n' "$(getprop init.svc.zr-qel-sa)"
+        cat "$log"
+        exit 1
+    fi
+    printf 'The agent is up. Its diagnostic log has %d lines, the last ones:\n' "$(wc -l <"$log")"
+    tail -n 3 "$log" | cut -c 1-150 | sed "s/^/$dim  | /; s/\$/$plain/"
+    seen=$(wc -c <"$log")
+}
+
+tour() {
+    step "Attention, and how the agent meets the end of a connection" OK \
+        'sa_handle_read_cmd_loop reopen' 'sa_handle_read_cmd_loop reopen' send AT
+    request "Is the service zr-elog running?" 'QUERY_SERVICE: 0' query zr-elog
+    request "Start it" OK start zr-elog
+    request "It runs" 'QUERY_SERVICE: 1' query zr-elog
+    request "Stop it" OK stop zr-elog
+    request "Copy kernel messages" OK kernel-log on
+    request "The switch is on" 'KERNEL_LOG: 1' kernel-log '?'
+    request "Kernel-log snapshots are off" 'DMESG_LOG: 0' dmesg-log '?'
+    request "A system command" OK system 'date > /data/local/tmp/now'
+    request "All logs saved to the card" OK save-log
+    step "A command in the remote shell: what has been saved" '*sa.log*' \
+        'subproc_waiter_service pid.* exit errno' 'subproc_waiter_service pid.* exit errno' \
+        shell 'du -a /storage/real_sd/logs'
+}
+
+await_agent
+tour
+if [ "$failed" -eq 0 ]; then
+    printf '\nThe tour is complete; every step read what it should.\n'
+else
+    printf '\nThe tour is complete; %d things went wrong, see the lines with **.\n' "$failed"
+fi
+if [ "${1-}" = --stay ]; then
+    printf '\nThe console of sa-host is yours: help lists its commands, the end of input (Ctrl-D) ends the handset.\n'
+    sa-host console
+fi
+[ "$failed" -eq 0 ]
