@@ -16,8 +16,8 @@ enum log_event_type {
     LOG_EVENT_FLOAT = 4,   // 4 bytes
 };
 
-// The values as people read them: numbers and strings as they are, a list as "[a,b,c]". What is cut off or of an unknown
-// type ends the text; false then, with what could be read before it.
+// The values as people read them: numbers and strings as they are, a list as "[a,b,c]". What is cut off or of an
+// unknown type ends the text; false then, with what could be read before it.
 bool log_event_text(const unsigned char *values, size_t length, std::string *out);
 
 #endif

@@ -1,21 +1,53 @@
-// Reads records as they are sent and lets in what has the shape of one. State: none but the socket it is given.
+// Reads records as they are sent, lets in what has the shape of one, and keeps it.
+// Two threads: the taker does nothing but empty the socket, the keeper may wait for the rings' lock and for the
+// journal's file. State: the queue between both, guarded by m_lock, which is held only to append bytes or to swap. The
+// taker uses no heap once it runs: the heap's locks too could be held by a thread that is not scheduled.
 #include "handset/logd/intake.h"
 
 #include <errno.h>
+#include <sched.h>
+#include <stddef.h>
 #include <string.h>
 #include <sys/eventfd.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
+
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
 
 #include "handset/logd/journal.h"
 #include "handset/logd/store.h"
 
 static constexpr unsigned kKernelBuffer = 7;  // filled by the kernel, never by a program
 static constexpr int kReceiveBytes = 8 << 20;
-static constexpr int kBurstMax = 128;  // records between two wake-ups of the readers
+static constexpr int kBurstMax = 128;         // records that are handed to the keeper at one go
+static constexpr size_t kQueueMax = 8 << 20;  // bytes
+static constexpr int kPriority = -19;
 static constexpr uid_t kLogdUser = 1036;
+
+struct raw_head {
+    uint32_t length;  // of the datagram that follows
+    bool has_sender;
+    struct ucred sender;
+};
+
+struct raw_record {
+    raw_head head;
+    char bytes[sizeof(log_record_header) + kLogPayloadMax];
+};
+static_assert(offsetof(raw_record, bytes) == sizeof(raw_head), "a record is appended in one piece");
+
+static std::mutex m_lock;
+static std::condition_variable m_filled;
+static std::condition_variable m_taken;
+static std::string m_queue;  // raw records, one behind the other
 
 int intake_open() {
     const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
@@ -55,35 +87,12 @@ static const struct ucred *credentials_of(struct msghdr *message) {
     return nullptr;
 }
 
-// Stores a record of `length` bytes unless it is a mere header, for no buffer or for the kernel's, or of unknown origin.
-static void accept_record(const unsigned char *record, size_t length, const struct ucred *sender) {
-    log_record_header from;
-    if (length <= sizeof from || sender == nullptr) {
-        return;
-    }
-    memcpy(&from, record, sizeof from);
-    if (from.buffer >= kLogBufferCount || from.buffer == kKernelBuffer) {
-        return;
-    }
-    log_entry entry;
-    entry.payload.assign(reinterpret_cast<const char *>(record) + sizeof from, length - sizeof from);
-    entry.header.length = static_cast<uint16_t>(entry.payload.size());
-    entry.header.header_size = sizeof entry.header;
-    entry.header.pid = sender->pid;
-    entry.header.uid = sender->uid;
-    entry.header.tid = from.tid;
-    entry.header.sec = from.sec;
-    entry.header.nsec = from.nsec;
-    entry.header.buffer = from.buffer;
-    store_add(&entry);
-    journal_put(entry);
-}
-
-// Takes one datagram; a longer one than a record can be is cut. False when none was there (or the wait was disturbed).
-static bool take_record(int socket, int flags) {
-    unsigned char record[sizeof(log_record_header) + kLogPayloadMax];
+// Takes one datagram into `burst`; a longer one than a record can be is cut. False when none was there (or the wait was
+// disturbed).
+static bool take_record(int socket, int flags, std::string *burst) {
+    raw_record record;
     alignas(struct cmsghdr) char control[CMSG_SPACE(sizeof(struct ucred))];
-    struct iovec part = {record, sizeof record};
+    struct iovec part = {record.bytes, sizeof record.bytes};
     struct msghdr message = {};
     message.msg_iov = &part;
     message.msg_iovlen = 1;
@@ -93,16 +102,99 @@ static bool take_record(int socket, int flags) {
     if (length < 0) {
         return false;
     }
-    accept_record(record, static_cast<size_t>(length), credentials_of(&message));
+    const struct ucred *sender = credentials_of(&message);
+    record.head.length = static_cast<uint32_t>(length);
+    record.head.has_sender = sender != nullptr;
+    record.head.sender = sender != nullptr ? *sender : ucred();
+    burst->append(reinterpret_cast<const char *>(&record), sizeof record.head + record.head.length);
     return true;
 }
 
-void intake_run(int socket, int news) {
-    for (;;) {
-        bool has_more = take_record(socket, 0);
-        for (int i = 1; has_more && i < kBurstMax; i++) {
-            has_more = take_record(socket, MSG_DONTWAIT);
-        }
-        eventfd_write(news, 1);
+// Leaves a burst to the keeper. Waits when that one is far behind: then the socket fills, and senders count what they
+// drop.
+static void hand_over(std::string *burst) {
+    {
+        std::unique_lock<std::mutex> guard(m_lock);
+        m_taken.wait(guard, [burst] { return m_queue.size() + burst->size() <= kQueueMax; });
+        m_queue += *burst;
     }
+    m_filled.notify_one();
+    burst->clear();
+}
+
+static void take_loop(int socket) {
+    // Senders drop what finds the queue full, after a few hundred records and thus within a few milliseconds: on a busy
+    // machine only a thread that runs at once is in time. Where that is refused, losses are likelier, and counted.
+    const struct sched_param lowest = {1};
+    if (sched_setscheduler(0, SCHED_FIFO, &lowest) == -1) {
+        setpriority(PRIO_PROCESS, 0, kPriority);
+    }
+    std::string burst;
+    burst.reserve(kBurstMax * sizeof(raw_record));
+    for (;;) {
+        bool has_more = take_record(socket, 0, &burst);
+        for (int i = 1; has_more && i < kBurstMax; i++) {
+            has_more = take_record(socket, MSG_DONTWAIT, &burst);
+        }
+        if (!burst.empty()) {
+            hand_over(&burst);
+        }
+    }
+}
+
+// Adds a record to `entries` unless it is a mere header, for no buffer or for the kernel's, or of unknown origin.
+static void accept_record(const raw_head &head, const char *bytes, std::vector<log_entry> *entries) {
+    log_record_header from;
+    if (head.length <= sizeof from || !head.has_sender) {
+        return;
+    }
+    memcpy(&from, bytes, sizeof from);
+    if (from.buffer >= kLogBufferCount || from.buffer == kKernelBuffer) {
+        return;
+    }
+    log_entry entry;
+    entry.payload.assign(bytes + sizeof from, head.length - sizeof from);
+    entry.header.length = static_cast<uint16_t>(entry.payload.size());
+    entry.header.header_size = sizeof entry.header;
+    entry.header.pid = head.sender.pid;
+    entry.header.uid = head.sender.uid;
+    entry.header.tid = from.tid;
+    entry.header.sec = from.sec;
+    entry.header.nsec = from.nsec;
+    entry.header.buffer = from.buffer;
+    entries->push_back(std::move(entry));
+}
+
+static std::vector<log_entry> read_batch(const std::string &batch) {
+    std::vector<log_entry> entries;
+    raw_head head;
+    for (size_t at = 0; at < batch.size(); at += sizeof head + head.length) {
+        memcpy(&head, batch.data() + at, sizeof head);
+        accept_record(head, batch.data() + at + sizeof head, &entries);
+    }
+    return entries;
+}
+
+static void keep_loop(int news) {
+    std::string batch;
+    batch.reserve(kQueueMax);
+    for (;;) {
+        batch.clear();
+        {
+            std::unique_lock<std::mutex> guard(m_lock);
+            m_filled.wait(guard, [] { return !m_queue.empty(); });
+            batch.swap(m_queue);
+        }
+        m_taken.notify_one();
+        std::vector<log_entry> entries = read_batch(batch);
+        store_add(&entries);
+        eventfd_write(news, 1);
+        journal_write(entries);
+    }
+}
+
+void intake_start(int socket, int news) {
+    m_queue.reserve(kQueueMax);
+    std::thread(keep_loop, news).detach();
+    std::thread(take_loop, socket).detach();
 }

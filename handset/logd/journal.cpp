@@ -1,6 +1,5 @@
-// The journal and its writer thread, which keeps the file's pace away from the thread that takes records in.
-// State: the queue between both (m_lock), the file and the bytes in it (writer thread only), the sum of losses that senders
-// have told (writer thread only).
+// The journal's file. State: the file, the bytes in it, and the sum of losses that senders have told; all of it
+// belongs to the thread that writes, once the file is open.
 #include "handset/logd/journal.h"
 
 #include <errno.h>
@@ -11,23 +10,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <condition_variable>
-#include <mutex>
-#include <thread>
-#include <vector>
-
 #include "handset/logd/event_values.h"
 
 static constexpr char kDirectory[] = "/dev/.desk";
 static constexpr char kJournal[] = "/dev/.desk/log.journal";
 static constexpr char kLost[] = "/dev/.desk/log.lost";
 static constexpr off_t kJournalMax = 256 << 20;
-static constexpr size_t kQueueMax = 1 << 16;  // entries; far beyond what the file falls behind by
-static constexpr uint32_t kLostTag = 1006;    // an events record by which a sender tells how many entries it dropped
-
-static std::mutex m_lock;
-static std::condition_variable m_filled;
-static std::vector<log_entry> m_queue;
+static constexpr uint32_t kLostTag = 1006;  // an events record by which a sender tells how many entries it dropped
 
 static int m_fd = -1;
 static off_t m_size = 0;
@@ -124,25 +113,6 @@ static void append(const std::string &lines) {
     }
 }
 
-static void write_loop() {
-    for (;;) {
-        std::vector<log_entry> batch;
-        {
-            std::unique_lock<std::mutex> guard(m_lock);
-            m_filled.wait(guard, [] { return !m_queue.empty(); });
-            batch.swap(m_queue);
-        }
-        std::string lines;
-        for (const log_entry &entry : batch) {
-            count_losses(entry);
-            lines += journal_line(entry);
-        }
-        if (m_size < kJournalMax) {
-            append(lines);
-        }
-    }
-}
-
 // Number of the last whole line, 0 if there is none. A line that the end of an earlier daemon cut off is ended here.
 static uint64_t last_number() {
     char tail[3 * kLogPayloadMax * 4];  // more than two lines, every byte of them escaped
@@ -171,15 +141,16 @@ bool journal_open(uint64_t *last) {
     }
     m_size = lseek(m_fd, 0, SEEK_END);
     *last = last_number();
-    std::thread(write_loop).detach();
     return true;
 }
 
-void journal_put(const log_entry &entry) {
-    std::lock_guard<std::mutex> guard(m_lock);
-    if (m_fd == -1 || m_queue.size() >= kQueueMax) {
-        return;
+void journal_write(const std::vector<log_entry> &entries) {
+    std::string lines;
+    for (const log_entry &entry : entries) {
+        count_losses(entry);
+        lines += journal_line(entry);
     }
-    m_queue.push_back(entry);
-    m_filled.notify_one();
+    if (m_fd != -1 && m_size < kJournalMax) {
+        append(lines);
+    }
 }

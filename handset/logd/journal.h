@@ -6,14 +6,15 @@
 #define HANDSET_LOGD_JOURNAL_H
 
 #include <string>
+#include <vector>
 
 #include "handset/logd/store.h"
 
-// Opens the journal (directory made if missing, an earlier journal continued) and starts its writer thread. `last` becomes
-// the number of the last entry in it, 0 if none. Without a journal the daemon works all the same: false then, and errno.
+// Opens the journal (directory made if missing, an earlier journal continued). `last` becomes the number of the last
+// entry in it, 0 if none. Without a journal the daemon works all the same: false then, and errno.
 bool journal_open(uint64_t *last);
-// Hands an entry to the writer. Never blocks on the file.
-void journal_put(const log_entry &entry);
+// Appends numbered entries. One thread only.
+void journal_write(const std::vector<log_entry> &entries);
 // The line of an entry, newline included.
 std::string journal_line(const log_entry &entry);
 

@@ -1,12 +1,10 @@
-// The log daemon of a handset: takes records from every process, keeps the newest of each buffer and gives them to readers.
-// Threads: the intake (empties the socket at once), the journal's writer, and the first one, which serves readers.
-// A service of init; ends only by a signal.
+// The log daemon of a handset: takes records from every process, keeps the newest of each buffer and gives them to
+// readers. Threads: one that empties the socket at once, one that stores entries and writes the journal, and the first
+// one, which serves readers. A service of init; ends only by a signal.
 #include <errno.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/eventfd.h>
-
-#include <thread>
 
 #include "handset/logd/intake.h"
 #include "handset/logd/journal.h"
@@ -36,6 +34,6 @@ int main() {
     if (intake == -1) {
         return give_up(kLogWriteSocket);
     }
-    std::thread(intake_run, intake, news).detach();
+    intake_start(intake, news);
     readers_run(listener, news);
 }

@@ -31,8 +31,7 @@ void store_continue(uint64_t sequence) {
     m_newest = sequence;
 }
 
-uint64_t store_add(log_entry *entry) {
-    std::lock_guard<std::mutex> guard(m_lock);
+static void add_one(log_entry *entry) {
     ring &to = m_rings[entry->header.buffer];
     entry->sequence = ++m_newest;
     to.bytes += entry_bytes(*entry);
@@ -41,7 +40,13 @@ uint64_t store_add(log_entry *entry) {
         to.bytes -= entry_bytes(to.entries.front());
         to.entries.pop_front();
     }
-    return m_newest;
+}
+
+void store_add(std::vector<log_entry> *entries) {
+    std::lock_guard<std::mutex> guard(m_lock);
+    for (log_entry &entry : *entries) {
+        add_one(&entry);
+    }
 }
 
 uint64_t store_newest() {

@@ -1,10 +1,12 @@
-// The rings of the log daemon: one a buffer, bounded in bytes, oldest entries leave first. Every call is safe from any thread.
+// The rings of the log daemon: one a buffer, bounded in bytes, oldest entries leave first. Every call is safe from any
+// thread.
 #ifndef HANDSET_LOGD_STORE_H
 #define HANDSET_LOGD_STORE_H
 
 #include <sys/types.h>
 
 #include <string>
+#include <vector>
 
 #include "handset/logd/wire.h"
 
@@ -28,8 +30,8 @@ struct log_query {
 void store_set_limit(size_t bytes);
 // Goes on numbering after `sequence`, the last number of a daemon before this one. Before the first entry only.
 void store_continue(uint64_t sequence);
-// Numbers the entry and adds it to its ring (header.buffer is valid), dropping old ones. Returns its sequence number.
-uint64_t store_add(log_entry *entry);
+// Numbers the entries and adds them to their rings (header.buffer is valid), dropping old ones.
+void store_add(std::vector<log_entry> *entries);
 // Sequence number of the newest entry, 0 when there was none.
 uint64_t store_newest();
 // Copies the first entry that `query` wants whose number is at least `from`; false when there is none.

@@ -1,5 +1,5 @@
-// What the log daemon shares with those who write to it and those who read from it: socket paths, record layouts, names of
-// buffers and priorities. All numbers are little-endian, as every machine that a handset runs on is.
+// What the log daemon shares with those who write to it and those who read from it: socket paths, record layouts,
+// names of buffers and priorities. All numbers are little-endian, as every machine that a handset runs on is.
 #ifndef HANDSET_LOGD_WIRE_H
 #define HANDSET_LOGD_WIRE_H
 
