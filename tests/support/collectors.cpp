@@ -37,6 +37,35 @@ desk_file script(const std::string &path, const std::string &text) {
     return file;
 }
 
+desk_file stand_in(const std::string &name, const std::string &path) {
+    desk_file file;
+    file.path = path;
+    file.host_source = STAND_INS "/lib" + name + ".so";
+    return file;
+}
+
+static const char kFailures[] = "/dev/.desk/fail";
+
+void add_failing_calls(desk_options *options) {
+    const char *path = "/system/lib/failing_calls.so";
+    options->files.push_back(stand_in("failing_calls", path));
+    options->environment.push_back(std::string("LD_PRELOAD=") + path);
+    options->environment.push_back("ASAN_OPTIONS=verify_asan_link_order=0");
+}
+
+void fail_call(desk *h, const std::string &call, const std::string &how) {
+    ASSERT_TRUE(desk_make_dir(h, kFailures));
+    ASSERT_TRUE(desk_write_file(h, std::string(kFailures) + "/" + call, how));
+}
+
+void fail_call(desk *h, const std::string &call, int error) {
+    fail_call(h, call, std::to_string(error));
+}
+
+void heal_call(desk *h, const std::string &call) {
+    ASSERT_TRUE(desk_remove(h, std::string(kFailures) + "/" + call));
+}
+
 static bool is_number(const std::string &name) {
     return !name.empty() && name.find_first_not_of("0123456789") == std::string::npos;
 }
@@ -137,12 +166,22 @@ std::vector<std::string> CollectorTest::reports() {
     return found;
 }
 
-void CollectorTest::restart_agent() {
+static uint64_t end_of_log(desk *h) {
     const std::vector<desk_log_entry> log = desk_log(h);
-    const uint64_t from = log.empty() ? 0 : log.back().sequence + 1;
+    return log.empty() ? 0 : log.back().sequence + 1;
+}
+
+void CollectorTest::start_agent() {
+    const uint64_t from = end_of_log(h);
+    ASSERT_EQ(desk_service_start(h, "zr-qel-sa"), 0);
+    ASSERT_NE(desk_wait_log_part(h, "zr-qel-sa", "sa_listener_loop fd[", from), 0u) << "the agent did not come up";
+    open_channel();
+}
+
+void CollectorTest::restart_agent() {
+    const uint64_t from = end_of_log(h);
     hang_up();
     ASSERT_EQ(desk_service_restart(h, "zr-qel-sa"), 0);
-    ASSERT_NE(desk_wait_log_part(h, "zr-qel-sa", "sa_listener_loop fd[", from), 0u)
-        << "the agent did not come up again";
+    ASSERT_NE(desk_wait_log_part(h, "zr-qel-sa", "sa_listener_loop fd[", from), 0u) << "the agent did not come again";
     open_channel();
 }

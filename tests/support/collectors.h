@@ -22,6 +22,15 @@ bool put_waiting_program(desk *h, const std::string &path);
 // A shell script takes the place of the program at `path`.
 desk_file script(const std::string &path, const std::string &text);
 
+// A library of tests/support/stand_ins, to be put at `path` of a handset.
+desk_file stand_in(const std::string &name, const std::string &path);
+// Lets calls of the C library fail in all services of a handset, once fail_call asks for it.
+void add_failing_calls(desk_options *options);
+// From now on this call fails with this error number ("statfs": or tells of a file system, "blocks bavail bsize").
+void fail_call(desk *h, const std::string &call, const std::string &how);
+void fail_call(desk *h, const std::string &call, int error);
+void heal_call(desk *h, const std::string &call);
+
 class CollectorTest : public AgentTest {
   protected:
     // Pid of the process that has exactly this among its arguments, waited for; -1 when there is none in time.
@@ -44,6 +53,8 @@ class CollectorTest : public AgentTest {
 
     // The report line without its source line, which may change: "FUNC-x(), error_code=-118, errno=2".
     std::vector<std::string> reports();
+    // Asks init to start the agent of a handset booted without it, waits until it listens, opens the channel.
+    void start_agent();
     // Asks init to restart the agent and waits until the new one listens.
     void restart_agent();
 };

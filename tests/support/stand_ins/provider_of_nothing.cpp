@@ -1,0 +1,4 @@
+// A provider library that claims success and provides nothing. No state.
+extern "C" int export_tcpdump(const char *) {
+    return 0;
+}
