@@ -1,0 +1,29 @@
+// System calls that fail on demand. The linker leads the calls of the functions under test (see CMakeLists.txt) through
+// faults.cpp, which passes them on unless a test has asked for a failure. Children that are forked inherit the request.
+#ifndef TESTS_UNIT_FAULTS_H
+#define TESTS_UNIT_FAULTS_H
+
+#include <sys/types.h>
+
+#include <string>
+
+// The next call of `call` by this process fails with `error`, after `skip` calls that pass. Calls that return their error
+// (pthread_create, pthread_kill, ptsname_r) return it. In force for one failure; a new request replaces an old one.
+void fail_call(const std::string &call, int error, int skip = 0);
+// The same for every call from now on.
+void fail_every_call(const std::string &call, int error);
+// All calls pass again; returns how often the last requested one has failed.
+int pass_calls();
+
+// ptsname_r reports this name instead of the true one; "" ends that.
+void rename_slaves(const std::string &name);
+// What is opened below /proc with this last part is opened at `path` instead; "" ends that.
+void divert_open(const std::string &last_part, const std::string &path);
+// write of more than `limit` bytes to this descriptor writes that many; -1 ends that.
+void shorten_writes(int fd, size_t limit);
+// The last chown that was asked for: "/dev/ttyT 1000:1001"; "" after fail_call.
+std::string last_chown();
+// waitpid returns `result` with this status `times` times before it looks for true ends. Written into by any thread.
+void replace_waits(pid_t result, int status, int times);
+
+#endif
