@@ -14,6 +14,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "../init/control.h"
 #include "handle.h"
 
 // ---- /data
@@ -198,7 +199,7 @@ static bool start_sandbox(desk *h) {
 
 // The sandbox program ends when the handset's first process has ended, and that one ends after all others.
 static void stop_sandbox(desk *h) {
-    if (h->init > 0) {
+    if (h->init > 0 && !h->attached) {
         kill(h->init, SIGKILL);
     }
     if (h->line >= 0) {
@@ -310,6 +311,19 @@ desk *desk_boot(const desk_options &options) {
     return nullptr;
 }
 
+desk *desk_attach(pid_t init) {
+    desk *h = new desk;
+    h->attached = true;
+    h->init = init;
+    h->root = open(desk_host_path(h, "/").c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    if (h->root >= 0 && desk_exists(h, CONTROL_SOCKET)) {
+        return h;
+    }
+    desk_fail("process " + std::to_string(init) + " is no handset's init");
+    desk_end(h);
+    return nullptr;
+}
+
 void desk_end(desk *h) {
     if (h == nullptr) {
         return;
@@ -322,6 +336,9 @@ void desk_end(desk *h) {
 }
 
 bool desk_reboot(desk *h, bool keep, const desk_options *options) {
+    if (h->attached) {
+        return desk_fail("only its booter can boot it again");
+    }
     stop_sandbox(h);
     if (options != nullptr) {
         h->options = *options;

@@ -54,7 +54,7 @@ struct desk_options {
     bool kmsg_machine = false;             // feed a copy of the machine's own kernel log (read without consuming it)
     std::string printk = "4\t4\t1\t7\n";   // first content of /proc/sys/kernel/printk
     std::string link;     // "": loopback alone; "dummy": also desk0; "veth": also the pair desk0 - desk1
-    int boot_ms = 20000;  // limit for the boot
+    int boot_ms = 60000;  // limit for the boot
 };
 
 // ---- life -----------------------------------------------------------------------------------------------------------
@@ -62,6 +62,9 @@ struct desk_options {
 // Boots a handset. Returns once init has started all that starts at boot (the agent may still be initialising), or
 // null. The handset ends with the calling thread: call it from a thread that outlives it. Release with desk_end.
 desk *desk_boot(const desk_options &options);
+// A handle for a handset that another process has booted, told by its init's pid as desk_init_pid gives it: all calls
+// but desk_reboot work on it, desk_end lets go of it without ending it. Null when there is none.
+desk *desk_attach(pid_t init);
 // Kills all of it, waits until nothing is left and frees the handle (null is allowed).
 void desk_end(desk *h);
 // Takes the handset down as a loss of power does and boots it again; the handle stays. keep: /data survives, with the

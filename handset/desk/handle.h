@@ -11,6 +11,7 @@ struct desk {
     desk_options options;
     int data_ns = -1;        // mount namespace that holds the file system of /data
     std::string data_place;  // where in it
+    bool attached = false;   // booted by another process: not ours to end
     bool same_data = false;  // this boot found the /data of an earlier boot with the same options
     pid_t sandbox = -1;      // the sandbox program, our child
     pid_t init = -1;         // the handset's first process

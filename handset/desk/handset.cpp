@@ -64,7 +64,7 @@ static int run(desk *h, const handset_call &call) {
 // Until a signal or the end of input; the signals were blocked before the boot.
 static int stay(desk *h, int signals) {
     printf("handset is up: pid %d\n", static_cast<int>(desk_init_pid(h)));
-    printf("  shell in it: nsenter -t %d -a /system/bin/sh\n", static_cast<int>(desk_init_pid(h)));
+    printf("  shell in it: handset enter %d\n", static_cast<int>(desk_init_pid(h)));
     printf("  its files:   %s\n", desk_host_path(h, "/").c_str());
     fflush(stdout);
     struct pollfd fds[2] = {{0, POLLIN, 0}, {signals, POLLIN, 0}};
@@ -105,7 +105,7 @@ int main(int argc, char **argv) {
     if (!call.state.empty()) {
         call.options.prepare = [&call](desk *h) { return load_state(h, call.state); };
     }
-    desk *h = desk_boot(call.options);
+    desk *h = call.verb == "enter" ? desk_attach(call.entered) : desk_boot(call.options);
     if (h == nullptr) {
         fprintf(stderr, "handset: %s\n", desk_error().c_str());
         return 125;

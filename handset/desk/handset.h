@@ -6,10 +6,11 @@
 
 // One call of `handset`.
 struct handset_call {
-    std::string verb;  // "run", "boot", "shell"
+    std::string verb;  // "run", "boot", "shell", "enter"
     desk_options options;
     std::vector<std::string> program;  // run: what stands behind "--"
     std::string state;                 // host directory that keeps /data between boots, "": none
+    int entered = 0;                   // enter: init's pid
     int uid = 0;
     int gid = 0;
 };

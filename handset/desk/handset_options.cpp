@@ -9,11 +9,13 @@ static const char *const m_help =
     "usage: handset run [OPTION]... -- PROGRAM [ARGUMENT]...\n"
     "       handset boot [OPTION]...\n"
     "       handset shell [OPTION]... [-- PROGRAM [ARGUMENT]...]\n"
+    "       handset enter PID [-- PROGRAM [ARGUMENT]...]\n"
     "\n"
     "Boots a private desk handset; it ends with this program and leaves nothing behind.\n"
     "  run     run PROGRAM in it (no agent unless --agent) and end with its status\n"
     "  boot    keep it running until end of input, SIGINT, SIGTERM or SIGHUP\n"
     "  shell   root shell on this terminal\n"
+    "  enter   the same in a handset that runs already; PID as `handset boot` tells it\n"
     "\n"
     "  --agent, --no-agent    start zr-qel-sa at boot (boot and shell do, run does not)\n"
     "  --image DIR            tree of /system\n"
@@ -158,8 +160,11 @@ static int mistake(const std::string &what) {
 }
 
 static int check(const handset_call &call) {
-    if (call.verb != "run" && call.verb != "boot" && call.verb != "shell") {
+    if (call.verb != "run" && call.verb != "boot" && call.verb != "shell" && call.verb != "enter") {
         return mistake("unknown command " + call.verb);
+    }
+    if (call.verb == "enter" && call.entered <= 0) {
+        return mistake("enter needs the pid of a handset");
     }
     if (call.verb == "run" && call.program.empty()) {
         return mistake("run needs a program");
@@ -177,7 +182,11 @@ int handset_parse(int argc, char **argv, handset_call *call) {
     }
     call->verb = argv[1];
     call->options.agent = call->verb != "run";
-    for (int i = 2; i < argc; i++) {
+    int first = 2;
+    if (call->verb == "enter" && argc > 2) {
+        call->entered = atoi(argv[first++]);
+    }
+    for (int i = first; i < argc; i++) {
         std::string name = argv[i];
         if (name == "--") {
             call->program.assign(argv + i + 1, argv + argc);

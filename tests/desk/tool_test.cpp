@@ -1,4 +1,5 @@
 // The command line tool: what it runs, brings and keeps.
+#include <fcntl.h>
 #include <pty.h>
 #include <stdlib.h>
 #include <sys/wait.h>
@@ -112,4 +113,37 @@ TEST(Tool, ShellHasATerminal) {
     close(master);
     EXPECT_EQ(WEXITSTATUS(status), 3);
     EXPECT_NE(seen.find("/dev/pts/0\r\n42\r\n"), std::string::npos) << seen;
+}
+
+TEST(Tool, BootStaysAndCanBeEntered) {
+    int input[2];
+    ASSERT_EQ(pipe2(input, O_CLOEXEC), 0);
+    int output[2];
+    ASSERT_EQ(pipe2(output, O_CLOEXEC), 0);
+    pid_t tool = fork();
+    if (tool == 0) {
+        dup2(input[0], 0);
+        dup2(output[1], 1);
+        execl(HANDSET_TOOL, HANDSET_TOOL, "boot", "--no-agent", "--prop", "desk.who=booted",
+              static_cast<char *>(nullptr));
+        _exit(127);
+    }
+    close(input[0]);
+    close(output[1]);
+    FILE *told = fdopen(output[0], "r");
+    int init = 0;
+    ASSERT_EQ(fscanf(told, "handset is up: pid %d", &init), 1);
+    desk *h = desk_attach(init);
+    ASSERT_NE(h, nullptr) << desk_error();
+    EXPECT_EQ(desk_shell(h, "getprop desk.who").output, "booted\n");
+    desk_end(h);
+    EXPECT_NE(call("enter " + std::to_string(init) + " -- getprop desk.who < /dev/null").output.find("booted"),
+              std::string::npos);
+    EXPECT_EQ(desk_attach(getpid()), nullptr);
+    close(input[1]);
+    int status = -1;
+    EXPECT_EQ(waitpid(tool, &status, 0), tool);
+    EXPECT_EQ(status, 0) << "the end of its input is an orderly end";
+    fclose(told);
+    EXPECT_EQ(desk_attach(init), nullptr);
 }
