@@ -26,7 +26,8 @@ desk_file script(const std::string &path, const std::string &text);
 desk_file stand_in(const std::string &name, const std::string &path);
 // Lets calls of the C library fail in all services of a handset, once fail_call asks for it.
 void add_failing_calls(desk_options *options);
-// From now on this call fails with this error number ("statfs": or tells of a file system, "blocks bavail bsize").
+// From now on this call fails with this error number: "1", or for one path alone, "1 /path"; statfs may also tell of a
+// file system, "blocks bavail bsize".
 void fail_call(desk *h, const std::string &call, const std::string &how);
 void fail_call(desk *h, const std::string &call, int error);
 void heal_call(desk *h, const std::string &call);

@@ -28,15 +28,19 @@ static bool read_file(const char *call, char *text, size_t size) {
     return fd >= 0;
 }
 
-// The error number that a call is to fail with, 0 for none.
-static int failure(const char *call) {
-    char text[16];
-    return read_file(call, text, sizeof(text)) ? atoi(text) : 0;
+// The error number that a call is to fail with, 0 for none. "1 /path" makes it fail for that path alone.
+static int failure(const char *call, const char *path = "") {
+    char text[128];
+    if (!read_file(call, text, sizeof(text))) {
+        return 0;
+    }
+    const char *only = strchr(text, ' ');
+    return only == nullptr || strcmp(only + 1, path) == 0 ? atoi(text) : 0;
 }
 
 // Whether a call is to fail; errno tells how.
-static bool fails(const char *call) {
-    const int error = failure(call);
+static bool fails(const char *call, const char *path = "") {
+    const int error = failure(call, path);
     if (error != 0) {
         errno = error;
     }
@@ -67,11 +71,11 @@ extern "C" pid_t fork() noexcept {
 }
 
 extern "C" int chown(const char *path, uid_t owner, gid_t group) noexcept {
-    return fails("chown") ? -1 : real_chown(path, owner, group);
+    return fails("chown", path) ? -1 : real_chown(path, owner, group);
 }
 
 extern "C" int chmod(const char *path, mode_t mode) noexcept {
-    return fails("chmod") ? -1 : real_chmod(path, mode);
+    return fails("chmod", path) ? -1 : real_chmod(path, mode);
 }
 
 extern "C" int setgid(gid_t group) noexcept {
