@@ -108,6 +108,14 @@ __attribute__((noreturn)) static void end_unexecuted(const char *function, const
     _exit(kExecFailed);
 }
 
+// There is no child: the descriptor meant for it is closed. Returns -1 with the fork's errno.
+static int abandon_unforked(const char *function, int fd, int error) {
+    sa_log_as(function, "fork errno[%d-%s]", error, pub_util_error_text(error));
+    close(fd);
+    errno = error;
+    return -1;
+}
+
 // ---- waiters ----
 
 static void log_end(int pid, int status) {
@@ -213,11 +221,7 @@ int create_subprocess(int fd, const char *arg0, const char *arg1, int *pid_ptr) 
     *pid_ptr = static_cast<int>(pid);
     sa_log("fd[%d] cmd[%s] arg0[%s] arg1[%s] pid[%d]", fd, kShell, arg0, arg1 != nullptr ? arg1 : "(null)", *pid_ptr);
     if (pid < 0) {
-        sa_log_platform("%s fork errno[%d-%s]", __func__, fork_errno, pub_util_error_text(fork_errno));
-        sa_log_file("fork errno[%d-%s]", fork_errno, pub_util_error_text(fork_errno));
-        close(fd);
-        errno = fork_errno;
-        return -1;
+        return abandon_unforked(__func__, fd, fork_errno);
     }
     if (pid == 0) {
         run_shell(__func__, fd, arg0, arg1);
@@ -294,11 +298,7 @@ static int create_subprocess_ex(int fd, const char *cmd, char *const argv[], int
     sa_log("fd[%d] cmd[%s] arg0_size[%d] pid[%d]", fd, cmd, argv[0] != nullptr ? static_cast<int>(strlen(argv[0])) : 0,
            *pid_ptr);
     if (pid < 0) {
-        sa_log_platform("%s fork errno[%d-%s]", __func__, fork_errno, pub_util_error_text(fork_errno));
-        sa_log_file("fork errno[%d-%s]", fork_errno, pub_util_error_text(fork_errno));
-        close(fd);
-        errno = fork_errno;
-        return -1;
+        return abandon_unforked(__func__, fd, fork_errno);
     }
     if (pid == 0) {
         run_command(__func__, fd, cmd, argv);

@@ -139,24 +139,42 @@ long handle_sa_query_service_set(int32_t fd, struct sa_msg_st *req_ptr, struct s
     return 0;
 }
 
+// The steps of a start and of a stop: look whether the service runs, and act if that is not yet what was asked for.
+static long start_unless_running(const char *function, const char *name) {
+    int32_t is_run = 0;
+    int32_t pid = 0;
+    util_is_process_running(name, &is_run, &pid);
+    sa_log_file_as(function, "is_run[%d]", is_run);
+    return is_run != 0 ? 0 : start_service(function, name);
+}
+
+static long stop_if_running(const char *function, const char *name) {
+    int32_t is_run = 0;
+    int32_t pid = 0;
+    util_is_process_running(name, &is_run, &pid);
+    sa_log_file_as(function, "is_run[%d] pid[%d]", is_run, pid);
+    return is_run == 0 ? 0 : stop_service(function, name, pid);
+}
+
+static void change_service(const char *function, int32_t fd, struct sa_msg_st *rsp_ptr, const char *arg,
+                           long (*step)(const char *function, const char *name)) {
+    sa_log_file_as(function, "req[%s]", arg);
+    char name_a[kNameSize];
+    long sa_err = SA_ERR_FAIL;
+    if (sa_take_quoted(arg, name_a, sizeof(name_a)) != nullptr) {
+        sa_err = step(function, name_a);
+    }
+    sa_log_as(function, "\"%s\" sa_err: %ld", name_a, sa_err);
+    send_rsp_outcome(fd, rsp_ptr, sa_err);
+    sa_log_file_as(function, "service[%s] sa_err[%ld]", name_a, sa_err);
+}
+
 long handle_sa_start_service_set(int32_t fd, struct sa_msg_st *req_ptr, struct sa_msg_st *rsp_ptr, const char *arg) {
     sa_log_entry();
     if (sa_is_bad_call(fd, req_ptr, rsp_ptr, arg)) {
         return SA_ERR_PARAM;
     }
-    sa_log_file("req[%s]", arg);
-    char name_a[kNameSize];
-    int32_t is_run = 0;
-    int32_t pid = 0;
-    long sa_err = SA_ERR_FAIL;
-    if (sa_take_quoted(arg, name_a, sizeof(name_a)) != nullptr) {
-        util_is_process_running(name_a, &is_run, &pid);
-        sa_log_file("is_run[%d]", is_run);
-        sa_err = is_run != 0 ? 0 : start_service(__func__, name_a);
-    }
-    sa_log("\"%s\" sa_err: %ld", name_a, sa_err);
-    send_rsp_outcome(fd, rsp_ptr, sa_err);
-    sa_log_file("service[%s] sa_err[%ld]", name_a, sa_err);
+    change_service(__func__, fd, rsp_ptr, arg, start_unless_running);
     return 0;
 }
 
@@ -165,18 +183,6 @@ long handle_sa_stop_service_set(int32_t fd, struct sa_msg_st *req_ptr, struct sa
     if (sa_is_bad_call(fd, req_ptr, rsp_ptr, arg)) {
         return SA_ERR_PARAM;
     }
-    sa_log_file("req[%s]", arg);
-    char name_a[kNameSize];
-    int32_t is_run = 0;
-    int32_t pid = 0;
-    long sa_err = SA_ERR_FAIL;
-    if (sa_take_quoted(arg, name_a, sizeof(name_a)) != nullptr) {
-        util_is_process_running(name_a, &is_run, &pid);
-        sa_log_file("is_run[%d] pid[%d]", is_run, pid);
-        sa_err = is_run == 0 ? 0 : stop_service(__func__, name_a, pid);
-    }
-    sa_log("\"%s\" sa_err: %ld", name_a, sa_err);
-    send_rsp_outcome(fd, rsp_ptr, sa_err);
-    sa_log_file("service[%s] sa_err[%ld]", name_a, sa_err);
+    change_service(__func__, fd, rsp_ptr, arg, stop_if_running);
     return 0;
 }
