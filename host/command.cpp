@@ -172,8 +172,8 @@ bool store_option(const option_row &row, const std::string &value, host_options 
     return true;
 }
 
-bool read_option(const word_list &words, const char *command, size_t *at, host_options *out) {
-    const std::string &word = words[*at];
+bool read_option(word_list &words, const char *command, size_t *at, host_options *out) {
+    const std::string word = words[*at];
     std::string value;
     bool has_value = false;
     const option_row *row = find_option(word, &value, &has_value);
@@ -181,6 +181,10 @@ bool read_option(const word_list &words, const char *command, size_t *at, host_o
         say("\"%s\" is not an option%s%s. See sa-host --help.", word.c_str(), *command != '\0' ? " of " : " here",
             command);
         return false;
+    }
+    if (row->kind == OPTION_FLAG && has_value && word[1] != '-') {
+        words[*at] = "-" + value;  // single letters may share one dash
+        return store_option(*row, "", out);
     }
     ++*at;
     if (row->kind == OPTION_FLAG && has_value) {
@@ -197,7 +201,7 @@ bool read_option(const word_list &words, const char *command, size_t *at, host_o
     return store_option(*row, value, out);
 }
 
-bool read_options(const word_list &words, const char *command, size_t *at, host_options *out, bool *is_help) {
+bool read_options(word_list words, const char *command, size_t *at, host_options *out, bool *is_help) {
     while (*at < words.size() && words[*at].size() > 1 && words[*at][0] == '-') {
         if (words[*at] == "--") {
             ++*at;

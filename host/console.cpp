@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 #include <unistd.h>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -119,6 +120,7 @@ const host_options *m_options = nullptr;  // of the running console; readline's 
 std::vector<std::string> m_services;      // names that completion offers, filled when it is first asked
 std::vector<std::string> m_candidates;    // of the completion in progress
 size_t m_next_candidate = 0;
+volatile sig_atomic_t m_is_cancelled = 0;  // SIGINT came while a line was being edited
 
 // The names that init knows, from the properties that it keeps for each service.
 void ask_services() {
@@ -185,6 +187,41 @@ char **complete(const char *text, int start, int) {
     return m_candidates.empty() ? nullptr : rl_completion_matches(text, next_candidate);
 }
 
+// Ctrl-C at the prompt gives a fresh line. While a sub-command runs it ends the console, as it would end the sub-command.
+int cancel_line() {
+    if (m_is_cancelled != 0) {
+        m_is_cancelled = 0;
+        rl_replace_line("", 0);
+        rl_crlf();
+        rl_on_new_line();
+        rl_redisplay();
+    }
+    return 0;
+}
+
+void note_cancel(int) {
+    m_is_cancelled = 1;
+}
+
+char *read_terminal_line() {
+    struct sigaction ours = {};
+    struct sigaction former = {};
+    ours.sa_handler = note_cancel;
+    sigaction(SIGINT, &ours, &former);
+    char *line = readline("sa> ");
+    sigaction(SIGINT, &former, nullptr);
+    return line;
+}
+
+void keep_history(const std::string &path, const char *line) {
+    if (*line != '\0') {
+        add_history(line);
+    }
+    if (!path.empty()) {
+        write_history(path.c_str());  // now, since a signal may end a sub-command and the console with it
+    }
+}
+
 std::string history_path() {
     const char *home = getenv("HOME");
     return home != nullptr && *home != '\0' ? std::string(home) + "/.sa-host_history" : std::string();
@@ -196,6 +233,7 @@ int run_terminal(const host_options &options) {
     m_services.clear();
     rl_readline_name = "sa-host";
     rl_attempted_completion_function = complete;
+    rl_signal_event_hook = cancel_line;
     using_history();
     stifle_history(1000);
     if (!history.empty()) {
@@ -204,19 +242,14 @@ int run_terminal(const host_options &options) {
     int status = HOST_OK;
     bool is_open = true;
     while (is_open) {
-        char *line = readline("sa> ");
+        char *line = read_terminal_line();
         if (line == nullptr) {
             putchar('\n');
             break;
         }
-        if (*line != '\0') {
-            add_history(line);
-        }
+        keep_history(history, line);
         is_open = run_line(options, line, &status);
         free(line);
-    }
-    if (!history.empty()) {
-        write_history(history.c_str());
     }
     m_options = nullptr;
     return status;

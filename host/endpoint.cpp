@@ -118,6 +118,10 @@ endpoint_try try_open(const host_options &options, const std::string &path, bool
 }
 
 void explain_absent(const host_options &options, const std::string &path, const char *role) {
+    if (access(options.root.c_str(), F_OK) != 0) {
+        say("There is no root directory %s: the handset is not running. Check --root.", options.root.c_str());
+        return;
+    }
     int fd = open_in_root(options.root, path, O_PATH | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0) {
         say("There is no %s at %s: the agent is not running, or publishes it elsewhere. Start the agent, or name the "

@@ -70,7 +70,7 @@ bool is_set_name(const std::string &name) {
 // Reads the names of the sets on the card, oldest first. Result: a host_status.
 int list_sets(const host_options &options, std::vector<std::string> *sets) {
     std::string out;
-    int status = remote_output(options, std::string("ls ") + CARD_ROOT + " 2>/dev/null", QUIET_S, nullptr, &out);
+    int status = remote_output(options, std::string("ls -1 ") + CARD_ROOT + " 2>/dev/null", QUIET_S, nullptr, &out);
     sets->clear();
     for (size_t at = 0, end; (end = out.find('\n', at)) != std::string::npos; at = end + 1) {
         std::string name = out.substr(at, end - at);
@@ -140,10 +140,10 @@ int measure(const host_options &options, transfer *job) {
     std::string out;
     std::string title = "reading " + job->set + " on the handset";
     int quiet_s = options.timeout_s > 0 ? options.timeout_s : MEASURE_S;
-    int status = remote_output(
-        options,
-        std::string("[ -d ") + CARD_ROOT + "/" + job->set + " ]||exit 66;" + tar_command(*job) + "|busybox cksum",
-        quiet_s, title.c_str(), &out);
+    int status = remote_output(options,
+                               std::string("[ -d ") + CARD_ROOT + "/" + job->set + " ]||exit 66;" + tar_command(*job) +
+                                   "|{ cksum 2>/dev/null||busybox cksum; }",
+                               quiet_s, title.c_str(), &out);
     if (status < 0) {
         return HOST_NO_WAY;
     }
@@ -200,6 +200,7 @@ bool take_stream(void *context, const char *data, size_t len) {
 int receive(const host_options &options, transfer *job) {
     job->begun = job->done;
     job->start_ms = now_ms();
+    job->shown_ms = job->start_ms;
     std::string command = tar_command(*job);
     if (job->done > 0) {
         command += text_of("|busybox tail -c +%llu", job->done + 1);
@@ -310,11 +311,13 @@ int unpack(const transfer &job) {
     }
     std::string from = fresh + "/" + job.set;
     std::string to = job.dir + "/" + job.set;
+    std::string former = fresh + "/former";  // a copy of the name from before the set was saved anew
+    rename(to.c_str(), former.c_str());
     if (rename(from.c_str(), to.c_str()) != 0) {
         say("Cannot rename %s to %s: %s.", from.c_str(), to.c_str(), strerror(errno));
         return HOST_ERROR;
     }
-    rmdir(fresh.c_str());
+    run_local({"rm", "-rf", "--", fresh.c_str()}, job.fd, &out);
     return HOST_OK;
 }
 
@@ -362,37 +365,56 @@ bool check_set_name(const std::string &set) {
     return false;
 }
 
-}  // namespace
-
-int fetch_set(const host_options &options, const std::string &set, const std::string &dir) {
+// Brings one set, whatever is there under its name.
+int bring(const host_options &options, const std::string &set, const std::string &dir) {
     transfer job;
     job.set = set;
-    if (set.empty()) {
-        std::vector<std::string> sets;
-        int status = list_sets(options, &sets);
-        if (status != HOST_OK || sets.empty()) {
-            return status != HOST_OK ? status : say_no_sets();
-        }
-        job.set = sets.back();
-    } else if (!check_set_name(set)) {
-        return HOST_REFUSED;
-    }
     job.dir = dir;
-    job.part = dir + "/." + job.set + ".tar.part";
-    job.info = dir + "/." + job.set + ".tar.sum";
-    std::string complete = dir + "/" + job.set;
-    if (access(complete.c_str(), F_OK) == 0) {
-        printf("%s is complete already.\n", complete.c_str());
-        return HOST_OK;
-    }
+    job.part = dir + "/." + set + ".tar.part";
+    job.info = dir + "/." + set + ".tar.sum";
     int status = run_locked(options, &job);
     if (job.fd >= 0) {
         close(job.fd);
     }
     if (status == HOST_OK) {
-        printf("%s: %s fetched, size and checksum are right.\n", complete.c_str(), in_bytes(job.whole.size).c_str());
+        printf("%s/%s: %s fetched, size and checksum are right.\n", dir.c_str(), set.c_str(),
+               in_bytes(job.whole.size).c_str());
     }
     return status;
+}
+
+// The newest set on the card. Result: a host_status, with failures said.
+int find_newest(const host_options &options, std::string *set) {
+    std::vector<std::string> sets;
+    int status = list_sets(options, &sets);
+    if (status != HOST_OK) {
+        return status;
+    }
+    if (sets.empty()) {
+        return say_no_sets();
+    }
+    *set = sets.back();
+    return HOST_OK;
+}
+
+}  // namespace
+
+int fetch_set(const host_options &options, const std::string &set, const std::string &dir) {
+    std::string chosen = set;
+    if (set.empty()) {
+        int status = find_newest(options, &chosen);
+        if (status != HOST_OK) {
+            return status;
+        }
+    } else if (!check_set_name(set)) {
+        return HOST_REFUSED;
+    }
+    std::string complete = dir + "/" + chosen;
+    if (access(complete.c_str(), F_OK) == 0) {
+        printf("%s is complete already.\n", complete.c_str());
+        return HOST_OK;
+    }
+    return bring(options, chosen, dir);
 }
 
 int fetch_saved(const host_options &options, const std::string &dir) {
@@ -414,12 +436,13 @@ int fetch_saved(const host_options &options, const std::string &dir) {
     if (after.empty()) {
         return say_no_sets();
     }
-    // The name is the handset's local time, and its clock may have been set back: the new set need not sort last.
+    // The name is the handset's local time, and its clock may have been set back: the new set need not sort last. No new
+    // name at all: the last one was saved again within its second, so a copy that is here already is out of date.
     std::string made = after.back();
     for (const std::string &set : after) {
         if (!std::binary_search(before.begin(), before.end(), set)) {
             made = set;
         }
     }
-    return fetch_set(options, made, dir);
+    return bring(options, made, dir);
 }

@@ -209,11 +209,12 @@ int run_all(remote *child, remote_mark *mark, int quiet_s, const char *what, rem
 }
 
 // Finds the processes that have a terminal on a standard stream. The kernel tells the number of a master's terminal in
-// fdinfo, and the mount that the agent opened it through, which this shell's own master shares. The foreground of a session
-// is the process group started last, since its shell starts nothing else meanwhile; a shell that makes no groups is all of it.
+// fdinfo, and the mount that the agent opened it through, which this shell's own master shares; that one is read from
+// stream 1, since stream 0 is the file being read. The foreground of a session is the process group started last, since
+// its shell starts nothing else meanwhile; a shell that makes no groups is all of it.
 std::string script_find(const std::string &index) {
     return "i(){ m= t=;while read k v;do case $k in mnt_id:)m=$v;;tty-index:)t=$v;;esac;done<$1;}\n"
-           "i /proc/$$/fdinfo/0;w=$m." +
+           "i /proc/$$/fdinfo/1;w=$m." +
            index +
            "\n"
            "b=0 g= a= l=\n"
@@ -321,10 +322,11 @@ remote_mark mark_new() {
 
 std::string mark_wrap(const remote_mark &mark, const std::string &command, remote_input input) {
     // eval in a subshell: neither `exit` nor a syntax error in the command keeps the second mark from being written.
+    // The trap lets this shell outlive a Ctrl-C meant for the command; children do not inherit it.
     // The closing loop reads the terminal through standard error: standard input may be the decoder's pipe.
     std::string run = "(eval " + shell_quoted(command) + ")" + (input == INPUT_NONE ? "</dev/null" : "") + ";" +
                       mark_text(mark, "$?") + ";while read x<&2;do :;done";
-    std::string request = "shell:" + mark_text(mark, "$$") + ";";
+    std::string request = "shell:trap : 2 3;" + mark_text(mark, "$$") + ";";
     if (input == INPUT_FRAMED) {
         return request + "busybox sed -n '/^=$/q;p'|busybox base64 -d|{ " + run + "; }";
     }

@@ -32,7 +32,8 @@ enum remote_input {
     INPUT_FRAMED,  // base64 lines ended by FRAME_END, decoded on the handset, so that the command sees the end of file
 };
 
-constexpr char FRAME_END[] = "=\n";
+// Ends framed input. Twice, because a stream editor reads a line ahead to know the last one.
+constexpr char FRAME_END[] = "=\n=\n";
 
 // The mark as it is found in the child's output: `tag`, decimal digits, newline. The first one of a run carries the
 // process id of the command's shell, which leads its session and group; the second one the command's exit status.

@@ -60,17 +60,20 @@ void plan_wrapped(const std::string &command, remote_input input, shell_plan *pl
     }
 }
 
+// A shell that prompts, or one that reads its commands from an input that is no terminal and prompts nobody.
+const char *shell_command(bool is_tty) {
+    return is_tty ? "exec /system/bin/sh -" : "sh";
+}
+
 void make_plan(const host_options &options, const std::string &command, bool is_tty, shell_plan *plan) {
     remote_input input = choose_input(options, is_tty);
     plan->bridge.is_raw = is_tty && !options.is_no_input && (command.empty() || options.is_terminal);
-    bool is_interactive = command.empty() && is_tty;
-    if (options.is_bare || is_interactive) {
+    if (options.is_bare) {
         plan_bare(command, input, plan);
     } else {
-        // Without a terminal a shell reads its commands from the input, prompts nobody and has a status to report.
-        plan_wrapped(command.empty() ? "sh" : command, input, plan);
+        plan_wrapped(command.empty() ? shell_command(is_tty) : command, input, plan);
     }
-    if (plan->bridge.in_fd < 0 && command.empty() && !plan->bridge.has_mark) {
+    if (plan->bridge.in_fd < 0 && command.empty() && options.is_bare) {
         plan->bridge.in_fd = STDIN_FILENO;  // a shell without input would wait for ever; its end is read at once
     }
 }
@@ -86,7 +89,8 @@ const char *signal_word(int number) {
 
 // Tells what runs on the handset that its client leaves: no kernel does it, since the terminal controls no session.
 void take_leave(const host_options &options, const shell_plan &plan, const remote &child, int number) {
-    pid_t helper = plan.bridge.has_mark && plan.bridge.mark.pid > 0
+    // A shell that prompts gives each job a group of its own; a command's processes may have other streams.
+    pid_t helper = !plan.bridge.is_raw && plan.bridge.mark.pid > 0
                        ? remote_signal_group(options, plan.bridge.mark.pid, signal_word(number))
                        : remote_signal_terminal(options, child.path, signal_word(number), TARGET_ALL);
     while (helper > 0 && waitpid(helper, nullptr, 0) < 0 && errno == EINTR) {
@@ -114,7 +118,7 @@ int finish(const host_options &options, shell_plan *plan, const remote &child, b
     take_leave(options, *plan, child, number);
     if (end == BRIDGE_ESCAPED) {
         say("Left the remote shell.");
-        return HOST_OK;
+        return HOST_SHELL;
     }
     close(child.fd);
     local_die_by(number);
