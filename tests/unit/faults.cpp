@@ -108,9 +108,23 @@ WRAP(void *, malloc, (size_t size), (size), nullptr)
 WRAP(pid_t, fork, (), (), -1)
 WRAP(int, setgid, (gid_t group), (group), -1)
 WRAP(int, setuid, (uid_t user), (user), -1)
-WRAP(int, pthread_kill, (pthread_t thread, int signo), (thread, signo), m_error)
-WRAP(int, pthread_create, (pthread_t * thread, const pthread_attr_t *attr, void *(*routine)(void *), void *arg),
-     (thread, attr, routine, arg), m_error)
+
+// These return their error and leave errno alone.
+#define WRAP_RETURNING(call, parameters, arguments) \
+    extern "C" int __real_##call parameters;        \
+    extern "C" int __wrap_##call parameters;        \
+    extern "C" int __wrap_##call parameters {       \
+        const int saved_errno = errno;              \
+        if (!fails(#call)) {                        \
+            return __real_##call arguments;         \
+        }                                           \
+        errno = saved_errno;                        \
+        return m_error;                             \
+    }
+
+WRAP_RETURNING(pthread_kill, (pthread_t thread, int signo), (thread, signo))
+WRAP_RETURNING(pthread_create, (pthread_t * thread, const pthread_attr_t *attr, void *(*routine)(void *), void *arg),
+               (thread, attr, routine, arg))
 
 extern "C" int __real_ptsname_r(int fd, char *name, size_t size);
 extern "C" int __wrap_ptsname_r(int fd, char *name, size_t size);

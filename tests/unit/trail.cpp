@@ -69,7 +69,7 @@ static bool wait_for(const std::function<bool()> &condition, int limit_ms) {
         if (std::chrono::steady_clock::now() >= end) {
             return condition();
         }
-        usleep(2000);
+        usleep(1000);
     }
     return true;
 }
