@@ -115,13 +115,8 @@ TEST_F(CollectorsProperty, RecordsFilledBeforeAFailureKeepTheirNewValues) {
 TEST_F(CollectorsProperty, TypeOfFourCharactersAbortsTheAgent) {
     ASSERT_NO_FATAL_FAILURE(
         boot_only(with_log_property("/data/local/log,I1,0,0,LONG,0,0,I3,0,0,I4,0,0,I5,0,0,I6,0,0")));
-    std::vector<desk_event> exits;
-    ASSERT_TRUE(desk_until([&] {
-        exits = desk_events(h, "exit");
-        return !exits.empty();
-    }));
-    EXPECT_EQ(exits[0].fields[0], "zr-qel-sa");
-    EXPECT_EQ(stoi(exits[0].fields[2]) & 0x7f, SIGABRT);
+    ASSERT_TRUE(desk_until([&] { return !agent_ends().empty(); }));
+    EXPECT_EQ(agent_ends()[0].second & 0x7f, SIGABRT);
     EXPECT_EQ(rests(file_lines(), "parse_zr_log_config svc[").size(), 1u);
 }
 

@@ -128,7 +128,13 @@ long CollectorTest::stat(pid_t pid, int field) {
     return at == std::string::npos ? -1 : atol(text.c_str() + at + 1);
 }
 
+std::vector<std::string> CollectorTest::platform_lines() {
+    settle();
+    return AgentTest::platform_lines();
+}
+
 std::vector<std::string> CollectorTest::main_thread_lines() {
+    settle();
     const pid_t agent = desk_agent_pid(h);
     std::vector<std::string> lines;
     for (const desk_log_entry &entry : desk_log(h, "zr-qel-sa")) {
@@ -164,6 +170,16 @@ std::vector<std::string> CollectorTest::reports() {
         }
     }
     return found;
+}
+
+std::vector<std::pair<pid_t, int>> CollectorTest::agent_ends() {
+    std::vector<std::pair<pid_t, int>> ends;
+    for (const desk_event &event : desk_events(h, "exit")) {
+        if (event.fields[0] == "zr-qel-sa") {
+            ends.push_back({stoi(event.fields[1]), stoi(event.fields[2])});
+        }
+    }
+    return ends;
 }
 
 static uint64_t end_of_log(desk *h) {

@@ -4,6 +4,7 @@
 
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/support/agent.h"
@@ -45,7 +46,9 @@ class CollectorTest : public AgentTest {
     // Field of /proc/PID/stat as proc(5) numbers them, from 4 on: 5 is the process group, 6 the session.
     long stat(pid_t pid, int field);
 
-    // Texts of the platform log that the main thread of the agent wrote.
+    // Texts of the agent's platform log up to now: the log is settled first.
+    std::vector<std::string> platform_lines();
+    // The same, of the agent's main thread alone.
     std::vector<std::string> main_thread_lines();
     // The lines that begin with `prefix`, without it.
     static std::vector<std::string> rests(const std::vector<std::string> &lines, const std::string &prefix);
@@ -54,6 +57,8 @@ class CollectorTest : public AgentTest {
 
     // The report line without its source line, which may change: "FUNC-x(), error_code=-118, errno=2".
     std::vector<std::string> reports();
+    // Pid and raw wait status of each end of the agent.
+    std::vector<std::pair<pid_t, int>> agent_ends();
     // Asks init to start the agent of a handset booted without it, waits until it listens, opens the channel.
     void start_agent();
     // Asks init to restart the agent and waits until the new one listens.
