@@ -99,7 +99,7 @@ static void add_sandbox(std::vector<std::string> *args, const std::string &image
                                "/usr",       "/usr"});
     add_host_libraries(args);
     args->insert(args->end(), {"--ro-bind-try", "/etc/ld.so.cache", "/etc/ld.so.cache", "--ro-bind", image, "/image",
-                               "--bind", data, "/data", "--", "/image/bin/init"});
+                               "--bind", data, "/data", "--proc", "/proc", "--", "/image/bin/init"});
 }
 
 static std::string flag(const char *name, bool value) {

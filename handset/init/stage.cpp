@@ -87,7 +87,9 @@ static std::string stage_proc_stands() {
 
 static std::string stage_proc() {
     unsigned long flags = MS_NOSUID | MS_NODEV | MS_NOEXEC;
-    if (!make_dir("/proc", 0555, 0, 0) || mount("proc", "/proc", "proc", flags, nullptr) != 0) {
+    // The sandbox's own, which serves the dynamic loader until here, lets nobody write its settings.
+    umount2("/proc", MNT_DETACH);
+    if (mount("proc", "/proc", "proc", flags, nullptr) != 0) {
         return failed("/proc");
     }
     // Belongs to this network namespace: as long a queue for log datagrams as the platform's init sets.
