@@ -22,6 +22,7 @@
 
 /** The same on behalf of a named operation, for the inner steps of one that goes by a single name in the trace. */
 #define pub_log_error_as(function, error_code) pub_log_report(PUB_SOURCE, __LINE__, (function), (error_code))
+/** Likewise for pub_log_failed_call. */
 #define pub_log_failed_call_as(function, label, error_code) \
     (pub_log_line(nullptr, "sys call: %s() failed! errno = %d", (label), errno), pub_log_error_as(function, error_code))
 

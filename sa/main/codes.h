@@ -15,6 +15,7 @@ enum {
     SA_AID_SHELL = 2000,  // user of collectors and of what they write
 };
 
+/** The agent's name: its service, its log tag, what a second instance looks for. */
 #define SA_NAME "zr-qel-sa"
 
 #endif

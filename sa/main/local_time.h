@@ -6,12 +6,12 @@
 
 /** A broken-down local time; month and day count from 1. */
 struct sa_local_time_st {
-    int year;
-    int month;
-    int day;
-    int hour;
-    int minute;
-    int second;
+    int year;    // all digits
+    int month;   // 1 to 12
+    int day;     // 1 to 31
+    int hour;    // 0 to 23
+    int minute;  // 0 to 59
+    int second;  // 0 to 59
 };
 
 /**
@@ -25,6 +25,7 @@ void sa_local_time(time_t when, struct sa_local_time_st *out_ptr);
  * whoever may have interrupted or lost a thread inside the C library: signal handlers, and children before exec.
  */
 void sa_local_time_hold(void);
+/** Ends one sa_local_time_hold. */
 void sa_local_time_release(void);
 
 #endif

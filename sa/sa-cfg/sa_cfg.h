@@ -10,6 +10,7 @@ struct sa_cfg_record {
     int32_t log_size_val;  // zr.log.size: kept for the log's sake; nothing reads it
 };
 
+/** The one record; its owner is sa_cfg.cpp. */
 extern struct sa_cfg_record sa_cfg_st;
 
 /** Reads the file. Whatever is wrong with it is logged, and the agent runs with what could be read. Always returns 0. */

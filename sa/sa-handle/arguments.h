@@ -10,12 +10,14 @@
 /** Whether a handler was called with unusable arguments; reported under the handler's own name. It then answers nothing. */
 #define sa_is_bad_call(fd, req_ptr, rsp_ptr, arg) \
     sa_is_bad_call_of(__func__, __LINE__, (fd), (req_ptr), (rsp_ptr), (arg))
+/** Behind sa_is_bad_call. */
 bool sa_is_bad_call_of(const char *function, int line, int32_t fd, const struct sa_msg_st *req_ptr,
                        const struct sa_msg_st *rsp_ptr, const char *arg);
 
 /**
  * Takes the text between the double quote that `arg` must begin with and the next one.
  *
+ * @param arg       a handler's argument text.
  * @param text_ptr  receives it, cut at size - 1 characters; empty on failure.
  * @param size      of text_ptr.
  * @return what stands behind the text that was taken (the closing quote, unless the text was cut), or null when `arg`

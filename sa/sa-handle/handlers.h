@@ -14,6 +14,7 @@
 
 #include "sa/sa-handle/state.h"
 
+/** What all of them are. */
 typedef long (*sa_cmd_handler)(int32_t fd, struct sa_msg_st *req_ptr, struct sa_msg_st *rsp_ptr, const char *arg);
 
 /** +START_SERVICE="name": has init start a service and waits up to 8 s for its process. */
@@ -37,10 +38,12 @@ long handle_sa_system_set(int32_t fd, struct sa_msg_st *req_ptr, struct sa_msg_s
 
 /** +KERNEL_LOG=0|1 and +KERNEL_LOG?: the kernel-message switch. */
 long handle_sa_kernel_log_set(int32_t fd, struct sa_msg_st *req_ptr, struct sa_msg_st *rsp_ptr, const char *arg);
+/** The question among the two. */
 long handle_sa_kernel_log_read(int32_t fd, struct sa_msg_st *req_ptr, struct sa_msg_st *rsp_ptr, const char *arg);
 
 /** +DMESG_LOG=0|1 and +DMESG_LOG?: the dmesg switch; switching it on takes a snapshot. */
 long handle_sa_dmesg_log_set(int32_t fd, struct sa_msg_st *req_ptr, struct sa_msg_st *rsp_ptr, const char *arg);
+/** The question among the two. */
 long handle_sa_dmesg_log_read(int32_t fd, struct sa_msg_st *req_ptr, struct sa_msg_st *rsp_ptr, const char *arg);
 
 /** +DATA_PACKETS_LOG=0|1: the packet-capture switch. */

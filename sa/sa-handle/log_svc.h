@@ -24,10 +24,10 @@ struct log_svc_rec {
     pub_thread_id mthread_id;  // its thread, likewise
     char type[4];              // type token; chooses among the logcat collectors
     int32_t type_id;           // position, 1 to 6; chooses between packet capture and kernel messages
-    char file_num[40];
-    int32_t file_num_val;
-    char file_size[40];
-    int32_t file_size_val;
+    char file_num[40];         // number of files, as logcat is given it
+    int32_t file_num_val;      // the same as a number, 0 when it is none
+    char file_size[40];        // size of a file in the collector's own unit, as logcat is given it
+    int32_t file_size_val;     // likewise
 };
 
 /**
@@ -36,8 +36,10 @@ struct log_svc_rec {
  */
 extern struct log_svc_rec g_zr_log_svc[LOG_SVC_COUNT];
 
-/** Directory of the collectors' files. The diagnostic log does not follow it. Written like the table. */
+/** Room for a path in the log directory, with its NUL. */
 enum { LOG_PATH_SIZE = 100 };
+
+/** Directory of the collectors' files. The diagnostic log does not follow it. Written like the table. */
 extern char g_log_path_a[LOG_PATH_SIZE];
 
 /**

@@ -15,7 +15,9 @@ struct logcat_argv {
 /**
  * Builds the argument vector of a record; its type text, not its position, chooses buffer and output file.
  *
- * @param num_ptr  receives the number of arguments, 0 on failure.
+ * @param rec_ptr   the record; its texts are copied.
+ * @param argv_ptr  receives the vector.
+ * @param num_ptr   receives the number of arguments, 0 on failure.
  * @return 0, or -100 for an unknown type.
  */
 long make_logcat_svc_argv_ex(const struct log_svc_rec *rec_ptr, struct logcat_argv *argv_ptr, int *num_ptr);

@@ -10,8 +10,8 @@
 
 /** A request being read, or a response being sent. `data` is NUL-terminated: at most 199 bytes are used. */
 struct sa_msg_st {
-    uint16_t len;  // valid bytes; the text ends earlier when they hold a NUL
-    char data[200];
+    uint16_t len;    // valid bytes; the text ends earlier when they hold a NUL
+    char data[200];  // the text
 };
 
 /** Zeroed by sa_handle_init before any thread of this layer exists. */
@@ -22,12 +22,12 @@ struct sa_handle_st {
     struct sa_msg_st rsp;                // command reader thread
     // The newest kernel-message reader: written by whoever starts one (sa_handle_init, then the command reader thread).
     pub_thread_id m_read_kernel_log_tid;
-    // The switches, 0 or 1: command reader thread.
-    uint8_t m_is_packets_capture;
-    uint8_t m_is_kernel_log;
-    uint8_t m_is_dmesg_log;
+    uint8_t m_is_packets_capture;  // 0 or 1: command reader thread
+    uint8_t m_is_kernel_log;       // likewise
+    uint8_t m_is_dmesg_log;        // likewise
 };
 
+/** The one record. */
 extern struct sa_handle_st m_sa_handle;
 
 /**
@@ -39,6 +39,7 @@ extern struct sa_handle_st m_sa_handle;
  * @return whether the channel is still in service: after sa_channel_retire nobody opens it.
  */
 bool sa_channel_hold(sigset_t *mask_ptr);
+/** Ends one sa_channel_hold, with the mask that it gave. */
 void sa_channel_release(const sigset_t *mask_ptr);
 
 /** Called by a teardown that holds the channel: takes it out of service. */
