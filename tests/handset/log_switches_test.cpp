@@ -183,6 +183,19 @@ TEST_F(LogSwitches, ChangeButFailWhenDataIsFull) {
     EXPECT_TRUE(desk_until([&] { return threads(desk_agent_pid(h)) == 2; }));
 }
 
+// The one that watches for the packet switch is forked by a child that the agent waits for.
+TEST_F(LogSwitches, OfPacketsFailsWhenTheAgentCannotWaitForItsChild) {
+    ASSERT_NO_FATAL_FAILURE(boot());
+    ASSERT_NO_FATAL_FAILURE(inject("wait4,waitpid:error=EINTR:when=1"));
+    EXPECT_EQ(request("+DATA_PACKETS_LOG=1"), kError);
+    ASSERT_NO_FATAL_FAILURE(stop_injecting());
+    EXPECT_EQ(steps(), joined({{"handle_sa_packets_log_set()", "packets_capture_process()", "error to call waitpid()"},
+                               error_steps()}));
+    EXPECT_EQ(result(), "ret_val[0]");
+    EXPECT_EQ(request("+DATA_PACKETS_LOG=1"), kOk) << "nothing left to change";
+    EXPECT_EQ(steps(), joined({{"handle_sa_packets_log_set()"}, ok_steps()}));
+}
+
 // ---- the kernel switch and its reader ----
 
 TEST_F(LogSwitches, OfKernelMessagesStartsAndEndsAReader) {
@@ -203,7 +216,7 @@ TEST_F(LogSwitches, OfKernelMessagesStartsAndEndsAReader) {
         EXPECT_EQ(descriptors(agent), before);
         EXPECT_NE(desk_wait_log_part(h, "zr-qel-pub", "thread "), 0u);
     }
-    EXPECT_EQ(platform_lines("zr-qel-pub").back().substr(0, 7), "thread ");
+    EXPECT_EQ(AgentTest::platform_lines("zr-qel-pub").back().substr(0, 7), "thread ");
     EXPECT_EQ(ask("AT\r"), kOk);
 }
 
