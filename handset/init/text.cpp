@@ -1,4 +1,4 @@
-// Small helpers over texts and whole files. No state.
+// Small functions over texts and whole files. No state.
 #include <errno.h>
 #include <fcntl.h>
 #include <stdarg.h>
