@@ -8,6 +8,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 #include <sys/vfs.h>
@@ -58,6 +59,7 @@ static const auto real_chown = find(chown, "chown");
 static const auto real_chmod = find(chmod, "chmod");
 static const auto real_setgid = find(setgid, "setgid");
 static const auto real_setuid = find(setuid, "setuid");
+static const auto real_socket = find(socket, "socket");
 static const auto real_statfs = find(statfs, "statfs64");  // its name in a build with 64-bit file offsets
 
 extern "C" int pthread_create(pthread_t *thread, const pthread_attr_t *attr, void *(*routine)(void *),
@@ -84,6 +86,10 @@ extern "C" int setgid(gid_t group) noexcept {
 
 extern "C" int setuid(uid_t user) noexcept {
     return fails("setuid") ? -1 : real_setuid(user);
+}
+
+extern "C" int socket(int domain, int type, int protocol) noexcept {
+    return fails("socket") ? -1 : real_socket(domain, type, protocol);
 }
 
 // The file: an error number alone, or "blocks bavail bsize".
