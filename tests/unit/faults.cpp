@@ -27,6 +27,8 @@ static std::string m_diverted_path;
 static int m_short_fd = -1;
 static size_t m_short_limit = 0;
 static char m_last_chown[256];
+static std::atomic<bool> m_is_shortened{false};
+static std::atomic<int> m_pauses_a[128];  // by length, in 10 ms
 static std::atomic<int> m_waits_left{0};
 static pid_t m_wait_result = 0;
 static int m_wait_status = 0;
@@ -70,6 +72,17 @@ void shorten_writes(int fd, size_t limit) {
 
 std::string last_chown() {
     return m_last_chown;
+}
+
+void shorten_pauses(bool is_shortened) {
+    for (std::atomic<int> &count : m_pauses_a) {
+        count = 0;
+    }
+    m_is_shortened = is_shortened;
+}
+
+int pauses_of(useconds_t length) {
+    return m_pauses_a[length / 10000];
 }
 
 void replace_waits(pid_t result, int status, int times) {
@@ -150,6 +163,18 @@ extern "C" ssize_t __real_write(int fd, const void *bytes, size_t size);
 extern "C" ssize_t __wrap_write(int fd, const void *bytes, size_t size);
 extern "C" ssize_t __wrap_write(int fd, const void *bytes, size_t size) {
     return __real_write(fd, bytes, fd == m_short_fd && size > m_short_limit ? m_short_limit : size);
+}
+
+extern "C" int __real_usleep(useconds_t length);
+extern "C" int __wrap_usleep(useconds_t length);
+extern "C" int __wrap_usleep(useconds_t length) {
+    if (!m_is_shortened || length < 10000) {
+        return __real_usleep(length);
+    }
+    if (length % 10000 == 0 && length / 10000 < sizeof(m_pauses_a) / sizeof(m_pauses_a[0])) {
+        m_pauses_a[length / 10000]++;
+    }
+    return __real_usleep(length / 20);
 }
 
 extern "C" pid_t __real_waitpid(pid_t pid, int *status, int options);

@@ -4,6 +4,7 @@
 #define TESTS_UNIT_FAULTS_H
 
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <string>
 
@@ -23,6 +24,10 @@ void divert_open(const std::string &last_part, const std::string &path);
 void shorten_writes(int fd, size_t limit);
 // The last chown that was asked for: "/dev/ttyT 1000:1001"; "" after fail_call.
 std::string last_chown();
+// Pauses (usleep of 10 ms and more) take a twentieth of their time from now on; false ends that.
+void shorten_pauses(bool is_shortened);
+// How many pauses of exactly this length this process has made since.
+int pauses_of(useconds_t length);
 // waitpid returns `result` with this status `times` times before it looks for true ends. Written into by any thread.
 void replace_waits(pid_t result, int status, int times);
 
