@@ -128,9 +128,9 @@ long CollectorTest::stat(pid_t pid, int field) {
     return at == std::string::npos ? -1 : atol(text.c_str() + at + 1);
 }
 
-std::vector<std::string> CollectorTest::platform_lines() {
+std::vector<std::string> CollectorTest::platform_lines(const std::string &tag) {
     settle();
-    return AgentTest::platform_lines();
+    return AgentTest::platform_lines(tag);
 }
 
 std::vector<std::string> CollectorTest::main_thread_lines() {

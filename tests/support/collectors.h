@@ -46,9 +46,9 @@ class CollectorTest : public AgentTest {
     // Field of /proc/PID/stat as proc(5) numbers them, from 4 on: 5 is the process group, 6 the session.
     long stat(pid_t pid, int field);
 
-    // Texts of the agent's platform log up to now: the log is settled first.
-    std::vector<std::string> platform_lines();
-    // The same, of the agent's main thread alone.
+    // Texts of the platform log under a tag, all up to now: the log is settled first.
+    std::vector<std::string> platform_lines(const std::string &tag = "zr-qel-sa");
+    // The same of the agent alone, and of its main thread.
     std::vector<std::string> main_thread_lines();
     // The lines that begin with `prefix`, without it.
     static std::vector<std::string> rests(const std::vector<std::string> &lines, const std::string &prefix);
