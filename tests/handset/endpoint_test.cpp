@@ -323,6 +323,31 @@ TEST_F(Endpoint, AFailedReopenEndsTheReaderAlone) {
     EXPECT_EQ(desk_agent_pid(h), pid);
 }
 
+TEST_F(Endpoint, WithoutADescriptorTheReopenFailsAndTheAgentStays) {
+    ASSERT_NO_FATAL_FAILURE(boot());
+    const pid_t pid = desk_agent_pid(h);
+    ASSERT_EQ(ask("AT\r"), kOk);
+    ASSERT_TRUE(wait_file_line("sa_handle_read_cmd_loop req[AT\r] ret_val[0]"));
+    const int threads_before = threads(pid);
+    const std::vector<std::string> limit = {"/usr/bin/prlimit", "--pid", std::to_string(pid)};
+    std::vector<std::string> none = limit;
+    none.push_back("--nofile=3:4096");
+    ASSERT_EQ(run(none).status, 0);
+    hang_up();
+    ASSERT_TRUE(desk_until([&] { return threads(pid) == threads_before - 1; }));
+    EXPECT_TRUE(in_order(
+        library_lines(),
+        {"pub_pty_close pub_pty_delete_mapping ret_val[0]", "pub_pty_open()", "pub_pty_open m_ptm_fd[-1]",
+         "pub_pty_open m_ptm_fd[-1]", "sys call: open() failed! errno = 24",
+         "FILE-pub/pty/pty, LINE-, FUNC-pub_pty_open(), error_code=-118, errno=24", "pub_pty_close()", "0, 1"}));
+    EXPECT_TRUE(in_order(platform_lines(), {"sa_handle_read_cmd_loop EIO pub_pty_close ret_val[0]",
+                                            "sa_handle_read_cmd_loop EIO pub_pty_open m_ptm_fd[-1] pts_name_a[] "
+                                            "pts_mapping_name_a[/dev/ttyCMD0] is_nonblock_mode[0] ret_val[-118]",
+                                            "sa_handle_read_cmd_loop pub_pty_close ret_val[-1]"}));
+    EXPECT_FALSE(desk_exists(h, kLink));
+    EXPECT_EQ(desk_agent_pid(h), pid);
+}
+
 // ---- a terminal program as the client
 
 TEST_F(Endpoint, TerminalProgramIsAnswered) {

@@ -9,6 +9,19 @@
 static const char kAgent[] = "/system/bin/zr-qel-sa";
 static const char kPidFile[] = "/tmp/zr-qel-sa.pid";
 
+// An agent built with a sanitizer reserves address space and signals of its own.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+static const bool kIsSanitized = true;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+static const bool kIsSanitized = true;
+#else
+static const bool kIsSanitized = false;
+#endif
+#else
+static const bool kIsSanitized = false;
+#endif
+
 class Start : public AgentTest {
   protected:
     void boot_without_agent(desk_options options = quiet_options()) {
@@ -233,6 +246,9 @@ TEST_F(Start, LogsAtDebugPriorityInTheMainBuffer) {
 
 // Handled signals and no others; the reader adds the one that stops threads.
 TEST_F(Start, HandlesTheseSignalsOnly) {
+    if (kIsSanitized) {
+        GTEST_SKIP() << "a sanitizer handles more";
+    }
     ASSERT_NO_FATAL_FAILURE(boot());
     ASSERT_EQ(ask("AT\r"), kOk);
     const std::string status = desk_file_text(h, number("/proc/", desk_agent_pid(h), "/status"));
@@ -244,9 +260,25 @@ TEST_F(Start, HandlesTheseSignalsOnly) {
     EXPECT_EQ(mask("SigIgn:\t"), 0u);
 }
 
+TEST_F(Start, StacksOfOneMebibyteAreEnough) {
+    ASSERT_NO_FATAL_FAILURE(boot_without_agent());
+    desk_program program;
+    program.argv = {"/usr/bin/bash", "-c", "ulimit -s 1024; exec /system/bin/zr-qel-sa"};
+    desk_child agent;
+    ASSERT_TRUE(desk_start(h, program, &agent)) << desk_error();
+    ASSERT_TRUE(wait_listening(agent.pid));
+    open_channel();
+    EXPECT_EQ(ask("AT\r"), kOk);
+    EXPECT_EQ(ask("SA+QUERY_SERVICE=\"" + std::string(170, 'n') + "\"\r"), "\r\nQUERY_SERVICE: 0\r\n\r\nOK\r\n");
+    EXPECT_EQ(ask("SA+SYSTEM=\"true\"\r"), kOk);
+}
+
 // ---- a start that fails
 
 TEST_F(Start, WithoutACommandThreadEndsInOrder) {
+    if (kIsSanitized) {
+        GTEST_SKIP() << "a sanitizer needs the address space";
+    }
     ASSERT_NO_FATAL_FAILURE(boot_without_agent());
     // A thread's stack is as large as the main thread may become: too large for the address space that is left.
     const desk_result result =
