@@ -7,6 +7,7 @@ set -u
 log=/data/local/log/sa.log
 seen=0   # bytes of the diagnostic log that have been shown
 failed=0 # things that were not as they should be
+carriage_return=$(printf '\r')
 
 if [ -t 1 ]; then
     bold=$(printf '\033[1m')
@@ -30,8 +31,9 @@ await_line() {
     done
 }
 
+# A request's carriage return, which stands in the log as it is, is shown as \r.
 show_lines() {
-    new_lines | sed "/$1/q" | cut -c 1-150 | while read -r line; do
+    new_lines | sed "s/$carriage_return/\\\\r/g; /$1/q" | cut -c 1-150 | while read -r line; do
         printf '%s  | %s%s\n' "$dim" "$line" "$plain"
     done
     seen=$(wc -c <"$log")
