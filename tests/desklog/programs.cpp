@@ -1,3 +1,4 @@
+// The handset that the tests of the log share. State: the number of the last marker; each test owns its handset.
 #include "programs.h"
 
 #include <signal.h>
