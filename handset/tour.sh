@@ -113,6 +113,7 @@ else
 fi
 if [ "${1-}" = --stay ]; then
     printf '\nThe console of sa-host is yours: help lists its commands, the end of input (Ctrl-D) ends the handset.\n'
+    trap : INT # Ctrl-C is the console's
     sa-host console
 fi
 [ "$failed" -eq 0 ]
