@@ -104,8 +104,11 @@ TEST_F(SystemCommand, KeepsTheChannelUntilItIsDone) {
     send("AT\r");
     EXPECT_EQ(receive(300), "");
     ASSERT_TRUE(desk_write_file(h, "/data/go", ""));
-    EXPECT_EQ(receive(), kOk);
-    EXPECT_EQ(receive(), kOk);
+    std::string answers = receive();
+    if (answers == kOk) {  // else both have come at once
+        answers += receive();
+    }
+    EXPECT_EQ(answers, std::string(kOk) + kOk);
     EXPECT_TRUE(wait_file_line("sa_handle_read_cmd_loop req[AT\r] ret_val[0]"));
 }
 

@@ -89,6 +89,49 @@ bool put_service_program(desk *h, const std::string &name) {
     return put_waiting_program(h, "/system/bin/" + name);
 }
 
+void add_quick_programs(desk_options *options) {
+    for (const char *name : {"bugreport", "lsmod"}) {
+        options->files.push_back(script(std::string("/system/bin/") + name, std::string("print of ") + name + "\n"));
+    }
+}
+
+lines save_lines(const std::string &destination, const lines &present) {
+    struct row {
+        const char *condition;
+        const char *line;  // with a mark for the destination
+    };
+    static const row kRows[] = {
+        {"", "cat /proc/driver/codec > @/zr3360regs.log"},
+        {"", "busybox cp /data/rec_dump.txt  @ -R"},
+        {"", "busybox cp /data/play_out_dump.txt  @ -R"},
+        {"", "busybox cp /data/local/log @/ -R"},
+        {"/data/local/log-modem", "busybox cp /data/local/log-modem @/ -R"},
+        {"/data/local/log-modem-1", "busybox cp /data/local/log-modem-1 @/ -R"},
+        {"/data/local/log-modem-2", "busybox cp /data/local/log-modem-2 @/ -R"},
+        {"/data/log", "busybox cp /data/log @/data-log -R"},
+        {"/data/anr", "busybox cp /data/anr @ -R"},
+        {"/data/data/com.android.mms", "busybox cp /data/data/com.android.mms @ -R"},
+        {"/data/data/com.android.providers.telephony",
+         "busybox cp /data/data/com.android.providers.telephony @/com.android.providers.telephony -R"},
+        {"", "getprop > @/getprop.log"},
+        {"", "busybox ifconfig > @/ifconfig.log"},
+        {"", "ls /tmp > @/ls_tmp.log"},
+        {"", "lsmod > @/lsmod.log"},
+        {"", "ps > @/ps.log"},
+        {"", "busybox route > @/route.log"},
+        {"", "bugreport > @/bugreport.log"},
+        {"", "busybox cp /data/tombstones  @ -R"},
+    };
+    lines all;
+    for (const row &r : kRows) {
+        std::string line = r.line;
+        if (*r.condition == '\0' || count_lines(present, r.condition) > 0) {
+            all.push_back(line.replace(line.find('@'), 1, destination));
+        }
+    }
+    return all;
+}
+
 void CommandTest::TearDown() {
     end();  // nobody has to wait for programs that end with the handset
     CollectorTest::TearDown();
@@ -116,16 +159,16 @@ void CommandTest::collect_platform(uint64_t end) {
     std::vector<desk_log_entry> log = desk_log(h);
     const auto last =
         std::find_if(log.begin(), log.end(), [end](const desk_log_entry &entry) { return entry.sequence + 1 == end; });
-    platform.clear();
+    served_platform.clear();
     for (auto at = log.begin(); at != last && at != log.end(); ++at) {
         const bool ours = at->sequence >= from_sequence && at->pid == last->pid && at->tid == last->tid &&
                           (at->tag == "zr-qel-sa" || at->tag == "zr-qel-pub");
         if (ours) {
-            platform.push_back({at->time, without_place(at->text)});
+            served_platform.push_back({at->time, without_place(at->text)});
         }
     }
     if (last != log.end()) {
-        platform.push_back({last->time, last->text});
+        served_platform.push_back({last->time, last->text});
     }
 }
 
@@ -135,8 +178,9 @@ std::string CommandTest::finish(int limit_ms) {
     EXPECT_NE(end, 0u) << "the request did not come to its end";
     collect_platform(end);
     EXPECT_TRUE(desk_until([&] {
-        file = file_lines_from(from_line);
-        return std::any_of(file.begin(), file.end(), [](const std::string &line) { return begins(line, kEndOfFile); });
+        served_file = file_lines_from(from_line);
+        return std::any_of(served_file.begin(), served_file.end(),
+                           [](const std::string &line) { return begins(line, kEndOfFile); });
     }));
     return answer;
 }
@@ -155,7 +199,7 @@ std::string CommandTest::request(const std::string &text, int limit_ms) {
 lines CommandTest::steps() {
     lines texts;
     bool inside = false;
-    for (const written &e : platform) {
+    for (const written &e : served_platform) {
         if (inside && !begins(e.text, kEndOfPlatform)) {
             texts.push_back(e.text);
         }
@@ -165,7 +209,7 @@ lines CommandTest::steps() {
 }
 
 std::string CommandTest::result() {
-    const std::string text = platform.empty() ? "" : platform.back().text;
+    const std::string text = served_platform.empty() ? "" : served_platform.back().text;
     const size_t at = text.rfind(" ret_val[");
     return at == std::string::npos ? "none" : text.substr(at + 1);
 }
@@ -174,7 +218,7 @@ lines CommandTest::file_steps() {
     const std::string dispatcher = "handle_sa_cmd_req ";
     lines texts;
     bool inside = false;
-    for (const std::string &line : file) {
+    for (const std::string &line : served_file) {
         const bool is_frame = begins(line, dispatcher);
         if (inside && (is_frame || begins(line, kEndOfFile))) {
             break;
@@ -193,7 +237,7 @@ lines CommandTest::file_steps_of(const std::string &function) {
 
 std::vector<double> CommandTest::moments(const std::string &prefix) {
     std::vector<double> found;
-    for (const written &e : platform) {
+    for (const written &e : served_platform) {
         if (begins(e.text, prefix)) {
             found.push_back(e.time);
         }
@@ -243,6 +287,42 @@ lines CommandTest::property_requests(const std::string &name) {
     }
     events_seen = events.size();
     return values;
+}
+
+// ---- saves
+
+std::string CommandTest::destination() {
+    const lines found = rests(file_steps(), "handle_sa_save_log_set log_path_a[");
+    return found.empty() ? "" : found[0].substr(0, found[0].find(']'));
+}
+
+std::string CommandTest::channel_number() {
+    const lines found = rests(file_lines(), "sa_handle_read_cmd_loop ptm_fd[");
+    return found.empty() ? "" : found[0].substr(0, found[0].find(']'));
+}
+
+static void add_tree(desk *h, const std::string &directory, const std::string &prefix,
+                     std::map<std::string, std::string> *tree_ptr) {
+    for (const std::string &name : desk_list(h, directory)) {
+        const std::string path = directory + "/" + name;
+        struct stat st;
+        if (!desk_lstat(h, path, &st)) {
+            continue;
+        }
+        if (S_ISDIR(st.st_mode)) {
+            (*tree_ptr)[prefix + name] = "directory";
+            add_tree(h, path, prefix + name + "/", tree_ptr);
+        } else {
+            (*tree_ptr)[prefix + name] =
+                S_ISLNK(st.st_mode) ? "link to " + desk_link_target(h, path) : desk_file_text(h, path);
+        }
+    }
+}
+
+std::map<std::string, std::string> CommandTest::tree(const std::string &directory) {
+    std::map<std::string, std::string> all;
+    add_tree(h, directory, "", &all);
+    return all;
 }
 
 // ---- programs

@@ -2,6 +2,7 @@
 #ifndef TESTS_SUPPORT_COMMANDS_H
 #define TESTS_SUPPORT_COMMANDS_H
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -30,6 +31,12 @@ desk_file recording_busybox();
 // A service of init that does nothing but exist under its name. For `files`, and for `prepare` (its program).
 desk_file service_file(const std::string &name);
 bool put_service_program(desk *h, const std::string &name);
+
+// Puts quick programs with a fixed output in the place of those that a save calls and that take their time, or whose
+// success depends on the machine: bugreport and lsmod.
+void add_quick_programs(desk_options *options);
+// The command lines of a save, in order, with these sources present ("/data/anr"), as the shell gets them.
+lines save_lines(const std::string &destination, const lines &present = {});
 
 class CommandTest : public CollectorTest {
   protected:
@@ -63,6 +70,13 @@ class CommandTest : public CollectorTest {
     // Values of one property that init was asked to set since the last call, control requests included.
     lines property_requests(const std::string &name);
 
+    // Directory of the last save, from its log line; "" without one.
+    std::string destination();
+    // Descriptor of the channel's master in the agent, as its log lines show it.
+    std::string channel_number();
+    // All that is below a directory: path in it, and the content of a file, "directory", or "link to TARGET".
+    std::map<std::string, std::string> tree(const std::string &directory);
+
     // Starts the program of a service as init would, without init knowing; waits until it goes by its name.
     pid_t start_program(const std::string &name);
     // Puts strace with this injection between the agent and the kernel and waits until it is in place.
@@ -79,8 +93,8 @@ class CommandTest : public CollectorTest {
 
     uint64_t from_sequence = 0;
     size_t from_line = 0;
-    std::vector<written> platform;  // of the last request
-    lines file;
+    std::vector<written> served_platform;  // of the last request
+    lines served_file;
     size_t shell_offset = 0;
     size_t busybox_offset = 0;
     size_t events_seen = 0;
