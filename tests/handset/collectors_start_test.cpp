@@ -1,4 +1,6 @@
 // Which collectors start when nobody has configured them, in which order, as whom, and with what in their hands.
+#include <unistd.h>
+
 #include "tests/support/collectors.h"
 
 class CollectorsStart : public CollectorTest {
@@ -132,12 +134,20 @@ TEST_F(CollectorsStart, SetsTheCreationMaskOfTcpdumpAlone) {
 
 TEST_F(CollectorsStart, HandsNoDescriptorAndNoSignalStateOfItsOwnToChildren) {
     ASSERT_NO_FATAL_FAILURE(boot_with_waiting_programs());
+    const int listener = desk_open_tty(h, "/dev/ttysa1");  // an interactive shell, whose terminal the agent holds
+    ASSERT_GE(listener, 0);
+    ASSERT_EQ(write(listener, "shell:", 6), 6);
+    char terminal[64];
+    ASSERT_GT(read(listener, terminal, sizeof(terminal)), 0);
+    ASSERT_EQ(write(listener, "ack", 3), 3);
+    ASSERT_NE(desk_wait_log_part(h, "zr-qel-sa", "handle_service ret["), 0u);
     ASSERT_EQ(command("+DELETE_LOG"), kOk);  // the second set starts when everything of the agent is open
-    const std::vector<pid_t> children = children_of(desk_agent_pid(h));
+    const pid_t agent = desk_agent_pid(h);
+    ASSERT_TRUE(desk_until([&] { return children_of(agent).size() == 5; })) << "the first set is reaped";
     int examined = 0;
-    for (const pid_t child : children) {
-        if (status(child, "State").compare(0, 1, "Z") == 0) {
-            continue;  // one of the first set
+    for (const pid_t child : children_of(agent)) {
+        if (vector_of(child) == "</system/bin/sh><->") {
+            continue;  // it has its terminal
         }
         examined++;
         EXPECT_EQ(descriptors(child), (std::vector<std::string>{"0 -> /dev/null", "1 -> /dev/null", "2 -> /dev/null"}))
@@ -146,6 +156,7 @@ TEST_F(CollectorsStart, HandsNoDescriptorAndNoSignalStateOfItsOwnToChildren) {
         EXPECT_EQ(status(child, "SigIgn"), "0000000000000000") << vector_of(child);
     }
     EXPECT_EQ(examined, 4);
+    close(listener);
 }
 
 TEST_F(CollectorsStart, ShellCommandsOfTheAgentInheritNothing) {
