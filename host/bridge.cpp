@@ -9,6 +9,7 @@
 #include <unistd.h>
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 
 #include "local_tty.h"
 #include "message.h"
@@ -266,7 +267,7 @@ void one_round(bridge *b) {
     struct timespec wait = {0, 200 * 1000 * 1000};
     // A helper's end or a due resize has no descriptor: look again soon, but only while there is one.
     bool is_timed = b->helper > 0 || b->is_resize_due;
-    if (ppoll(set, COUNT, is_timed ? &wait : nullptr, &b->plan->open_mask) < 0) {
+    if (ppoll(set, COUNT, is_timed ? &wait : nullptr, local_wait_mask()) < 0) {
         return;
     }
     short readable = POLLIN | POLLHUP | POLLERR;

@@ -1,8 +1,6 @@
 #pragma once
 // The bridge between a started remote child and the streams of this process.
 
-#include <csignal>
-
 #include "options.h"
 #include "remote.h"
 
@@ -14,7 +12,6 @@ struct bridge_plan {
     bool ends_with_eot = false;  // after the end of input the byte 4 (Ctrl-D) goes to the child
     bool has_mark = false;       // the command was wrapped: `mark` is looked for
     remote_mark mark;
-    sigset_t open_mask;  // to wait with, from local_signals_take
 };
 
 // Why a bridge ended.
@@ -25,5 +22,5 @@ enum bridge_end {
     BRIDGE_NO_READER  // standard output was closed by its reader
 };
 
-// Passes bytes both ways until one of the ends above. Output goes to standard output. The caller restores the terminal.
+// Passes bytes both ways until one of the ends above. Signals must be taken (local_signals_take). Output goes to standard output. The caller restores the terminal.
 bridge_end bridge_run(const host_options &options, const remote &child, bridge_plan *plan);

@@ -19,6 +19,8 @@ constexpr size_t SIGNAL_COUNT = sizeof(SIGNALS) / sizeof(SIGNALS[0]);
 struct sigaction m_former_actions[SIGNAL_COUNT];
 struct sigaction m_former_pipe;
 sigset_t m_former_mask;
+sigset_t m_wait_mask;
+bool m_is_taken = false;
 
 int m_raw_fd = -1;            // terminal in raw mode, -1 for none; not owned
 struct termios m_saved_attr;  // its attributes before, valid while m_raw_fd is
@@ -94,7 +96,11 @@ void raw_attributes(struct termios *attr) {
 
 }  // namespace
 
-void local_signals_take(sigset_t *open_mask) {
+void local_signals_take() {
+    if (m_is_taken) {
+        return;
+    }
+    m_is_taken = true;
     sigset_t ours;
     sigemptyset(&ours);
     struct sigaction action = {};
@@ -114,13 +120,21 @@ void local_signals_take(sigset_t *open_mask) {
     }
     action.sa_handler = SIG_IGN;
     sigaction(SIGPIPE, &action, &m_former_pipe);
-    *open_mask = m_former_mask;
+    m_wait_mask = m_former_mask;
     for (size_t i = 0; i < SIGNAL_COUNT; ++i) {
-        sigdelset(open_mask, SIGNALS[i]);
+        sigdelset(&m_wait_mask, SIGNALS[i]);
     }
 }
 
+const sigset_t *local_wait_mask() {
+    return &m_wait_mask;
+}
+
 void local_signals_release() {
+    if (!m_is_taken) {
+        return;
+    }
+    m_is_taken = false;
     for (size_t i = 0; i < SIGNAL_COUNT; ++i) {
         sigaction(SIGNALS[i], &m_former_actions[i], nullptr);
     }

@@ -11,11 +11,14 @@ struct local_events {
 };
 extern local_events m_local_events;
 
-// Installs the handlers and blocks their signals; `open_mask` receives the mask to wait with, so that none is missed
-// between a look at m_local_events and the wait. Ignores SIGPIPE.
-void local_signals_take(sigset_t *open_mask);
+// Installs the handlers and blocks their signals, which from now on come during a wait with local_wait_mask only: none is
+// missed between a look at m_local_events and the wait. Ignores SIGPIPE. Does nothing when called twice.
+void local_signals_take();
 
-// Gives the signals back their former actions and mask.
+// The mask to wait with.
+const sigset_t *local_wait_mask();
+
+// Gives the signals back their former actions and mask. Does nothing when they are not taken.
 void local_signals_release();
 
 // Puts the terminal `fd` into raw mode, its output processing left as it is. A small process is left behind that restores

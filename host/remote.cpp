@@ -19,8 +19,8 @@
 
 namespace {
 
-constexpr size_t PATH_LEN_MAX = 64;  // "/dev/pts/" and a number
-constexpr int SIGNAL_TIMEOUT_S = 2;
+constexpr size_t PATH_LEN_MAX = 64;   // "/dev/pts/" and a number
+constexpr int SIGNAL_TIMEOUT_S = 10;  // takes milliseconds; a machine under load may take seconds
 constexpr size_t OUTPUT_MAX = 1 << 20;
 constexpr int SHOW_STEP_MS = 500;
 
@@ -78,7 +78,7 @@ int open_connection(const host_options &options, const std::string &path, int si
 }
 
 exchange_end exchange(const host_options &options, int listener, const std::string &request, int size_fd,
-                      int64_t deadline, remote *out) {
+                      void (*on_start)(), int64_t deadline, remote *out) {
     out->path.clear();
     if (write_all(listener, request.data(), request.size(), deadline) != 0) {
         return EXCHANGE_HUNG_UP;
@@ -90,6 +90,9 @@ exchange_end exchange(const host_options &options, int listener, const std::stri
     out->fd = open_connection(options, out->path, size_fd);
     if (out->fd < 0) {
         return EXCHANGE_FAILED;
+    }
+    if (on_start != nullptr) {
+        on_start();
     }
     if (write_all(listener, "+", 1, deadline) != 0) {
         close(out->fd);
@@ -235,7 +238,7 @@ int run_short(const host_options &options, const std::string &command) {
     host_options bounded = options;
     bounded.timeout_s = SIGNAL_TIMEOUT_S;
     remote child;
-    if (remote_start(bounded, "shell:" + command, -1, &child) != 0) {
+    if (remote_start(bounded, "shell:" + command, -1, nullptr, &child) != 0) {
         return -1;
     }
     char buf[512];
@@ -268,7 +271,8 @@ pid_t run_aside(const host_options &options, const std::string &command) {
 
 }  // namespace
 
-int remote_start(const host_options &options, const std::string &request, int size_fd, remote *out) {
+int remote_start(const host_options &options, const std::string &request, int size_fd, void (*on_start)(),
+                 remote *out) {
     if (request.size() > REMOTE_REQUEST_MAX) {
         say("The command is too long: the request has %zu bytes, the listener takes at most %zu. Put it into a script "
             "on the "
@@ -282,7 +286,7 @@ int remote_start(const host_options &options, const std::string &request, int si
         if (listener < 0) {
             return -1;
         }
-        exchange_end end = exchange(options, listener, request, size_fd, deadline, out);
+        exchange_end end = exchange(options, listener, request, size_fd, on_start, deadline, out);
         close(listener);
         if (end == EXCHANGE_DONE) {
             return 0;
@@ -357,7 +361,7 @@ int remote_run(const host_options &options, const std::string &command, int quie
                void *context) {
     remote_mark mark = mark_new();
     remote child;
-    if (remote_start(options, mark_wrap(mark, command, INPUT_NONE), -1, &child) != 0) {
+    if (remote_start(options, mark_wrap(mark, command, INPUT_NONE), -1, nullptr, &child) != 0) {
         return -1;
     }
     int result = run_all(&child, &mark, quiet_s, what, sink, context);

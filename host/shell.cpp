@@ -111,11 +111,13 @@ int tell_end(const shell_plan &plan) {
 int finish(const host_options &options, shell_plan *plan, const remote &child, bridge_end end) {
     int number = end == BRIDGE_SIGNAL ? m_local_events.end_signal : end == BRIDGE_NO_READER ? SIGPIPE : SIGHUP;
     local_raw_leave();
+    if (end != BRIDGE_OVER) {
+        take_leave(options, *plan, child, number);  // signals still held back: a hang-up sends more than one
+    }
     local_signals_release();
     if (end == BRIDGE_OVER) {
         return tell_end(*plan);
     }
-    take_leave(options, *plan, child, number);
     if (end == BRIDGE_ESCAPED) {
         say("Left the remote shell.");
         return HOST_SHELL;
@@ -132,10 +134,11 @@ int shell_run(const host_options &options, const std::string &command) {
     make_plan(options, command, is_tty, &plan);
     remote child;
     int size_fd = is_tty ? STDIN_FILENO : -1;
-    if (remote_start(options, plan.request, size_fd, &child) != 0) {
+    // From the acknowledgement on there is something on the handset to be told when a signal ends this process.
+    if (remote_start(options, plan.request, size_fd, local_signals_take, &child) != 0) {
+        local_signals_release();
         return HOST_SHELL;
     }
-    local_signals_take(&plan.bridge.open_mask);
     if (plan.bridge.is_raw && local_raw_enter(STDIN_FILENO) != 0) {
         say("The terminal cannot be put into raw mode: %s.", strerror(errno));
         plan.bridge.is_raw = false;

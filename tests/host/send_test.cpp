@@ -217,7 +217,7 @@ TEST_F(Send, TwoHandsetsAndAnotherChannelName) {
 TEST_F(Send, FromInsideTheHandsetWithoutRoot) {
     ASSERT_NO_FATAL_FAILURE(boot_host());
     ASSERT_TRUE(desk_bring(h, SA_HOST, "/data/local/tmp/client"));
-    desk_result result = desk_shell(h, "LD_LIBRARY_PATH=/usr/lib/x86_64-linux-gnu /data/local/tmp/client send AT");
+    desk_result result = desk_shell(h, "/data/local/tmp/client send AT");
     EXPECT_EQ(result.output, "OK\n") << result.errors;
     desk_program stranger;
     stranger.argv = {"/data/local/tmp/client", "send", "AT"};

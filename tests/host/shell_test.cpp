@@ -162,7 +162,7 @@ TEST_F(Shell, ASignalEndsBothSides) {
         host_result result = host_finish(&job);
         EXPECT_EQ(result.status, 128 + number);
         EXPECT_EQ(result.out, "");
-        EXPECT_TRUE(wait_gone({"sleep", "7654"}));
+        ASSERT_TRUE(wait_gone({"sleep", "7654"})) << number;
     }
 }
 

@@ -262,6 +262,7 @@ host_result HostTest::host_with(const words &arguments, const std::string &input
 words HostTest::received() {
     const std::string lead = "receive <== ";
     words requests;
+    settle();
     for (const std::string &line : platform_lines()) {
         if (line.compare(0, lead.size(), lead) == 0) {
             requests.push_back(line.substr(lead.size()));

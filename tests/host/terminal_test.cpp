@@ -179,6 +179,9 @@ TEST_F(OnTerminal, AFullScreenProgramGetsTheTerminal) {
 }
 
 TEST_F(OnTerminal, ConsoleWithHistoryAndCompletion) {
+    if (HAS_CONSOLE == 0) {
+        GTEST_SKIP() << "sa-host is built without readline";
+    }
     temporary_dir home;
     ASSERT_EQ(setenv("HOME", home.path.c_str(), 1), 0);
     ASSERT_NO_FATAL_FAILURE(boot_host());
