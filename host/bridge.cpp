@@ -16,8 +16,8 @@
 
 namespace {
 
-// A marked child waits for us before it ends, so a slow reader may hold it back. An unmarked one takes its last bytes with
-// it 200 ms after its end: everything is read at once, up to a size at which holding back is the lesser evil.
+// A marked child waits for us before it ends, so a slow reader may hold it back. An unmarked one takes its last bytes
+// with it 200 ms after its end: everything is read at once, up to a size at which holding back is the lesser evil.
 constexpr size_t OUT_MAX_MARKED = 256 * 1024;
 constexpr size_t OUT_MAX_BARE = 64 * 1024 * 1024;
 constexpr size_t OUT_PIECE = 4096;  // a pipe that polls writable takes this much without blocking
@@ -52,7 +52,7 @@ struct bridge {
     bool is_escaped = false;
     bool is_reader_gone = false;
     escape_state escape = ESCAPE_LINE_START;
-    pid_t helper = -1;  // process that delivers a signal on the handset, -1 for none
+    pid_t messenger = -1;  // process that delivers a signal on the handset, -1 for none
     bool is_resize_due = false;
 };
 
@@ -64,20 +64,20 @@ bool is_child_done(const bridge &b) {
 
 // Delivers a signal to the child's session while the bridge goes on.
 void signal_session(bridge *b, const char *name, remote_target target) {
-    if (b->helper < 0) {  // one at a time; the person will press again
-        b->helper = remote_signal_terminal(*b->options, b->child->path, name, target);
+    if (b->messenger < 0) {  // one at a time; the person will press again
+        b->messenger = remote_signal_terminal(*b->options, b->child->path, name, target);
     }
 }
 
-void reap_helper(bridge *b) {
-    if (b->helper > 0 && waitpid(b->helper, nullptr, WNOHANG) != 0) {
-        b->helper = -1;
+void reap_messenger(bridge *b) {
+    if (b->messenger > 0 && waitpid(b->messenger, nullptr, WNOHANG) != 0) {
+        b->messenger = -1;
     }
 }
 
-// Whether a program runs in the foreground that reads its input by lines. There is no kernel on the child's side to turn
-// Ctrl-C into a signal, but the terminal's attributes are shared: a shell at its prompt and a program in raw mode switch
-// off the literal-next character or the extended functions, which do nothing to the bytes themselves.
+// Whether a program runs in the foreground that reads its input by lines. There is no kernel on the child's side to
+// turn Ctrl-C into a signal, but the terminal's attributes are shared: a shell at its prompt and a program in raw
+// mode switch off the literal-next character or the extended functions, which do nothing to the bytes themselves.
 bool is_foreground_cooked(const bridge &b) {
     struct termios attr = {};
     return tcgetattr(b.child->fd, &attr) == 0 && (attr.c_lflag & IEXTEN) != 0 && attr.c_cc[VLNEXT] != _POSIX_VDISABLE;
@@ -89,7 +89,7 @@ void look_after_size(bridge *b) {
         copy_window_size(b->plan->in_fd, b->child->fd);
         b->is_resize_due = b->plan->is_raw;
     }
-    if (b->is_resize_due && b->helper < 0) {
+    if (b->is_resize_due && b->messenger < 0) {
         b->is_resize_due = false;
         signal_session(b, "WINCH", TARGET_ALL);
     }
@@ -265,8 +265,8 @@ void one_round(bridge *b) {
     set[TO_OUT].fd = out_waiting(*b) > 0 ? STDOUT_FILENO : -1;
     set[TO_OUT].events = POLLOUT;
     struct timespec wait = {0, 200 * 1000 * 1000};
-    // A helper's end or a due resize has no descriptor: look again soon, but only while there is one.
-    bool is_timed = b->helper > 0 || b->is_resize_due;
+    // A messenger's end or a due resize has no descriptor: look again soon, but only while there is one.
+    bool is_timed = b->messenger > 0 || b->is_resize_due;
     if (ppoll(set, COUNT, is_timed ? &wait : nullptr, local_wait_mask()) < 0) {
         return;
     }
@@ -286,7 +286,7 @@ void one_round(bridge *b) {
 }
 
 void look_after_events(bridge *b) {
-    reap_helper(b);
+    reap_messenger(b);
     if (m_local_events.is_to_suspend != 0) {
         m_local_events.is_to_suspend = 0;
         local_suspend(b->plan->in_fd);

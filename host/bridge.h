@@ -22,5 +22,6 @@ enum bridge_end {
     BRIDGE_NO_READER  // standard output was closed by its reader
 };
 
-// Passes bytes both ways until one of the ends above. Signals must be taken (local_signals_take). Output goes to standard output. The caller restores the terminal.
+// Passes bytes both ways until one of the ends above. Signals must be taken (local_signals_take). Output goes to
+// standard output. The caller restores the terminal.
 bridge_end bridge_run(const host_options &options, const remote &child, bridge_plan *plan);

@@ -1,4 +1,5 @@
-// The command channel's conversation: one request, one answer, framed by its final line. Owns the descriptor of its turn.
+// The command channel's conversation: one request, one answer, framed by its final line. Owns the descriptor of its
+// turn.
 
 #include "channel.h"
 

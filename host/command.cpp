@@ -111,17 +111,19 @@ struct option_row {
     bool host_options::*flag;
 };
 
+typedef host_options all;
+
 // clang-format off
 const option_row m_option_rows[] = {
-    {"--root",      'r', nullptr,    OPTION_TEXT,    &host_options::root,      nullptr,                  nullptr},
-    {"--channel",   'c', nullptr,    OPTION_TEXT,    &host_options::channel,   nullptr,                  nullptr},
-    {"--listener",  'l', nullptr,    OPTION_TEXT,    &host_options::listener,  nullptr,                  nullptr},
-    {"--timeout",   'T', nullptr,    OPTION_SECONDS, nullptr,                  &host_options::timeout_s, nullptr},
-    {"--raw",       0,   "send",     OPTION_FLAG,    nullptr,                  nullptr,                  &host_options::is_raw},
-    {"--no-status", 0,   "shell",    OPTION_FLAG,    nullptr,                  nullptr,                  &host_options::is_bare},
-    {"--no-input",  'n', "shell",    OPTION_FLAG,    nullptr,                  nullptr,                  &host_options::is_no_input},
-    {"--terminal",  't', "shell",    OPTION_FLAG,    nullptr,                  nullptr,                  &host_options::is_terminal},
-    {"--fetch",     0,   "save-log", OPTION_TEXT,    &host_options::fetch_dir, nullptr,                  nullptr},
+    {"--root",      'r', nullptr,    OPTION_TEXT,    &all::root,      nullptr,         nullptr},
+    {"--channel",   'c', nullptr,    OPTION_TEXT,    &all::channel,   nullptr,         nullptr},
+    {"--listener",  'l', nullptr,    OPTION_TEXT,    &all::listener,  nullptr,         nullptr},
+    {"--timeout",   'T', nullptr,    OPTION_SECONDS, nullptr,         &all::timeout_s, nullptr},
+    {"--raw",       0,   "send",     OPTION_FLAG,    nullptr,         nullptr,         &all::is_raw},
+    {"--no-status", 0,   "shell",    OPTION_FLAG,    nullptr,         nullptr,         &all::is_bare},
+    {"--no-input",  'n', "shell",    OPTION_FLAG,    nullptr,         nullptr,         &all::is_no_input},
+    {"--terminal",  't', "shell",    OPTION_FLAG,    nullptr,         nullptr,         &all::is_terminal},
+    {"--fetch",     0,   "save-log", OPTION_TEXT,    &all::fetch_dir, nullptr,         nullptr},
 };
 // clang-format on
 

@@ -10,8 +10,8 @@
 // Result: the exit status; failures have been said.
 int command_run(const host_options &options, const std::vector<std::string> &words);
 
-// Reads the options at `*at` of the words into `out` and moves `*at` behind them. Result: true, or false with the sentence
-// said. A word that is no option ends them, and so does "--".
+// Reads the options at `*at` of the words into `out` and moves `*at` behind them. Result: true, or false with the
+// sentence said. A word that is no option ends them, and so does "--".
 bool options_read(const std::vector<std::string> &words, size_t *at, host_options *out, bool *is_help);
 
 // Every sub-command's word, for completion.

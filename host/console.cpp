@@ -21,8 +21,8 @@
 
 namespace {
 
-// Takes a line apart as a shell would: blanks between words, single and double quotes, a backslash before one character.
-// Result: true, or false with the sentence said.
+// Takes a line apart as a shell would: blanks between words, single and double quotes, a backslash before one
+// character. Result: true, or false with the sentence said.
 bool split_line(const std::string &line, std::vector<std::string> *words) {
     std::string word;
     bool has_word = false;
@@ -187,7 +187,8 @@ char **complete(const char *text, int start, int) {
     return m_candidates.empty() ? nullptr : rl_completion_matches(text, next_candidate);
 }
 
-// Ctrl-C at the prompt gives a fresh line. While a sub-command runs it ends the console, as it would end the sub-command.
+// Ctrl-C at the prompt gives a fresh line. While a sub-command runs it ends the console, as it would end the
+// sub-command.
 int cancel_line() {
     if (m_is_cancelled != 0) {
         m_is_cancelled = 0;

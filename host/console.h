@@ -3,5 +3,6 @@
 
 #include "options.h"
 
-// Reads and runs lines until end of file or `quit`. Result: the status of the last line that failed, HOST_OK without one.
+// Reads and runs lines until end of file or `quit`. Result: the status of the last line that failed, HOST_OK without
+// one.
 int console_run(const host_options &options);

@@ -24,8 +24,9 @@ namespace {
 constexpr uid_t AGENT_PTY_UID = 1000;
 constexpr gid_t AGENT_PTY_GID = 1001;
 
-// A control character that raw mode does not look at marks a pseudo-terminal that some client has had. The agent replaces
-// a published one as soon as its last client closes it, so a marked one is about to vanish and is never worth a request.
+// A control character that raw mode does not look at marks a pseudo-terminal that some client has had. The agent
+// replaces a published one as soon as its last client closes it, so a marked one is about to vanish and is never
+// worth a request.
 constexpr int USED_CHAR = VEOL2;
 constexpr cc_t USED_MARK = 0xa5;
 

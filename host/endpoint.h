@@ -6,9 +6,9 @@
 
 #include "options.h"
 
-// Opens a path of the handset (device or link, absolute) read-write and non-blocking, close-on-exec, never as controlling
-// terminal. Links are followed inside `root`, absolute ones too, so /proc/PID/root reaches a handset from outside.
-// Result: descriptor, owned by the caller, or -1 with errno.
+// Opens a path of the handset (device or link, absolute) read-write and non-blocking, close-on-exec, never as
+// controlling terminal. Links are followed inside `root`, absolute ones too, so /proc/PID/root reaches a handset from
+// outside. Result: descriptor, owned by the caller, or -1 with errno.
 int open_inside(const std::string &root, const std::string &path);
 
 // Puts a terminal into raw mode: bytes pass unchanged in both directions. Result: 0, or -1 with errno.

@@ -436,8 +436,8 @@ int fetch_saved(const host_options &options, const std::string &dir) {
     if (after.empty()) {
         return say_no_sets();
     }
-    // The name is the handset's local time, and its clock may have been set back: the new set need not sort last. No new
-    // name at all: the last one was saved again within its second, so a copy that is here already is out of date.
+    // The name is the handset's local time, and its clock may have been set back: the new set need not sort last. No
+    // new name at all: the last one was saved again within its second, so a copy that is here already is out of date.
     std::string made = after.back();
     for (const std::string &set : after) {
         if (!std::binary_search(before.begin(), before.end(), set)) {

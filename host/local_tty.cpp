@@ -1,5 +1,5 @@
-// Raw mode of the person's terminal and its way back. Owns the saved attributes, the keeper's pipe and the former signal
-// actions. Main thread only; the handlers touch nothing but m_local_events.
+// Raw mode of the person's terminal and its way back. Owns the saved attributes, the keeper's pipe and the former
+// signal actions. Main thread only; the handlers touch nothing but m_local_events.
 
 #include "local_tty.h"
 
@@ -60,8 +60,8 @@ void note_signal(int number) {
     _exit(0);
 }
 
-// Starts the keeper through a middle process, so that it is nobody's zombie here. Without one raw mode still works; only
-// SIGKILL would leave the terminal raw.
+// Starts the keeper through a middle process, so that it is nobody's zombie here. Without one raw mode still works;
+// only SIGKILL would leave the terminal raw.
 void keeper_start(int tty) {
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0) {

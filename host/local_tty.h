@@ -11,8 +11,8 @@ struct local_events {
 };
 extern local_events m_local_events;
 
-// Installs the handlers and blocks their signals, which from now on come during a wait with local_wait_mask only: none is
-// missed between a look at m_local_events and the wait. Ignores SIGPIPE. Does nothing when called twice.
+// Installs the handlers and blocks their signals, which from now on come during a wait with local_wait_mask only:
+// none is missed between a look at m_local_events and the wait. Ignores SIGPIPE. Does nothing when called twice.
 void local_signals_take();
 
 // The mask to wait with.
@@ -21,8 +21,8 @@ const sigset_t *local_wait_mask();
 // Gives the signals back their former actions and mask. Does nothing when they are not taken.
 void local_signals_release();
 
-// Puts the terminal `fd` into raw mode, its output processing left as it is. A small process is left behind that restores
-// the terminal if this one is killed. Result: 0, or -1 with errno (nothing changed).
+// Puts the terminal `fd` into raw mode, its output processing left as it is. A small process is left behind that
+// restores the terminal if this one is killed. Result: 0, or -1 with errno (nothing changed).
 int local_raw_enter(int fd);
 
 // Restores the terminal and dismisses the keeper. Does nothing when not raw.

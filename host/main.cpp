@@ -1,4 +1,5 @@
-// sa-host: the host side of the agent's command channel and remote shell. Owns nothing but the start of one sub-command.
+// sa-host: the host side of the agent's command channel and remote shell. Owns nothing but the start of one
+// sub-command.
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -13,7 +13,8 @@ enum host_status {
     HOST_SHELL = 255,  // `shell` alone: sa-host itself failed, not the remote command
 };
 
-// Writes one sentence to standard error, with the program's name in front and a newline behind. Wipes the progress line.
+// Writes one sentence to standard error, with the program's name in front and a newline behind. Wipes the progress
+// line.
 void say(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
 // Shows `text` in place of the last progress line when standard error is a terminal; else does nothing.

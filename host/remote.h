@@ -17,9 +17,9 @@ struct remote {
     std::string path;  // its device path inside the handset
 };
 
-// Asks the listener for a connection and starts `request` ("shell:...") on it. The connection is opened, made raw and given
-// the size of `size_fd`'s terminal (-1: none) before the acknowledgement, hence before the child runs; just before that
-// `on_start`, unless null, is called. Result: 0, or -1 with the sentence said.
+// Asks the listener for a connection and starts `request` ("shell:...") on it. The connection is opened, made raw and
+// given the size of `size_fd`'s terminal (-1: none) before the acknowledgement, hence before the child runs; just
+// before that `on_start`, unless null, is called. Result: 0, or -1 with the sentence said.
 int remote_start(const host_options &options, const std::string &request, int size_fd, void (*on_start)(), remote *out);
 
 // Passes on the window size of one terminal to another. Does nothing when `from` is no terminal.

@@ -15,7 +15,7 @@ constexpr size_t NAME_MAX_LEN = 39;  // the agent's name buffers hold 40 with th
 constexpr int UNKNOWN_TIMEOUT_S = 30;
 const char *const PREFIX = "AT SA";
 
-enum shape { SHAPE_NAME, SHAPE_AUTOSTART, SHAPE_COMMAND, SHAPE_SWITCH, SHAPE_SWITCH_SET, SHAPE_BARE };
+enum shape { BY_NAME, BY_LIST, BY_COMMAND, BY_SWITCH, BY_SETTING, BARE };
 
 bool check_quoted(const char *what, const std::string &text, std::string *why) {
     if (text.empty()) {
@@ -75,7 +75,7 @@ bool argument_switch(bool can_read, const std::string &word, std::string *argume
 }
 
 size_t operand_count(int kind) {
-    return kind == SHAPE_BARE ? 0 : kind == SHAPE_AUTOSTART ? 2 : 1;
+    return kind == BARE ? 0 : kind == BY_LIST ? 2 : 1;
 }
 
 bool argument_of(const request_kind &kind, const std::vector<std::string> &words, std::string *argument,
@@ -85,11 +85,11 @@ bool argument_of(const request_kind &kind, const std::vector<std::string> &words
         return false;
     }
     switch (kind.shape) {
-        case SHAPE_NAME: *argument = "=\"" + words[0] + "\""; return check_name(words[0], why);
-        case SHAPE_AUTOSTART: return argument_autostart(words, argument, why);
-        case SHAPE_COMMAND: *argument = "=\"" + words[0] + "\""; return check_quoted("command", words[0], why);
-        case SHAPE_SWITCH: return argument_switch(true, words[0], argument, why);
-        case SHAPE_SWITCH_SET: return argument_switch(false, words[0], argument, why);
+        case BY_NAME: *argument = "=\"" + words[0] + "\""; return check_name(words[0], why);
+        case BY_LIST: return argument_autostart(words, argument, why);
+        case BY_COMMAND: *argument = "=\"" + words[0] + "\""; return check_quoted("command", words[0], why);
+        case BY_SWITCH: return argument_switch(true, words[0], argument, why);
+        case BY_SETTING: return argument_switch(false, words[0], argument, why);
         default: return true;
     }
 }
@@ -120,17 +120,17 @@ int usual_timeout(const std::string &bytes) {
 // command, minutes for the bug report of a saved set.
 // clang-format off
 const request_kind m_request_kinds[] = {
-    {"query",      "NAME",                  "ask whether a service runs",               "+QUERY_SERVICE",      SHAPE_NAME,       30},
-    {"start",      "NAME",                  "start a service and wait until it runs",   "+START_SERVICE",      SHAPE_NAME,       60},
-    {"stop",       "NAME",                  "stop a service and wait until it is gone", "+STOP_SERVICE",       SHAPE_NAME,       60},
-    {"autostart",  "add|remove|query NAME", "services to start with the agent",         "+AUTO_START_SERVICE", SHAPE_AUTOSTART,  30},
-    {"system",     "COMMAND",               "run a command (five tries), no output",    "+SYSTEM",             SHAPE_COMMAND,    600},
-    {"kernel-log", "on|off|?",              "kernel-message capture",                   "+KERNEL_LOG",         SHAPE_SWITCH,     30},
-    {"dmesg-log",  "on|off|?",              "kernel-log snapshots",                     "+DMESG_LOG",          SHAPE_SWITCH,     30},
-    {"packets",    "on|off",                "packet-capture switch",                    "+DATA_PACKETS_LOG",   SHAPE_SWITCH_SET, 30},
-    {"save-log",   "",                      "save all logs to the card",                "+SAVE_LOG",           SHAPE_BARE,       1800},
-    {"delete-log", "",                      "delete the logs and start afresh",         "+DELETE_LOG",         SHAPE_BARE,       120},
-    {nullptr,      nullptr,                 nullptr,                                    nullptr,               0,                0},
+    {"query",      "NAME",                  "ask whether a service runs",          "+QUERY_SERVICE",      BY_NAME,    30},
+    {"start",      "NAME",                  "start a service and wait for it",     "+START_SERVICE",      BY_NAME,    60},
+    {"stop",       "NAME",                  "stop a service and wait for its end", "+STOP_SERVICE",       BY_NAME,    60},
+    {"autostart",  "add|remove|query NAME", "services to start with the agent",    "+AUTO_START_SERVICE", BY_LIST,    30},
+    {"system",     "COMMAND",               "run a command, up to five times",     "+SYSTEM",             BY_COMMAND, 600},
+    {"kernel-log", "on|off|?",              "kernel-message capture",              "+KERNEL_LOG",         BY_SWITCH,  30},
+    {"dmesg-log",  "on|off|?",              "kernel-log snapshots",                "+DMESG_LOG",          BY_SWITCH,  30},
+    {"packets",    "on|off",                "packet-capture switch",               "+DATA_PACKETS_LOG",   BY_SETTING, 30},
+    {"save-log",   "",                      "save all logs to the card",           "+SAVE_LOG",           BARE,       1800},
+    {"delete-log", "",                      "delete the logs and start afresh",    "+DELETE_LOG",         BARE,       120},
+    {nullptr, nullptr, nullptr, nullptr, 0, 0},
 };
 // clang-format on
 

@@ -1,5 +1,5 @@
-// The sub-command `shell`: decides how a command is wrapped and where its input comes from, runs the bridge, and tells the
-// end. Owns the connection and the terminal's raw mode for the time of the conversation.
+// The sub-command `shell`: decides how a command is wrapped and where its input comes from, runs the bridge, and
+// tells the end. Owns the connection and the terminal's raw mode for the time of the conversation.
 
 #include "shell.h"
 
@@ -90,10 +90,10 @@ const char *signal_word(int number) {
 // Tells what runs on the handset that its client leaves: no kernel does it, since the terminal controls no session.
 void take_leave(const host_options &options, const shell_plan &plan, const remote &child, int number) {
     // A shell that prompts gives each job a group of its own; a command's processes may have other streams.
-    pid_t helper = !plan.bridge.is_raw && plan.bridge.mark.pid > 0
-                       ? remote_signal_group(options, plan.bridge.mark.pid, signal_word(number))
-                       : remote_signal_terminal(options, child.path, signal_word(number), TARGET_ALL);
-    while (helper > 0 && waitpid(helper, nullptr, 0) < 0 && errno == EINTR) {
+    pid_t messenger = !plan.bridge.is_raw && plan.bridge.mark.pid > 0
+                          ? remote_signal_group(options, plan.bridge.mark.pid, signal_word(number))
+                          : remote_signal_terminal(options, child.path, signal_word(number), TARGET_ALL);
+    while (messenger > 0 && waitpid(messenger, nullptr, 0) < 0 && errno == EINTR) {
     }
 }
 

@@ -1,4 +1,5 @@
-// The command channel: requests as a script sends them, their results, and everything that is refused before it is sent.
+// The command channel: requests as a script sends them, their results, and everything that is refused before it is
+// sent.
 #include <fcntl.h>
 #include <sys/file.h>
 #include <unistd.h>
