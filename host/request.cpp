@@ -15,7 +15,7 @@ constexpr size_t NAME_MAX_LEN = 39;  // the agent's name buffers hold 40 with th
 constexpr int UNKNOWN_TIMEOUT_S = 30;
 const char *const PREFIX = "AT SA";
 
-enum shape { BY_NAME, BY_LIST, BY_COMMAND, BY_SWITCH, BY_SETTING, BARE };
+enum shape { NAME, LIST, COMMAND, SWITCH, SETTING, BARE };
 
 bool check_quoted(const char *what, const std::string &text, std::string *why) {
     if (text.empty()) {
@@ -75,7 +75,7 @@ bool argument_switch(bool can_read, const std::string &word, std::string *argume
 }
 
 size_t operand_count(int kind) {
-    return kind == BARE ? 0 : kind == BY_LIST ? 2 : 1;
+    return kind == BARE ? 0 : kind == LIST ? 2 : 1;
 }
 
 bool argument_of(const request_kind &kind, const std::vector<std::string> &words, std::string *argument,
@@ -85,11 +85,11 @@ bool argument_of(const request_kind &kind, const std::vector<std::string> &words
         return false;
     }
     switch (kind.shape) {
-        case BY_NAME: *argument = "=\"" + words[0] + "\""; return check_name(words[0], why);
-        case BY_LIST: return argument_autostart(words, argument, why);
-        case BY_COMMAND: *argument = "=\"" + words[0] + "\""; return check_quoted("command", words[0], why);
-        case BY_SWITCH: return argument_switch(true, words[0], argument, why);
-        case BY_SETTING: return argument_switch(false, words[0], argument, why);
+        case NAME: *argument = "=\"" + words[0] + "\""; return check_name(words[0], why);
+        case LIST: return argument_autostart(words, argument, why);
+        case COMMAND: *argument = "=\"" + words[0] + "\""; return check_quoted("command", words[0], why);
+        case SWITCH: return argument_switch(true, words[0], argument, why);
+        case SETTING: return argument_switch(false, words[0], argument, why);
         default: return true;
     }
 }
@@ -120,16 +120,16 @@ int usual_timeout(const std::string &bytes) {
 // command, minutes for the bug report of a saved set.
 // clang-format off
 const request_kind m_request_kinds[] = {
-    {"query",      "NAME",                  "ask whether a service runs",          "+QUERY_SERVICE",      BY_NAME,    30},
-    {"start",      "NAME",                  "start a service and wait for it",     "+START_SERVICE",      BY_NAME,    60},
-    {"stop",       "NAME",                  "stop a service and wait for its end", "+STOP_SERVICE",       BY_NAME,    60},
-    {"autostart",  "add|remove|query NAME", "services to start with the agent",    "+AUTO_START_SERVICE", BY_LIST,    30},
-    {"system",     "COMMAND",               "run a command, up to five times",     "+SYSTEM",             BY_COMMAND, 600},
-    {"kernel-log", "on|off|?",              "kernel-message capture",              "+KERNEL_LOG",         BY_SWITCH,  30},
-    {"dmesg-log",  "on|off|?",              "kernel-log snapshots",                "+DMESG_LOG",          BY_SWITCH,  30},
-    {"packets",    "on|off",                "packet-capture switch",               "+DATA_PACKETS_LOG",   BY_SETTING, 30},
-    {"save-log",   "",                      "save all logs to the card",           "+SAVE_LOG",           BARE,       1800},
-    {"delete-log", "",                      "delete the logs and start afresh",    "+DELETE_LOG",         BARE,       120},
+    {"query",      "NAME",                  "ask whether a service runs",       "+QUERY_SERVICE",      NAME,    30},
+    {"start",      "NAME",                  "start a service and wait for it",  "+START_SERVICE",      NAME,    60},
+    {"stop",       "NAME",                  "stop a service, wait for its end", "+STOP_SERVICE",       NAME,    60},
+    {"autostart",  "add|remove|query NAME", "services started with the agent",  "+AUTO_START_SERVICE", LIST,    30},
+    {"system",     "COMMAND",               "run a command (five tries)",       "+SYSTEM",             COMMAND, 600},
+    {"kernel-log", "on|off|?",              "kernel-message capture",           "+KERNEL_LOG",         SWITCH,  30},
+    {"dmesg-log",  "on|off|?",              "kernel-log snapshots",             "+DMESG_LOG",          SWITCH,  30},
+    {"packets",    "on|off",                "packet-capture switch",            "+DATA_PACKETS_LOG",   SETTING, 30},
+    {"save-log",   "",                      "save all logs to the card",        "+SAVE_LOG",           BARE,    1800},
+    {"delete-log", "",                      "delete the logs, start afresh",    "+DELETE_LOG",         BARE,    120},
     {nullptr, nullptr, nullptr, nullptr, 0, 0},
 };
 // clang-format on
