@@ -64,6 +64,10 @@ struct ending {
     const char *text;
 };
 
+static void PrintTo(const ending &one, std::ostream *out) {
+    *out << one.text;
+}
+
 class EndingSignal : public Signals, public ::testing::WithParamInterface<ending> {};
 
 TEST_P(EndingSignal, TearsDownAndExitsWithZero) {
@@ -229,6 +233,31 @@ TEST_F(Signals, SecondResetFindsTheChannelClosed) {
     EXPECT_EQ(last_lines(expected.size()), expected);
     ASSERT_TRUE(desk_kill(h, agent.pid, SIGTERM));
     EXPECT_EQ(desk_wait(h, &agent, 10000), 0);
+}
+
+TEST_F(Signals, ResetLeavesTheChannelClosed) {
+    ASSERT_NO_FATAL_FAILURE(start());
+    ASSERT_TRUE(desk_kill(h, agent.pid, SIGUSR2));
+    ASSERT_TRUE(wait_file_line("signal_treatment PUB_UTIL_RESET_PROCESS_SIGNAL exit"));
+    hang_up();
+    ASSERT_TRUE(wait_file_line("sa_handle_read_cmd_loop exit ret_val[-1]"));
+    EXPECT_FALSE(desk_exists(h, kLink));
+    EXPECT_EQ(threads(agent.pid), 1);
+}
+
+TEST_F(Signals, ResetThatInitRefusesLetsTheChannelComeBack) {
+    desk_options options = quiet_options();
+    options.absent = {"/system/etc/init/zr-qel-sa.rc"};
+    ASSERT_NO_FATAL_FAILURE(boot_only(options));
+    agent = launch();
+    ASSERT_TRUE(wait_listening(agent.pid));
+    open_channel();
+    ASSERT_EQ(ask("AT\r"), kOk);
+    ASSERT_TRUE(desk_kill(h, agent.pid, SIGUSR2));
+    ASSERT_TRUE(wait_file_line("signal_treatment PUB_UTIL_RESET_PROCESS_SIGNAL exit"));
+    hang_up();
+    open_channel();
+    EXPECT_EQ(ask("AT\r"), kOk);
 }
 
 TEST_F(Signals, EndMayInterruptAReset) {
