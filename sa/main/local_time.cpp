@@ -65,8 +65,9 @@ static time_t find_change(time_t from, time_t to, int32_t offset) {
 static void foresee_change(time_t minute, int32_t offset) {
     m_next_minute.store(kNever);
     for (int probe = 1; probe <= kProbes; probe++) {
-        const time_t at = minute + probe * kProbeStep;
-        if (at < minute) {
+        const int64_t wide = static_cast<int64_t>(minute) + static_cast<int64_t>(probe) * kProbeStep;
+        const time_t at = static_cast<time_t>(wide);
+        if (at != wide) {
             return;  // the end of a 32-bit time
         }
         if (offset_at(at) != offset) {
