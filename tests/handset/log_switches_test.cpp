@@ -143,6 +143,14 @@ TEST_F(LogSwitches, AreNotWrittenWhenNothingChanges) {
     EXPECT_EQ(threads(desk_agent_pid(h)), 3) << "nor is a second reader started";
 }
 
+TEST_F(LogSwitches, LeaveTheModeOfTheFileToTheMask) {
+    desk_options options = quiet_options();
+    options.umask = 0;
+    ASSERT_NO_FATAL_FAILURE(boot(options));
+    EXPECT_EQ(request("+KERNEL_LOG=1"), kOk);
+    EXPECT_EQ(desk_owner(h, kSettings), "0666 0:0");
+}
+
 TEST_F(LogSwitches, ReplaceALongerFileAndKeepItsOwner) {
     ASSERT_NO_FATAL_FAILURE(boot());
     ASSERT_TRUE(desk_write_file(h, kSettings, "what an earlier version has left\n", 0644, 1000, 1000));
