@@ -135,8 +135,12 @@ TEST_F(Signals, ServiceIsStartedAgainByInitAndTheChannelComesBack) {
     ASSERT_NO_FATAL_FAILURE(boot(options));
     const pid_t first = desk_agent_pid(h);
     ASSERT_TRUE(desk_kill(h, first, SIGTERM));
-    ASSERT_TRUE(desk_until([&] { return desk_agent_pid(h) > 0 && desk_agent_pid(h) != first; }));
-    ASSERT_TRUE(wait_listening(desk_agent_pid(h)));
+    pid_t second = first;
+    ASSERT_TRUE(desk_until([&] {
+        second = desk_agent_pid(h);
+        return second > 0 && second != first;
+    }));
+    ASSERT_TRUE(wait_listening(second));
     open_channel();
     EXPECT_EQ(ask("AT\r"), kOk);
     const std::vector<desk_event> exits = desk_events(h, "exit");
