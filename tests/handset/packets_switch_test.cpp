@@ -90,8 +90,10 @@ TEST_F(PacketsSwitch, OffEndsTheAgentAndInitBringsItBack) {
     EXPECT_EQ(command("+DATA_PACKETS_LOG=0"), "") << "no time for an answer";
     ASSERT_TRUE(desk_until([&] { return !agent_ends().empty(); }));
     EXPECT_EQ(agent_ends()[0], std::make_pair(agent, SIGKILL));
-    ASSERT_TRUE(desk_until([&] { return desk_agent_pid(h) > 0 && desk_agent_pid(h) != agent; }));
-    ASSERT_TRUE(wait_file_line("sa_handle_init exit ret_val[0]"));
+    pid_t next = -1;
+    ASSERT_TRUE(desk_until([&] { return (next = desk_agent_pid(h)) > 0; }));
+    ASSERT_NE(next, agent);
+    ASSERT_TRUE(wait_listening(next));
     ASSERT_NO_FATAL_FAILURE(open_channel());
     EXPECT_EQ(ask("AT\r"), kOk);
     EXPECT_EQ(command("+DATA_PACKETS_LOG=0"), kOk) << "a new agent's switch is off";
