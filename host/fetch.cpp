@@ -21,8 +21,6 @@
 #include "remote.h"
 #include "request.h"
 
-extern char **environ;
-
 namespace {
 
 const char *const CARD_ROOT = "/storage/real_sd/logs";
@@ -101,6 +99,7 @@ int run_local(const std::vector<const char *> &words, int in_fd, std::string *ou
     posix_spawn_file_actions_adddup2(&actions, in_fd, STDIN_FILENO);
     posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
     std::vector<char *> argv;
+    argv.reserve(words.size() + 1);
     for (const char *word : words) {
         argv.push_back(const_cast<char *>(word));
     }
