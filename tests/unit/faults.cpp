@@ -14,9 +14,12 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <iterator>
 
 static char m_call[32];
-static int m_error = 0;
+static int m_error_a[8];            // of the failures to come, the last one for all that follow
+static std::atomic<int> m_next{0};  // index into it
+static std::atomic<int> m_bad_closes{0};
 static std::atomic<int> m_skip{0};
 static std::atomic<int> m_left{0};
 static std::atomic<int> m_failed{0};
@@ -33,22 +36,30 @@ static std::atomic<int> m_waits_left{0};
 static pid_t m_wait_result = 0;
 static int m_wait_status = 0;
 
-static void request(const std::string &call, int error, int skip, int times) {
+static void request(const std::string &call, const std::vector<int> &errors, int skip, int times) {
     m_left = 0;
     m_failed = 0;
+    m_bad_closes = 0;
+    m_next = 0;
     m_last_chown[0] = '\0';
-    m_error = error;
+    for (size_t index = 0; index < std::size(m_error_a); index++) {
+        m_error_a[index] = errors[index < errors.size() ? index : errors.size() - 1];
+    }
     m_skip = skip;
     m_call[call.copy(m_call, sizeof(m_call) - 1)] = '\0';
     m_left = times;
 }
 
 void fail_call(const std::string &call, int error, int skip) {
-    request(call, error, skip, 1);
+    request(call, {error}, skip, 1);
+}
+
+void fail_calls(const std::string &call, const std::vector<int> &errors) {
+    request(call, errors, 0, static_cast<int>(errors.size()));
 }
 
 void fail_every_call(const std::string &call, int error) {
-    request(call, error, 0, 1 << 30);
+    request(call, {error}, 0, 1 << 30);
 }
 
 int pass_calls() {
@@ -81,6 +92,10 @@ void shorten_pauses(bool is_shortened) {
     m_is_shortened = is_shortened;
 }
 
+int bad_closes() {
+    return m_bad_closes;
+}
+
 int pauses_of(useconds_t length) {
     return m_pauses_a[length / 10000];
 }
@@ -98,7 +113,9 @@ static bool fails(const char *call) {
     }
     m_left.fetch_sub(1);
     m_failed.fetch_add(1);
-    errno = m_error;
+    const int last = static_cast<int>(std::size(m_error_a)) - 1;
+    const int index = m_next.fetch_add(1);
+    errno = m_error_a[index < last ? index : last];
     return true;
 }
 
@@ -116,6 +133,7 @@ WRAP(int, tcgetattr, (int fd, struct termios *attr), (fd, attr), -1)
 WRAP(int, tcsetattr, (int fd, int when, const struct termios *attr), (fd, when, attr), -1)
 WRAP(int, grantpt, (int fd), (fd), -1)
 WRAP(int, unlockpt, (int fd), (fd), -1)
+WRAP(ssize_t, read, (int fd, void *bytes, size_t size), (fd, bytes, size), -1)
 WRAP(DIR *, opendir, (const char *path), (path), nullptr)
 WRAP(void *, malloc, (size_t size), (size), nullptr)
 WRAP(pid_t, fork, (), (), -1)
@@ -131,8 +149,9 @@ WRAP(int, setuid, (uid_t user), (user), -1)
         if (!fails(#call)) {                        \
             return __real_##call arguments;         \
         }                                           \
+        const int error = errno;                    \
         errno = saved_errno;                        \
-        return m_error;                             \
+        return error;                               \
     }
 
 WRAP_RETURNING(pthread_kill, (pthread_t thread, int signo), (thread, signo))
@@ -143,7 +162,7 @@ extern "C" int __real_ptsname_r(int fd, char *name, size_t size);
 extern "C" int __wrap_ptsname_r(int fd, char *name, size_t size);
 extern "C" int __wrap_ptsname_r(int fd, char *name, size_t size) {
     if (fails("ptsname_r")) {
-        return m_error;
+        return errno;
     }
     if (m_slave_name.empty()) {
         return __real_ptsname_r(fd, name, size);
@@ -163,6 +182,14 @@ extern "C" ssize_t __real_write(int fd, const void *bytes, size_t size);
 extern "C" ssize_t __wrap_write(int fd, const void *bytes, size_t size);
 extern "C" ssize_t __wrap_write(int fd, const void *bytes, size_t size) {
     return __real_write(fd, bytes, fd == m_short_fd && size > m_short_limit ? m_short_limit : size);
+}
+
+extern "C" int __real_close(int fd);
+extern "C" int __wrap_close(int fd);
+extern "C" int __wrap_close(int fd) {
+    const int result = __real_close(fd);
+    m_bad_closes.fetch_add(result != 0 && errno == EBADF ? 1 : 0);
+    return result;
 }
 
 extern "C" int __real_usleep(useconds_t length);

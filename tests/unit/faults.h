@@ -7,10 +7,13 @@
 #include <unistd.h>
 
 #include <string>
+#include <vector>
 
 // The next call of `call` by this process fails with `error`, after `skip` calls that pass. Calls that return their error
 // (pthread_create, pthread_kill, ptsname_r) return it. In force for one failure; a new request replaces an old one.
 void fail_call(const std::string &call, int error, int skip = 0);
+// The next calls of `call` fail one after the other, each with its error; at most eight.
+void fail_calls(const std::string &call, const std::vector<int> &errors);
 // The same for every call from now on.
 void fail_every_call(const std::string &call, int error);
 // All calls pass again; returns how often the last requested one has failed.
@@ -28,6 +31,8 @@ std::string last_chown();
 void shorten_pauses(bool is_shortened);
 // How many pauses of exactly this length this process has made since.
 int pauses_of(useconds_t length);
+// How often this process has closed a descriptor that was not open since the last request for a failure.
+int bad_closes();
 // waitpid returns `result` with this status `times` times before it looks for true ends. Written into by any thread.
 void replace_waits(pid_t result, int status, int times);
 
