@@ -49,10 +49,11 @@ struct desk_options {
     int umask = 077;            // of services
     bool closed_stdin = false;  // services start with descriptor 0 closed (logd excepted)
     std::string output;         // services append stdout and stderr to this file instead of /dev/null (logd excepted)
-    std::vector<std::string> environment;  // NAME=VALUE added to what services and desk_run programs get
-    std::string timezone;                  // TZ of the same; empty: unset, which is UTC
-    bool kmsg_machine = false;             // feed a copy of the machine's own kernel log (read without consuming it)
-    std::string printk = "4\t4\t1\t7\n";   // first content of /proc/sys/kernel/printk
+    std::vector<std::string>
+        environment;                      // NAME=VALUE added to what services (logd excepted) and desk_run programs get
+    std::string timezone;                 // TZ of the same; empty: unset, which is UTC
+    bool kmsg_machine = false;            // feed a copy of the machine's own kernel log (read without consuming it)
+    std::string printk = "4\t4\t1\t7\n";  // first content of /proc/sys/kernel/printk
     std::string link;     // "": loopback alone; "dummy": also desk0; "veth": also the pair desk0 - desk1
     int boot_ms = 60000;  // limit for the boot
 };

@@ -20,12 +20,16 @@
 
 static int m_signals = -1;
 
-std::vector<std::string> child_environment() {
-    std::vector<std::string> all = {
+std::vector<std::string> platform_environment() {
+    return {
         "PATH=" PLATFORM_PATH,         "ANDROID_ROOT=/system",     "ANDROID_DATA=/data",
         "ANDROID_STORAGE=/storage",    "EXTERNAL_STORAGE=/sdcard",
         "LD_LIBRARY_PATH=/system/lib",  // the platform's linker looks there by itself
     };
+}
+
+std::vector<std::string> child_environment() {
+    std::vector<std::string> all = platform_environment();
     all.insert(all.end(), options().environment.begin(), options().environment.end());
     return all;
 }

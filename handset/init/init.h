@@ -162,7 +162,8 @@ struct child_setup {
     bool search = false;   // look argv[0] up in PATH
     bool settled = false;  // come back only when the child has become its program, or failed to
 };
-// Base environment of everything that init starts.
+// What the platform gives to every program; and that with what the handset's options add for the programs under test.
+std::vector<std::string> platform_environment();
 std::vector<std::string> child_environment();
 // Forks and executes; returns the pid or -1.
 pid_t child_start(const child_setup &setup);

@@ -136,9 +136,10 @@ static void kill_tree(const service &sv, pid_t leader) {
 // ---- start, stop, end
 
 static child_setup setup_of(const service &sv) {
+    const bool is_logd = sv.name == "logd";  // the journal's source: what a test does to services must not reach it
     child_setup setup;
     setup.argv = sv.argv;
-    setup.environment = child_environment();
+    setup.environment = is_logd ? platform_environment() : child_environment();
     setup.environment.insert(setup.environment.end(), sv.environment.begin(), sv.environment.end());
     setup.environment.push_back(MARK + sv.name);
     setup.uid = account_id(sv.user, 0);
@@ -147,7 +148,7 @@ static child_setup setup_of(const service &sv) {
         setup.groups.push_back(account_id(sv.groups[i], 0));
     }
     setup.umask = options().umask;
-    if (sv.name != "logd") {
+    if (!is_logd) {
         setup.closed_stdin = options().closed_stdin;
         setup.output = options().output;
     }

@@ -215,7 +215,11 @@ TEST(Program, PidsOfBothWorlds) {
 TEST(Program, OrphansAreReaped) {
     handset set;
     BOOTED(set);
-    ASSERT_EQ(desk_shell(set.h, "(sh -c 'exit 9' &) ; true").status, 0);
+    // The orphan lives until its parents are gone: a shell would reap it.
+    ASSERT_EQ(desk_shell(set.h, "busybox mkfifo /data/gate && (sh -c 'read go </data/gate; exit 9' >/dev/null 2>&1 &)")
+                  .status,
+              0);
+    ASSERT_EQ(desk_shell(set.h, "echo go >/data/gate").status, 0);
     EXPECT_TRUE(desk_until([&] {
         for (const desk_event &event : desk_events(set.h, "exit")) {
             if (event.fields[0] == "-" && event.fields[2] == std::to_string(9 << 8)) {

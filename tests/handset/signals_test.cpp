@@ -193,7 +193,7 @@ TEST_F(Signals, ResetStopsTheServiceAndItsCollectors) {
     ASSERT_TRUE(desk_kill(h, pid, SIGUSR2));
     EXPECT_TRUE(desk_wait_service(h, "zr-qel-sa", "stopped"));
     EXPECT_TRUE(desk_wait_gone(h, pid));
-    EXPECT_EQ(desk_pids(h, "logcat"), std::vector<pid_t>());
+    EXPECT_TRUE(desk_until([&] { return desk_pids(h, "logcat").empty(); })) << "killed, and gone in their own time";
     EXPECT_FALSE(desk_exists(h, kLink));
     EXPECT_TRUE(in_order(file_lines(), {"signal_treatment ", "signal_treatment signal[12-SIGUSR2]",
                                         "sa_handle_deinit exit ret_val[0]", "sa_deinit_resource exit ret_val[0]",
