@@ -144,6 +144,7 @@ TEST_F(CollectorsStart, HandsNoDescriptorAndNoSignalStateOfItsOwnToChildren) {
     ASSERT_EQ(command("+DELETE_LOG"), kOk);  // the second set starts when everything of the agent is open
     const pid_t agent = desk_agent_pid(h);
     ASSERT_TRUE(desk_until([&] { return children_of(agent).size() == 5; })) << "the first set is reaped";
+    ASSERT_TRUE(wait_programs());
     int examined = 0;
     for (const pid_t child : children_of(agent)) {
         if (vector_of(child) == "</system/bin/sh><->") {

@@ -28,6 +28,7 @@ class Signals : public AgentTest {
         agent = launch();
         ASSERT_TRUE(wait_listening(agent.pid));
         ASSERT_TRUE(desk_wait_text(h, kSaLog, "]sa_listener_loop fd["));
+        ASSERT_TRUE(wait_programs());
         open_channel();
         ASSERT_EQ(ask("AT\r"), kOk);
         ASSERT_TRUE(wait_file_line("sa_handle_read_cmd_loop req[AT\r] ret_val[0]"));

@@ -43,6 +43,7 @@ void AgentTest::boot(const desk_options &options) {
         return;
     }
     ASSERT_NE(desk_wait_log_part(h, "zr-qel-sa", "sa_listener_loop fd["), 0u) << "the agent did not come up";
+    ASSERT_TRUE(wait_programs());
     open_channel();
 }
 
@@ -73,6 +74,10 @@ bool AgentTest::wait_listening(pid_t pid, int limit_ms) {
             });
         },
         limit_ms);
+}
+
+bool AgentTest::wait_programs(int limit_ms) {
+    return desk_until([&] { return desk_pids(h, "/system/bin/zr-qel-sa").size() <= 1; }, limit_ms);
 }
 
 void AgentTest::open_channel() {

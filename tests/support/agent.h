@@ -33,6 +33,8 @@ class AgentTest : public ::testing::Test {
     desk_result run(const std::vector<std::string> &argv, const std::string &input = "");
     // Waits until the agent with this pid listens; its command channel is open by then, too, if it can be.
     bool wait_listening(pid_t pid, int limit_ms = 10000);
+    // Waits until every child that the agent has started has become its program, or has failed to.
+    bool wait_programs(int limit_ms = 10000);
     // Takes the handset down and ends the test's use of it.
     void end();
 
