@@ -46,18 +46,20 @@ class CollectorStorm : public CollectorTest {
         options.files.push_back({kManners, "ends", "", 0644, 0, 0});
         ASSERT_NO_FATAL_FAILURE(boot(options));
         agent = desk_agent_pid(h);
-        ASSERT_TRUE(desk_until([&] { return threads(agent) == 2; })) << "main thread and command thread";
+        ASSERT_TRUE(desk_until([&] { return threads(agent) == 2; }, kStormLimit)) << "main thread and command thread";
         before = holdings_of(h, agent);
     }
 
     // Each child that stays has a waiter and a descriptor; beyond that the agent holds what it held before.
     ::testing::AssertionResult has_children(int count) {
         holdings now;
-        const bool is_so = desk_until([&] {
-            now = holdings_of(h, agent);
-            return now.children == count && now.zombies == 0 && now.threads == before.threads + count &&
-                   now.descriptors == before.descriptors + count;
-        });
+        const bool is_so = desk_until(
+            [&] {
+                now = holdings_of(h, agent);
+                return now.children == count && now.zombies == 0 && now.threads == before.threads + count &&
+                       now.descriptors == before.descriptors + count;
+            },
+            kStormLimit);
         if (is_so && desk_agent_pid(h) == agent) {
             return ::testing::AssertionSuccess();
         }
@@ -81,7 +83,7 @@ class CollectorStorm : public CollectorTest {
                 break;
             }
             desk_kill(h, child.pid, SIGKILL);
-            desk_wait(h, &child, 10000);
+            desk_wait(h, &child, kStormLimit);
         }
         return child;
     }
@@ -128,7 +130,7 @@ TEST_F(CollectorStorm, APidThatHasGoneToSomebodyElseIsSpared) {
                   1);
         EXPECT_EQ(desk_wait(h, &other, 0), -1) << "it was killed";
         ASSERT_TRUE(desk_kill(h, other.pid, SIGKILL));
-        EXPECT_EQ(desk_wait(h, &other, 10000), SIGKILL);
+        EXPECT_EQ(desk_wait(h, &other, kStormLimit), SIGKILL);
         spared++;
     }
     printf("%d pids given to others, all spared\n", spared);
@@ -219,7 +221,7 @@ TEST_F(ShellStorm, KilledAtRandom) {
         kill_one();
     }
     clear_sleepers();
-    EXPECT_TRUE(holds_nothing_more()) << evidence(h, agent);
+    EXPECT_TRUE(holds_nothing_more(kStormLimit)) << evidence(h, agent);
     EXPECT_EQ(ask("AT\r"), kOk);
     EXPECT_EQ(run_remote("echo still here"), "still here\n");
     printf("%d remote shells killed; %s\n", rounds, to_text(holdings_of(h, agent)).c_str());
@@ -234,10 +236,10 @@ TEST_F(ShellStorm, OrphansAreNotTheAgents) {
         const int fd = connect("shell:for i in 1 2 3 4 5; do (sleep 1000 &); done; echo left; exit 0");
         ASSERT_GE(fd, 0) << evidence(h, agent);
         EXPECT_EQ(read_until(fd, "left\n"), "left\n");
-        EXPECT_TRUE(holds_nothing_more()) << evidence(h, agent);
+        EXPECT_TRUE(holds_nothing_more(kStormLimit)) << evidence(h, agent);
         EXPECT_EQ(desk_pids(h, "sleep").size(), 5u);
         clear_sleepers();
-        ASSERT_TRUE(desk_until([&] { return desk_pids(h, "sleep").empty(); }));
+        ASSERT_TRUE(desk_until([&] { return desk_pids(h, "sleep").empty(); }, kStormLimit));
         close(fd);
         ASSERT_TRUE(desk_remove(h, kSaLog));
     }

@@ -57,10 +57,12 @@ class KernelReaderStorm : public CollectorTest {
     // The agent as it was before, but for its memory, and with the same command thread.
     ::testing::AssertionResult holds_nothing_more() {
         holdings now;
-        const bool is_so = desk_until([&] {
-            now = holdings_of(h, agent);
-            return now.descriptors == before.descriptors && now.threads == before.threads && now.children == 0;
-        });
+        const bool is_so = desk_until(
+            [&] {
+                now = holdings_of(h, agent);
+                return now.descriptors == before.descriptors && now.threads == before.threads && now.children == 0;
+            },
+            kStormLimit);
         const std::vector<pid_t> threads = storm_threads(h, agent);
         if (is_so && std::count(threads.begin(), threads.end(), command_thread) == 1 && desk_agent_pid(h) == agent) {
             return ::testing::AssertionSuccess();
@@ -71,7 +73,7 @@ class KernelReaderStorm : public CollectorTest {
     // A message comes to the file: a reader lives and writes.
     void expect_copying(const std::string &message) {
         ASSERT_TRUE(desk_kmsg_feed(h, "<6>[  200.000000] " + message + "\n"));
-        EXPECT_TRUE(desk_wait_text(h, kKernelLog, message)) << evidence(h, agent);
+        EXPECT_TRUE(desk_wait_text(h, kKernelLog, message, kStormLimit)) << evidence(h, agent);
     }
 
     chance dice;

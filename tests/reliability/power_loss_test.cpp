@@ -36,8 +36,9 @@ class PowerLoss : public CommandTest {
 
     // Comes up, and serves both channels. The first line tells that the file is this agent's.
     void expect_service() {
-        ASSERT_TRUE(desk_wait_text(h, kSaLog, "]main pid[" + std::to_string(agent) + "]")) << evidence(h, agent);
-        ASSERT_TRUE(desk_wait_text(h, kSaLog, "]sa_listener_loop fd[")) << evidence(h, agent);
+        ASSERT_TRUE(desk_wait_text(h, kSaLog, "]main pid[" + std::to_string(agent) + "]", kStormLimit))
+            << evidence(h, agent);
+        ASSERT_TRUE(desk_wait_text(h, kSaLog, "]sa_listener_loop fd[", kStormLimit)) << evidence(h, agent);
         open_channel();
         ASSERT_EQ(ask("AT\r"), kOk) << evidence(h, agent);
         const std::string listed = command("+AUTO_START_SERVICE=\"sister-a\",2");
@@ -55,9 +56,10 @@ class PowerLoss : public CommandTest {
     // The agent's end without a word, and that of all that it has started.
     void kill_agent() {
         ASSERT_TRUE(desk_kill(h, agent, SIGKILL));
-        ASSERT_EQ(desk_wait(h, &child, 10000), SIGKILL);
+        ASSERT_EQ(desk_wait(h, &child, kStormLimit), SIGKILL);
         hang_up();
-        ASSERT_TRUE(desk_until([&] { return kill_all("logcat") + kill_all("tcpdump") + kill_all("zr-qel-sa") == 0; }));
+        ASSERT_TRUE(desk_until([&] { return kill_all("logcat") + kill_all("tcpdump") + kill_all("zr-qel-sa") == 0; },
+                               kStormLimit));
     }
 
     size_t kill_all(const std::string &name) {

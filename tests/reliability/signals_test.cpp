@@ -19,8 +19,6 @@ static const char kService[] = "zr-qel-sa";
 static const char kHasHandlers[] = "]main sa_cfg_init ret_val[";
 static const char kTreatment[] = "]signal_treatment signal[";
 
-static const int kLimit = 10000;  // ms; on a machine with nothing else to do it takes some
-
 // What the agent is busy with, and about how long: the signal comes within that time.
 struct activity {
     const char *request;
@@ -75,8 +73,8 @@ class SignalStorm : public CommandTest {
             dice.wait_up_to(act->microseconds);
             return;
         }
-        ASSERT_TRUE(desk_wait_text(h, kSaLog, "]sa_listener_loop fd[")) << evidence(h, agent);
-        ASSERT_TRUE(desk_until([&] { return (logcats = desk_pids(h, "logcat")).size() == collectors; }));
+        ASSERT_TRUE(desk_wait_text(h, kSaLog, "]sa_listener_loop fd[", kStormLimit)) << evidence(h, agent);
+        ASSERT_TRUE(desk_until([&] { return (logcats = desk_pids(h, "logcat")).size() == collectors; }, kStormLimit));
         for (int message = 0; message < 20; message++) {
             desk_kmsg_feed(h, "<6>[  100.000000] for the kernel-message reader, if there is one\n");
         }
@@ -127,7 +125,8 @@ class SignalStorm : public CommandTest {
             close(listener);
             listener = -1;
         }
-        ASSERT_TRUE(desk_until([&] { return desk_pids(h, kService).empty() && no_collectors(); })) << "not clear";
+        ASSERT_TRUE(desk_until([&] { return desk_pids(h, kService).empty() && no_collectors(); }, kStormLimit))
+            << "not clear";
     }
 
     bool no_collectors() {
@@ -187,7 +186,7 @@ class EndingStorm : public SignalStorm, public ::testing::WithParamInterface<end
                 return status;
             }
             if (log_has(kTreatment)) {
-                return desk_wait(h, child, kLimit);
+                return desk_wait(h, child, kStormLimit);
             }
             repeated++;
             desk_kill(h, agent, GetParam().signo);
@@ -243,14 +242,16 @@ class ResetStorm : public SignalStorm {
   protected:
     int raw_status() {
         int status = -1;
-        desk_until([&] {
-            for (const desk_event &event : desk_events(h, "exit")) {
-                if (event.fields[0] == kService && event.fields[1] == std::to_string(agent)) {
-                    status = atoi(event.fields[2].c_str());
+        desk_until(
+            [&] {
+                for (const desk_event &event : desk_events(h, "exit")) {
+                    if (event.fields[0] == kService && event.fields[1] == std::to_string(agent)) {
+                        status = atoi(event.fields[2].c_str());
+                    }
                 }
-            }
-            return status != -1;
-        });
+                return status != -1;
+            },
+            kStormLimit);
         return status;
     }
 
@@ -264,7 +265,7 @@ class ResetStorm : public SignalStorm {
                 return false;  // it died of the signal, and init starts it again
             }
             if (log_has(kTreatment)) {
-                return desk_wait_service(h, kService, "stopped", kLimit);
+                return desk_wait_service(h, kService, "stopped", kStormLimit);
             }
             repeated++;
             desk_kill(h, agent, SIGUSR2);
@@ -286,7 +287,7 @@ class ResetStorm : public SignalStorm {
             ASSERT_FALSE(has_handlers) << evidence(h, agent);
             ASSERT_EQ(raw_status(), SIGUSR2) << evidence(h, agent);
             ASSERT_EQ(desk_service_stop(h, kService), 0);
-            ASSERT_TRUE(desk_wait_service(h, kService, "stopped", kLimit)) << evidence(h, agent);
+            ASSERT_TRUE(desk_wait_service(h, kService, "stopped", kStormLimit)) << evidence(h, agent);
             early++;
             return;
         }
@@ -295,7 +296,8 @@ class ResetStorm : public SignalStorm {
         }
         EXPECT_EQ(raw_status(), SIGKILL) << "init's way to stop a service";
         EXPECT_FALSE(desk_exists(h, kLink));
-        EXPECT_TRUE(desk_until([&] { return desk_pids(h, "logcat").empty() && desk_pids(h, "tcpdump").empty(); }));
+        EXPECT_TRUE(
+            desk_until([&] { return desk_pids(h, "logcat").empty() && desk_pids(h, "tcpdump").empty(); }, kStormLimit));
         handled++;
     }
 };

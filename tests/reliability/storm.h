@@ -14,6 +14,9 @@
 
 #include "handset/desk/desk.h"
 
+// How long a storm waits for anything, ms: enough for a machine that runs many tests at once.
+const int kStormLimit = 30000;
+
 // ROUNDS of the environment, or else the ordinary number.
 int storm_rounds(int ordinary);
 
