@@ -1,4 +1,4 @@
-// Reads records as they are sent, lets in what has the shape of one, and keeps it.
+// Reads records as they are sent and keeps what has the shape of one.
 // Two threads: the taker does nothing but empty the socket, the keeper may wait for the rings' lock and for the
 // journal's file. State: the queue between both, guarded by m_lock, which is held only to append bytes or to swap. The
 // taker uses no heap once it runs: the heap's locks too could be held by a thread that is not scheduled.
@@ -6,7 +6,6 @@
 
 #include <errno.h>
 #include <sched.h>
-#include <stddef.h>
 #include <string.h>
 #include <sys/eventfd.h>
 #include <sys/resource.h>
@@ -19,30 +18,17 @@
 #include <mutex>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "handset/logd/journal.h"
+#include "handset/logd/records.h"
 #include "handset/logd/store.h"
 
-static constexpr unsigned kKernelBuffer = 7;  // filled by the kernel, never by a program
 static constexpr int kReceiveBytes = 8 << 20;
 static constexpr int kBurstMax = 128;         // records that are handed to the keeper at one go
 static constexpr size_t kQueueMax = 8 << 20;  // bytes
 static constexpr int kPriority = -19;
 static constexpr uid_t kLogdUser = 1036;
-
-struct raw_head {
-    uint32_t length;  // of the datagram that follows
-    bool has_sender;
-    struct ucred sender;
-};
-
-struct raw_record {
-    raw_head head;
-    char bytes[sizeof(log_record_header) + kLogPayloadMax];
-};
-static_assert(offsetof(raw_record, bytes) == sizeof(raw_head), "a record is appended in one piece");
 
 static std::mutex m_lock;
 static std::condition_variable m_filled;
@@ -142,39 +128,6 @@ static void take_loop(int socket) {
     }
 }
 
-// Adds a record to `entries` unless it is a mere header, for no buffer or for the kernel's, or of unknown origin.
-static void accept_record(const raw_head &head, const char *bytes, std::vector<log_entry> *entries) {
-    log_record_header from;
-    if (head.length <= sizeof from || !head.has_sender) {
-        return;
-    }
-    memcpy(&from, bytes, sizeof from);
-    if (from.buffer >= kLogBufferCount || from.buffer == kKernelBuffer) {
-        return;
-    }
-    log_entry entry;
-    entry.payload.assign(bytes + sizeof from, head.length - sizeof from);
-    entry.header.length = static_cast<uint16_t>(entry.payload.size());
-    entry.header.header_size = sizeof entry.header;
-    entry.header.pid = head.sender.pid;
-    entry.header.uid = head.sender.uid;
-    entry.header.tid = from.tid;
-    entry.header.sec = from.sec;
-    entry.header.nsec = from.nsec;
-    entry.header.buffer = from.buffer;
-    entries->push_back(std::move(entry));
-}
-
-static std::vector<log_entry> read_batch(const std::string &batch) {
-    std::vector<log_entry> entries;
-    raw_head head;
-    for (size_t at = 0; at < batch.size(); at += sizeof head + head.length) {
-        memcpy(&head, batch.data() + at, sizeof head);
-        accept_record(head, batch.data() + at + sizeof head, &entries);
-    }
-    return entries;
-}
-
 static void keep_loop(int news) {
     std::string batch;
     batch.reserve(kQueueMax);
@@ -186,7 +139,7 @@ static void keep_loop(int news) {
             batch.swap(m_queue);
         }
         m_taken.notify_one();
-        std::vector<log_entry> entries = read_batch(batch);
+        std::vector<log_entry> entries = records_accept(batch);
         store_add(&entries);
         eventfd_write(news, 1);
         journal_write(entries);
