@@ -127,10 +127,18 @@ static void add_environment(std::vector<std::string> *args, const desk_options &
     }
 }
 
+static std::string image_of(const desk_options &o) {
+    return o.image.empty() ? DESK_IMAGE : o.image;
+}
+
 static std::vector<std::string> boot_arguments(const desk *h, int line, int kmsg) {
     const desk_options &o = h->options;
     std::vector<std::string> args;
-    add_sandbox(&args, o.image.empty() ? DESK_IMAGE : o.image, h->data_place);
+    if (h->place >= 0) {
+        args = {"init", "image=" + image_of(o), number("register", h->place), flag("keep_data", h->kept_data)};
+    } else {
+        add_sandbox(&args, image_of(o), h->data_place);
+    }
     args.insert(args.end(),
                 {number("line", line), number("kmsg", kmsg), flag("agent", o.agent), flag("log_dir", o.log_dir),
                  flag("card", o.card), number("card_size", static_cast<long long>(o.card_size)), flag("tmp", o.tmp),
@@ -149,25 +157,40 @@ static std::vector<std::string> boot_arguments(const desk *h, int line, int kmsg
 
 // ---- start and end of the processes
 
-[[noreturn]] static void become_sandbox(int data_ns, int line, int kmsg, char *const *argv) {
-    static char *const environment[] = {const_cast<char *>("PATH=/usr/bin:/bin:/usr/local/bin"), nullptr};
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
+static char *const m_environment[] = {const_cast<char *>("PATH=/usr/bin:/bin:/usr/local/bin"), nullptr};
+
+// Nothing that our caller has open may appear in a handset but its standard error and what is named here.
+static void take_streams(std::initializer_list<int> passed) {
     int null = open("/dev/null", O_RDWR);
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
-    if (null < 0 || dup2(null, 0) < 0 || dup2(null, 1) < 0 || setns(data_ns, CLONE_NEWNS) != 0 || chdir("/") != 0) {
+    if (null < 0 || dup2(null, 0) < 0 || dup2(null, 1) < 0 || chdir("/") != 0 ||
+        close_range(3, ~0u, CLOSE_RANGE_CLOEXEC) != 0) {
         _exit(126);
     }
-    // Nothing that our caller has open may appear in a handset.
-    if (close_range(3, ~0u, CLOSE_RANGE_CLOEXEC) != 0) {
+    for (int fd : passed) {
+        if (fd >= 0) {
+            fcntl(fd, F_SETFD, 0);
+        }
+    }
+}
+
+[[noreturn]] static void become_sandbox(int data_ns, int line, int kmsg, char *const *argv) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (setns(data_ns, CLONE_NEWNS) != 0) {
         _exit(126);
     }
-    fcntl(line, F_SETFD, 0);
-    if (kmsg >= 0) {
-        fcntl(kmsg, F_SETFD, 0);
-    }
-    execvpe("bwrap", argv, environment);
+    take_streams({line, kmsg});
+    execvpe("bwrap", argv, m_environment);
+    _exit(127);
+}
+
+// Init has to clear up: neither our death nor an interrupt key may kill it. The end of the line tells it.
+[[noreturn]] static void become_init(const std::string &image, int line, int place, char *const *argv) {
+    setsid();
+    take_streams({line, place});
+    execve((image + "/bin/init").c_str(), argv, m_environment);
     _exit(127);
 }
 
@@ -178,7 +201,7 @@ static bool start_sandbox(desk *h) {
     }
     int on = 1;
     setsockopt(line[0], SOL_SOCKET, SO_PASSCRED, &on, sizeof(on));  // init's pid comes with its first word
-    int kmsg = h->options.kmsg_machine ? open("/dev/kmsg", O_RDONLY | O_NONBLOCK | O_CLOEXEC) : -1;
+    int kmsg = h->options.kmsg_machine && h->place < 0 ? open("/dev/kmsg", O_RDONLY | O_NONBLOCK | O_CLOEXEC) : -1;
     std::vector<std::string> args = boot_arguments(h, line[1], kmsg);
     std::vector<char *> argv;
     for (std::string &arg : args) {
@@ -186,6 +209,9 @@ static bool start_sandbox(desk *h) {
     }
     argv.push_back(nullptr);
     h->sandbox = fork();
+    if (h->sandbox == 0 && h->place >= 0) {
+        become_init(image_of(h->options), line[1], h->place, argv.data());
+    }
     if (h->sandbox == 0) {
         become_sandbox(h->data_ns, line[1], kmsg, argv.data());
     }
@@ -197,9 +223,10 @@ static bool start_sandbox(desk *h) {
     return h->sandbox > 0 || desk_fail_errno("fork");
 }
 
-// The sandbox program ends when the handset's first process has ended, and that one ends after all others.
+// The sandbox program ends when the handset's first process has ended, and that one ends after all others. In place there
+// is no such program, and init ends by itself when its line ends: it has to clear up.
 static void stop_sandbox(desk *h) {
-    if (h->init > 0 && !h->attached) {
+    if (h->init > 0 && !h->attached && h->place < 0) {
         kill(h->init, SIGKILL);
     }
     if (h->line >= 0) {
@@ -209,7 +236,7 @@ static void stop_sandbox(desk *h) {
         close(h->root);
     }
     if (h->sandbox > 0) {
-        if (h->init <= 0) {
+        if (h->init <= 0 && h->place < 0) {
             kill(h->sandbox, SIGKILL);
         }
         while (waitpid(h->sandbox, nullptr, 0) < 0 && errno == EINTR) {
@@ -292,17 +319,31 @@ static bool boot(desk *h) {
 
 // ---- public
 
+// What a handset needs before its first boot.
+static bool make_room(desk *h) {
+    if (desk_in_place()) {
+        in_place_hide_name();
+        h->place = in_place_lock(h->options.boot_ms);
+        return h->place >= 0;
+    }
+    h->data_place = place_for_data(image_of(h->options));
+    if (h->data_place.empty()) {
+        return desk_fail("no directory to mount over");
+    }
+    return make_data(h);
+}
+
 desk *desk_boot(const desk_options &options) {
     if (geteuid() != 0) {
         desk_fail("handsets need root");
         return nullptr;
     }
+    if (desk_in_place() && !in_place_allows(options)) {
+        return nullptr;
+    }
     desk *h = new desk;
     h->options = options;
-    h->data_place = place_for_data(options.image.empty() ? DESK_IMAGE : options.image);
-    if (h->data_place.empty()) {
-        desk_fail("no directory to mount over");
-    } else if (make_data(h) && boot(h)) {
+    if (make_room(h) && boot(h)) {
         return h;
     }
     std::string reason = desk_error();
@@ -332,6 +373,9 @@ void desk_end(desk *h) {
     if (h->data_ns >= 0) {
         close(h->data_ns);
     }
+    if (h->place >= 0) {
+        close(h->place);
+    }
     delete h;
 }
 
@@ -339,12 +383,19 @@ bool desk_reboot(desk *h, bool keep, const desk_options *options) {
     if (h->attached) {
         return desk_fail("only its booter can boot it again");
     }
+    if (options != nullptr && h->place >= 0 && !in_place_allows(*options)) {
+        return false;
+    }
+    if (keep && h->place >= 0) {
+        send(h->line, "keep", 4, MSG_NOSIGNAL);
+    }
     stop_sandbox(h);
     if (options != nullptr) {
         h->options = *options;
     }
     h->same_data = keep && options == nullptr;
-    if (!keep) {
+    h->kept_data = keep;
+    if (!keep && h->place < 0) {
         close(h->data_ns);
         h->data_ns = -1;
         if (!make_data(h)) {

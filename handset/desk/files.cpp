@@ -14,7 +14,22 @@
 
 #include "handle.h"
 
+// In place what is not the handset's is not written.
+static bool may_open(const std::string &path, int flags) {
+    if (!desk_in_place()) {
+        return true;
+    }
+    if (path.compare(0, 10, "/proc/sys/") == 0 || path == "/proc/kmsg") {
+        return desk_lacks("settings and messages of the kernel of its own");
+    }
+    return (flags & (O_CREAT | O_TRUNC | O_APPEND)) == 0 || in_place_owns(path);
+}
+
 int desk_open(desk *h, const std::string &path, int flags, mode_t mode) {
+    if (!may_open(path, flags)) {
+        errno = EPERM;
+        return -1;
+    }
     struct open_how how = {};
     how.flags = static_cast<uint64_t>(flags | O_CLOEXEC);
     how.mode = (flags & O_CREAT) != 0 ? mode : 0;
@@ -203,6 +218,9 @@ bool desk_make_dir(desk *h, const std::string &path, mode_t mode, uid_t uid, gid
     if (desk_exists(h, path)) {
         return true;
     }
+    if (desk_in_place() && !in_place_owns(path)) {
+        return false;
+    }
     for (size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1)) {
         if (!make_one_dir(h, path.substr(0, slash))) {
             return desk_fail_errno(path);
@@ -240,6 +258,9 @@ static bool remove_at(int parent, const std::string &name) {
 }
 
 bool desk_remove(desk *h, const std::string &path) {
+    if (desk_in_place() && !in_place_owns(path)) {
+        return false;
+    }
     std::string name;
     int parent = open_parent(h, path, &name);
     if (parent < 0) {
@@ -251,6 +272,9 @@ bool desk_remove(desk *h, const std::string &path) {
 }
 
 bool desk_fill_data(desk *h, uint64_t available) {
+    if (desk_in_place()) {
+        return desk_lacks("file systems of a chosen size");
+    }
     if (!desk_remove(h, "/data/.fill")) {
         return false;
     }
@@ -285,5 +309,8 @@ int desk_open_tty(desk *h, const std::string &path, int limit_ms, int flags) {
 }
 
 bool desk_set_card(desk *h, bool present) {
+    if (desk_in_place()) {
+        return desk_lacks("card that can be pulled");
+    }
     return control_number(control_ask(h, {"card", present ? "1" : "0"}), "error", -1) == 0 || desk_fail("card");
 }

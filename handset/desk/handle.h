@@ -9,11 +9,13 @@
 // One handset. The descriptors are open while it is booted, -1 else; `data_ns` stays over reboots.
 struct desk {
     desk_options options;
+    int place = -1;          // in place: the register, locked for as long as the handle lives
     int data_ns = -1;        // mount namespace that holds the file system of /data
     std::string data_place;  // where in it
     bool attached = false;   // booted by another process: not ours to end
     bool same_data = false;  // this boot found the /data of an earlier boot with the same options
-    pid_t sandbox = -1;      // the sandbox program, our child
+    bool kept_data = false;  // this boot found the /data of an earlier boot
+    pid_t sandbox = -1;      // the sandbox program, our child; in place: init itself
     pid_t init = -1;         // the handset's first process
     int line = -1;           // to init: closing it ends the handset
     int root = -1;           // the handset's root directory
@@ -29,6 +31,18 @@ bool desk_fail(const std::string &reason);
 bool desk_fail_errno(const std::string &what);
 
 int64_t desk_now_ms();
+
+// Tells that a handset in place has not got `what`, and returns false.
+bool desk_lacks(const std::string &what);
+// False, with the reason told, when options ask for what a handset in place has not got.
+bool in_place_allows(const desk_options &options);
+// Whether a path belongs to a handset in place; tells when it does not.
+bool in_place_owns(const std::string &path);
+// Opens and locks the register; -1 when another handset has kept it for that long.
+int in_place_lock(int limit_ms);
+// For the agent, which takes every process in whose first argument its name appears for another agent: takes the name
+// out of ours.
+void in_place_hide_name();
 
 // Opens a connection to init's control socket; -1 on failure.
 int control_connect(const desk *h);

@@ -6,6 +6,8 @@
 #include "../platform/property_area.h"
 #include "handle.h"
 
+static const char kernel_messages[] = "kernel messages of its own (/proc/kmsg is the machine's)";
+
 std::string desk_property(desk *h, const std::string &name) {
     int fd = desk_open(h, "/dev/__properties__", O_RDONLY);
     if (fd < 0) {
@@ -62,9 +64,15 @@ pid_t desk_agent_pid(desk *h) {
 }
 
 bool desk_kmsg_feed(desk *h, const std::string &record) {
+    if (desk_in_place()) {
+        return desk_lacks(kernel_messages);
+    }
     return control_number(control_ask(h, {"kmsg", record}), "error", -1) == 0 || desk_fail("record not taken");
 }
 
 bool desk_kmsg_drained(desk *h, int limit_ms) {
+    if (desk_in_place()) {
+        return desk_lacks(kernel_messages);
+    }
     return control_number(control_ask(h, {"drained"}, limit_ms), "error", -1) == 0;
 }

@@ -12,6 +12,12 @@
 
 static bool m_made = false;
 
+// In place the card is a plain directory, and cannot be pulled.
+static int make_fixed_card() {
+    bool made = mkdir(CARD_PLACE, 0775) == 0 && chmod(CARD_PLACE, 0775) == 0 && chown(CARD_PLACE, 1000, 1015) == 0;
+    return made ? 0 : errno;
+}
+
 static bool make_card() {
     if (m_made) {
         return true;
@@ -28,6 +34,9 @@ int card_set(bool present) {
     bool mounted = access(CARD_PLACE, F_OK) == 0;
     if (present == mounted) {
         return 0;
+    }
+    if (place_used()) {
+        return present ? make_fixed_card() : ENOTSUP;
     }
     if (!present) {
         return umount2(CARD_PLACE, MNT_DETACH) == 0 && rmdir(CARD_PLACE) == 0 ? 0 : errno;

@@ -1,5 +1,6 @@
 // Everything that init starts goes through child_start, and every end of a process comes back through children_reap.
 // State: the descriptor that reports SIGCHLD.
+#include <ctype.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <grp.h>
@@ -138,7 +139,34 @@ void children_reap() {
     }
 }
 
+// In place nothing but descent tells who belongs here; who lost its parent has become our child.
+static void kill_children() {
+    std::string own = std::to_string(getpid());
+    for (const std::string &name : text_names("/proc")) {
+        std::string stat;
+        if (isdigit(static_cast<unsigned char>(name[0])) == 0 || !text_read_file("/proc/" + name + "/stat", &stat)) {
+            continue;
+        }
+        size_t close = stat.rfind(')');  // "pid (name) state parent ..."
+        if (close != std::string::npos && close + 4 < stat.size() && text_starts(stat.substr(close + 4), own + " ")) {
+            kill(atoi(name.c_str()), SIGKILL);
+        }
+    }
+}
+
+void children_end_all() {
+    do {
+        if (place_used()) {
+            kill_children();
+        } else {
+            kill(-1, SIGKILL);  // everything in this pid namespace
+        }
+    } while (wait(nullptr) > 0);
+}
+
 bool children_open() {
+    // The first process of a pid namespace inherits orphans anyway.
+    prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0);
     sigset_t chld;
     sigemptyset(&chld);
     sigaddset(&chld, SIGCHLD);

@@ -14,14 +14,16 @@
 // ---- options.cpp: how this boot differs from a plain one; filled from the argument vector, constant afterwards ------
 
 struct init_options {
-    int line_fd = -1;      // to the program that booted us; its end is ours
-    int kmsg_fd = -1;      // the machine's kernel log to copy, -1: none
-    bool agent = true;     // the agent's service starts with its class
-    bool log_dir = true;   // the agent's log directory exists
-    bool card = true;      // the card is in
-    bool tmp = true;       // there is a /tmp
-    bool config = true;    // the agent's configuration file exists
-    bool old_ctl = false;  // control of an unknown service succeeds
+    int line_fd = -1;        // to the program that booted us; its end is ours
+    int kmsg_fd = -1;        // the machine's kernel log to copy, -1: none
+    int register_fd = -1;    // the register of handsets in place; -1: this one has namespaces of its own
+    bool keep_data = false;  // in place: /data is an earlier boot's
+    bool agent = true;       // the agent's service starts with its class
+    bool log_dir = true;     // the agent's log directory exists
+    bool card = true;        // the card is in
+    bool tmp = true;         // there is a /tmp
+    bool config = true;      // the agent's configuration file exists
+    bool old_ctl = false;    // control of an unknown service succeeds
     bool closed_stdin = false;
     int protocol = 2;  // version of the property protocol that clients shall use
     int restart_ms = 5000;
@@ -69,6 +71,18 @@ std::string stage_run();
 int card_set(bool present);
 // Brings up the extra network link "dummy" or "veth". Returns "" or what failed.
 std::string links_up(const std::string &kind);
+
+// ---- place.cpp: a handset without namespaces, in the root of a container --------------------------------------------
+
+// Whether this handset is one.
+bool place_used();
+// Takes the handset's places, clearing away what a killed handset has left in them. Returns "" or why it cannot be.
+std::string place_claim();
+// Keeps this process and all that it starts from what is the machine's. Returns "" or what cannot be protected.
+std::string place_protect();
+// Removes everything that place_claim took, /data on demand not.
+void place_leave(bool keep_data);
+
 // Names of the places that more than one room knows.
 #define DESK_DIR "/dev/.desk"
 #define KMSG_FIFO DESK_DIR "/kmsg"
@@ -170,6 +184,8 @@ pid_t child_start(const child_setup &setup);
 bool children_open();
 // Called by the loop on SIGCHLD; tells services.cpp and control.cpp.
 void children_reap();
+// Ends everything that lives in the handset, whatever it ignores, and waits for it.
+void children_end_all();
 
 // ---- accounts.cpp ---------------------------------------------------------------------------------------------------
 
@@ -197,6 +213,8 @@ std::string text_format(const char *format, ...) __attribute__((format(printf, 1
 bool text_read_file(const std::string &path, std::string *text);
 bool text_write_file(const std::string &path, const std::string &text, mode_t mode);
 std::vector<std::string> text_split(const std::string &text, char separator);
+// Names in a directory, without "." and "..".
+std::vector<std::string> text_names(const std::string &directory);
 bool text_starts(const std::string &text, const std::string &start);
 
 #endif

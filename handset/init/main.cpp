@@ -1,28 +1,21 @@
 // The handset's first process. Makes the root file system, says so to the program that boots the handset, waits for its
-// word, then brings up properties, rc files and services and serves until the line to that program ends. State: none of
-// its own.
+// word, then brings up properties, rc files and services and serves until the line to that program ends. State: what that
+// program wants of the end.
 #include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/epoll.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include "init.h"
 
+static bool m_keep_data = false;
+
 static void say(const std::string &text) {
     send(options().line_fd, text.data(), text.size(), MSG_NOSIGNAL);
-}
-
-// Everything in this pid namespace, whatever it ignores.
-static void kill_all() {
-    kill(-1, SIGKILL);
-    while (wait(nullptr) > 0) {
-    }
 }
 
 static void first_properties() {
@@ -49,7 +42,7 @@ static void bring_up() {
     say("up");
 }
 
-// "go" brings the handset up; the end of the line ends it.
+// "go" brings the handset up; the end of the line ends it, "keep" before that lets the next boot find /data.
 static void line_ready(uint32_t) {
     char word[16];
     ssize_t got = recv(options().line_fd, word, sizeof(word), MSG_DONTWAIT);
@@ -57,6 +50,8 @@ static void line_ready(uint32_t) {
         loop_end();
     } else if (got == 2 && memcmp(word, "go", 2) == 0) {
         bring_up();
+    } else if (got == 4 && memcmp(word, "keep", 4) == 0) {
+        m_keep_data = true;
     }
 }
 
@@ -87,29 +82,32 @@ static void own_streams() {
 }
 
 int main(int argc, char **argv) {
-    if (!options_parse(argc, argv) || getpid() != 1) {
+    if (!options_parse(argc, argv) || (getpid() != 1 && !place_used())) {
         fprintf(stderr, "init: not started by the desk\n");
         return 2;
     }
     signal(SIGPIPE, SIG_IGN);
     fcntl(options().line_fd, F_SETFD, FD_CLOEXEC);
     fcntl(options().kmsg_fd, F_SETFD, FD_CLOEXEC);
+    fcntl(options().register_fd, F_SETFD, FD_CLOEXEC);
     umask(022);
     std::string reason = stage_run();
     own_streams();
-    if (reason.empty()) {
+    if (reason.empty() && !place_used()) {
         reason = links_up(options().link);
     }
     if (reason.empty()) {
         reason = open_rooms();
     }
     if (!reason.empty()) {
-        say("failed " + reason);
+        say(place_used() ? reason : "failed " + reason);
+        place_leave(options().keep_data);
         return 1;
     }
     first_properties();
     say("staged");
     loop_run();
-    kill_all();
+    children_end_all();
+    place_leave(m_keep_data);
     return 0;
 }

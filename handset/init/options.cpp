@@ -30,10 +30,11 @@ static const flag_row m_flags[] = {
     {"config", &init_options::config},
     {"old_ctl", &init_options::old_ctl},
     {"closed_stdin", &init_options::closed_stdin},
+    {"keep_data", &init_options::keep_data},
 };
 static const number_row m_numbers[] = {
-    {"line", &init_options::line_fd},          {"kmsg", &init_options::kmsg_fd}, {"protocol", &init_options::protocol},
-    {"restart_ms", &init_options::restart_ms}, {"umask", &init_options::umask},
+    {"line", &init_options::line_fd},      {"register", &init_options::register_fd},  {"kmsg", &init_options::kmsg_fd},
+    {"protocol", &init_options::protocol}, {"restart_ms", &init_options::restart_ms}, {"umask", &init_options::umask},
 };
 static const text_row m_texts[] = {
     {"image", &init_options::image},

@@ -1,5 +1,5 @@
-// First stage: turns the bare root that the sandbox gives into a handset's root file system. Runs once, before anything
-// else lives in the handset. Owns nothing afterwards.
+// First stage: turns the bare root that the sandbox gives into a handset's root file system, or adds one to the root of a
+// container. Runs once, before anything else lives in the handset. Owns nothing afterwards.
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -165,6 +165,10 @@ static std::string stage_system() {
     if (!options().config && unlink("/system/etc/zr-qel-sa.cfg") != 0) {
         return failed("/system/etc/zr-qel-sa.cfg");
     }
+    return "";
+}
+
+static std::string stage_etc() {
     if (symlink("system/bin", "/bin") != 0 || !make_dir("/etc", 0755, 0, 0) || !accounts_write()) {
         return failed("/etc");
     }
@@ -205,17 +209,33 @@ static std::string stage_rest() {
     if (errno != 0) {
         return failed("/storage/real_sd");
     }
-    if (options().tmp && !make_dir("/tmp", 01777, 0, 0)) {
+    if (options().tmp && !place_used() && !make_dir("/tmp", 01777, 0, 0)) {
         return failed("/tmp");
     }
     return "";
 }
 
+// What a handset in place adds to a root that has /proc, /dev, /etc and /tmp. Nobody reads its kernel messages.
+static std::string stage_additions() {
+    if (!make_dir("/dev/socket", 0755, 0, 0) || !make_dir(DESK_DIR, 0755, 0, 0) || mkfifo(KMSG_FIFO, 0400) != 0) {
+        return failed(DESK_DIR);
+    }
+    if (!make_dir("/desk", 0755, 0, 0) || !make_dir("/data", 0771, 1000, 1000)) {
+        return failed("/data");
+    }
+    return "";
+}
+
+using stage_step = std::string (*)();
+
 std::string stage_run() {
+    static const std::vector<stage_step> own = {stage_proc, stage_dev,  stage_proc_stands, stage_system,
+                                                stage_etc,  stage_data, stage_rest};
+    static const std::vector<stage_step> in_place = {place_claim, stage_additions, stage_system,
+                                                     stage_data,  stage_rest,      place_protect};
     mode_t before = umask(0);
-    std::string (*const steps[])() = {stage_proc, stage_dev, stage_proc_stands, stage_system, stage_data, stage_rest};
     std::string reason;
-    for (auto step : steps) {
+    for (stage_step step : place_used() ? in_place : own) {
         reason = step();
         if (!reason.empty()) {
             break;

@@ -1,4 +1,5 @@
 // Small functions over texts and whole files. No state.
+#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <stdarg.h>
@@ -52,6 +53,22 @@ std::vector<std::string> text_split(const std::string &text, char separator) {
     }
     parts.push_back(text.substr(start));
     return parts;
+}
+
+std::vector<std::string> text_names(const std::string &directory) {
+    std::vector<std::string> names;
+    DIR *dir = opendir(directory.c_str());
+    if (dir == nullptr) {
+        return names;
+    }
+    for (struct dirent *entry; (entry = readdir(dir)) != nullptr;) {
+        std::string name = entry->d_name;
+        if (name != "." && name != "..") {
+            names.push_back(name);
+        }
+    }
+    closedir(dir);
+    return names;
 }
 
 bool text_starts(const std::string &text, const std::string &start) {

@@ -6,6 +6,10 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "tests/support/lack.h"
+
+static const bool m_skipping = skip_what_lacks();
+
 handset::handset(const desk_options &options) : h(desk_boot(options)) {}
 
 handset::~handset() {

@@ -4,6 +4,10 @@
 #include <signal.h>
 #include <sys/wait.h>
 
+#include "tests/support/lack.h"
+
+static const bool m_skipping = skip_what_lacks();
+
 log_desk::log_desk(const std::string &zone) {
     desk_options options;
     options.agent = false;

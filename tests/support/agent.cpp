@@ -7,10 +7,13 @@
 #include <algorithm>
 #include <chrono>
 
+#include "tests/support/lack.h"
+
 const char kOk[] = "\r\nOK\r\n";
 const char kError[] = "\r\nERROR: -1\r\n";
 const char kSaLog[] = "/data/local/log/sa.log";
 
+static const bool kSkipping = skip_what_lacks();
 static const char kQuiet[] = "/data/local/log,I1,0,0,I2,0,0,I3,0,0,I4,0,0,I5,0,0,I6,0,0";
 
 desk_options quiet_options() {

@@ -1,0 +1,102 @@
+// Handsets in place: what they have not got, and that there is one at a time. Their making and removal are init's (see
+// handset/init/place.cpp). State: who wants to be told of what is missing.
+#include <errno.h>
+#include <fcntl.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "../init/control.h"
+#include "handle.h"
+
+static void (*m_on_lack)(const std::string &) = nullptr;
+
+bool desk_in_place() {
+    const char *wanted = getenv("DESK_IN_PLACE");
+    return wanted != nullptr && strcmp(wanted, "1") == 0;
+}
+
+void desk_on_lack(void (*call)(const std::string &what)) {
+    m_on_lack = call;
+}
+
+bool desk_lacks(const std::string &what) {
+    if (m_on_lack != nullptr) {
+        m_on_lack(what);
+    }
+    return desk_fail("a handset in place has no " + what);
+}
+
+static bool starts(const std::string &path, const std::string &start) {
+    return path.compare(0, start.size(), start) == 0;
+}
+
+bool in_place_owns(const std::string &path) {
+    for (const char *own : {"/system/", "/data/", "/storage/", "/desk/", "/dev/socket/", "/dev/.desk/", "/dev/tty"}) {
+        if (starts(path, own) && path.find("/../") == std::string::npos) {
+            return true;
+        }
+    }
+    return desk_lacks("files of its own outside of its directories (" + path + ")");
+}
+
+bool in_place_allows(const desk_options &options) {
+    const desk_options plain;
+    if (options.data_size != plain.data_size || options.card_size != plain.card_size) {
+        return desk_lacks("file systems of a chosen size");
+    }
+    if (options.printk != plain.printk) {
+        return desk_lacks("console level of its own");
+    }
+    if (!options.link.empty()) {
+        return desk_lacks("network of its own");
+    }
+    if (!options.tmp) {
+        return desk_lacks("/tmp of its own");
+    }
+    for (const desk_file &file : options.files) {
+        if (!in_place_owns(file.path)) {
+            return false;
+        }
+    }
+    for (const std::string &path : options.absent) {
+        if (!in_place_owns(path)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// The file may have been removed, with the handset before, after it was opened.
+static bool is_current(int fd) {
+    struct stat here;
+    struct stat there;
+    return fstat(fd, &here) == 0 && stat(PLACE_REGISTER, &there) == 0 && here.st_ino == there.st_ino;
+}
+
+int in_place_lock(int limit_ms) {
+    int fd = -1;
+    bool locked = desk_until(
+        [&fd] {
+            fd = open(PLACE_REGISTER, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+            if (fd >= 0 && flock(fd, LOCK_EX | LOCK_NB) == 0 && is_current(fd)) {
+                return true;
+            }
+            close(fd);
+            return false;
+        },
+        limit_ms);
+    if (!locked) {
+        desk_fail(std::string(PLACE_REGISTER) + " cannot be locked: another handset runs in place");
+    }
+    return locked ? fd : -1;
+}
+
+void in_place_hide_name() {
+    static const char name[] = "zr-qel-sa";
+    for (char *at = program_invocation_name; (at = strstr(at, name)) != nullptr;) {
+        memset(at, '-', sizeof(name) - 1);
+    }
+}
