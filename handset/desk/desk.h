@@ -1,6 +1,6 @@
 // The desk library: boots private handsets on a PC, reaches into them and takes them down. Used by the command line
 // tool `handset` and by every test that needs a handset's paths, owners, properties, services or kernel messages. A
-// handset lives in its own mount, pid, ipc, uts and network namespaces (but see "in place") and dies with the process that booted it. Needs
+// handset lives in its own mount, pid, ipc, uts and network namespaces and dies with the process that booted it. Needs
 // root. All waiting calls take a limit in milliseconds. Unless a text says otherwise a path is the handset's own
 // ("/data/x"), a pid is the one that processes inside the handset see, and a failing call leaves a reason in
 // desk_error().
@@ -57,16 +57,6 @@ struct desk_options {
     std::string link;     // "": loopback alone; "dummy": also desk0; "veth": also the pair desk0 - desk1
     int boot_ms = 60000;  // limit for the boot
 };
-
-// ---- in place -------------------------------------------------------------------------------------------------------
-
-// Whether handsets are booted in place (DESK_IN_PLACE=1 in the environment): for containers that refuse new namespaces
-// and mounts. Such a handset's /system, /data, /storage and parts of /dev stand in the container's own root, its
-// processes among the container's, one handset at a time. It has no kernel messages and console level, no card that can
-// be pulled, no file systems of a chosen size and no network of its own. What asks for one of these fails.
-bool desk_in_place();
-// Before it fails, `call` is told what is missing. It may throw.
-void desk_on_lack(void (*call)(const std::string &what));
 
 // ---- life -----------------------------------------------------------------------------------------------------------
 

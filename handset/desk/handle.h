@@ -5,6 +5,7 @@
 #include <mutex>
 
 #include "desk.h"
+#include "in_place.h"
 
 // One handset. The descriptors are open while it is booted, -1 else; `data_ns` stays over reboots.
 struct desk {

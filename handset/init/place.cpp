@@ -8,6 +8,8 @@
 #include <ftw.h>
 #include <linux/capability.h>
 #include <linux/landlock.h>
+#include <signal.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
@@ -56,8 +58,20 @@ static void remove_places(bool keep_data) {
     }
 }
 
+// Programs of a handset whose init was killed.
+static void kill_strays() {
+    for (const std::string &name : text_names("/proc")) {
+        char program[64] = "";
+        if (readlink(("/proc/" + name + "/exe").c_str(), program, sizeof(program) - 1) > 0 &&
+            text_starts(program, "/system/")) {
+            kill(atoi(name.c_str()), SIGKILL);
+        }
+    }
+}
+
 std::string place_claim() {
     if (is_registered()) {
+        kill_strays();
         remove_places(options().keep_data);
     }
     for (const char *place : m_places) {

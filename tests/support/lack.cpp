@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include "handset/desk/desk.h"
+#include "handset/desk/in_place.h"
 
 static void note(const std::string &what) {
     GTEST_SKIP() << "in place: no " << what;

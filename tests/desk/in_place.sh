@@ -1,0 +1,127 @@
+#!/bin/sh
+# Handsets in place, in a container such as people have: no new namespaces, no mounts, all of root's other common rights.
+# What ./dev decides there, that a handset works and removes itself, and what it leaves alone. Arguments: the build
+# directory, the top of the tree.
+set -u
+build=$1
+tree=$2
+failed=0
+
+if [ "${DESK_IN_PLACE-}" = 1 ]; then
+    echo "in place: no container of the test's own"
+    exit 77
+fi
+
+scratch=$(mktemp -d) || exit 1
+trap 'rm -rf "$scratch"' EXIT
+
+complain() {
+    echo "$1"
+    failed=1
+}
+
+# container OPTION... -- COMMAND...: its root is empty but for what is listed here; $scratch is its /test.
+container() {
+    env -i PATH="/test/bin:/usr/bin:/usr/sbin" DESK_IN_PLACE="$place" timeout 60 bwrap --unshare-pid --unshare-ipc \
+        --unshare-uts --unshare-net --unshare-cgroup-try --die-with-parent --ro-bind /usr /usr --symlink usr/bin /bin \
+        --symlink usr/lib /lib --symlink usr/lib64 /lib64 --symlink usr/lib32 /lib32 --symlink usr/libx32 /libx32 \
+        --proc /proc --dev /dev --tmpfs /tmp --dir /etc --bind "$scratch" /test --ro-bind "$build" "$build" \
+        --cap-drop ALL --cap-add CAP_CHOWN --cap-add CAP_DAC_OVERRIDE --cap-add CAP_FOWNER --cap-add CAP_FSETID \
+        --cap-add CAP_KILL --cap-add CAP_SETGID --cap-add CAP_SETUID --cap-add CAP_SETPCAP --cap-add CAP_NET_RAW \
+        --cap-add CAP_SYS_CHROOT --cap-add CAP_MKNOD "$@" 2>&1
+}
+
+read_only_settings="--ro-bind /proc/sys /proc/sys"
+
+# ---- what ./dev decides. It gets as far as the build, which fails here.
+
+mkdir "$scratch/bin"
+cp "$tree/dev" "$scratch/dev"
+printf '#!/bin/sh\nexit 1\n' >"$scratch/bin/cmake"
+printf '#!/bin/sh\necho installed\n' >"$scratch/bin/dpkg-query"
+chmod +x "$scratch/bin/cmake" "$scratch/bin/dpkg-query"
+place=""
+
+# decides WHAT PATTERN OUTPUT: the output matches the pattern.
+decides() {
+    # shellcheck disable=SC2254 # a pattern
+    case $3 in
+        $2) ;;
+        *) complain "$1: expected $2, found: $3" ;;
+    esac
+}
+
+builds_in_place="== handsets run in place: *== building*"
+one_sentence="dev: root may not make new namespaces here*"
+decides "with namespaces" "== building*" "$(PATH="$scratch/bin:$PATH" "$scratch/dev" run 2>&1)"
+decides "in a container" "$builds_in_place" "$(container --dir /.dockerenv -- /test/dev run)"
+decides "on a machine" "$one_sentence" "$(container -- /test/dev run)"
+decides "on a machine, one line" 1 "$(container -- /test/dev test | wc -l)"
+decides "on a machine to be thrown away" "$builds_in_place" "$(container -- /test/dev test --in-place)"
+
+# ---- a handset that works and removes itself
+
+place=1
+handset=$build/handset/desk/handset
+cat >"$scratch/life" <<'EOF'
+ls -A / /dev >/tmp/before
+"$1" run --agent -- /system/bin/sh -c 'until [ -e /dev/ttysa1 ]; do sleep 0.1; done; cat /data/local/log/sa.log' |
+    grep -c 'sa_listener_loop fd'
+ls -A / /dev | cmp - /tmp/before && echo removed
+EOF
+# shellcheck disable=SC2086 # a list
+decides "a life" "$(printf '1\nremoved')" "$(container $read_only_settings -- /bin/sh /test/life "$handset")"
+
+# Its booter killed, it removes itself; its init killed, the next one removes what is left of it.
+cat >"$scratch/killed" <<'EOF'
+mkfifo /tmp/never
+until_true() {
+    left=200
+    until "$@"; do
+        left=$((left - 1))
+        [ "$left" -gt 0 ] || exit 1
+        sleep 0.1
+    done
+}
+boot() {
+    "$1" boot <>/tmp/never >/tmp/told &
+    booter=$!
+    until_true test -e /dev/ttysa1
+}
+ls -A / >/tmp/before
+removed() { ls -A / | cmp -s - /tmp/before; }
+boot "$1"
+kill -KILL "$booter"
+until_true removed
+boot "$1"
+kill -KILL "$(sed -n 's/.*: pid //p' /tmp/told)" "$booter"
+wait
+"$1" run -- /system/bin/sh -c 'cat /proc/[0-9]*/cmdline' | tr '\0' '\n' | grep zr-qel-sa$
+until_true removed
+echo removed
+EOF
+# shellcheck disable=SC2086 # a list
+decides "killed" removed "$(container $read_only_settings -- /bin/sh /test/killed "$handset")"
+
+# ---- what it leaves alone
+
+cat >"$scratch/foreign" <<'EOF'
+echo mine >/data/file
+"$1" run -- /system/bin/true
+cat /data/file
+ls -d /system 2>/dev/null
+EOF
+# shellcheck disable=SC2086 # a list
+decides "someone's /data" "handset: /data exists here and is not a handset's*mine" \
+    "$(container $read_only_settings --dir /data -- /bin/sh /test/foreign "$handset")"
+
+levels=$(cat /proc/sys/kernel/printk)
+cat >"$scratch/levels" <<'EOF'
+"$1" run --agent -- /system/bin/sh -c '
+    until grep -qs "read_kernel_log_loop open" /data/local/log/sa.log; do sleep 0.1; done
+    echo 1 1 1 1 >/proc/sys/kernel/printk; dmesg'
+EOF
+decides "writable settings, or no boot" "*klogctl: Operation not permitted*" \
+    "$(container --cap-add CAP_SYSLOG -- /bin/sh /test/levels "$handset")"
+decides "the machine's console level" "$levels" "$(cat /proc/sys/kernel/printk)"
+exit "$failed"
