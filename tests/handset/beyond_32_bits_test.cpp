@@ -53,6 +53,18 @@ TEST_F(Beyond32Bits, KernelMessagesShiftALargeFile) {
     EXPECT_EQ(size_of(std::string(kKmsg) + ".1"), kLarge);
 }
 
+TEST_F(Beyond32Bits, PacketsGiveALargeFileItsOwner) {
+    const std::string first = "/data/local/log/ipdata.pcap0";
+    desk_options options = with_log_property(log_property({{2, "5,8192"}}));
+    options.prepare = [](desk *handset) { return put_waiting_program(handset, "/system/xbin/tcpdump"); };
+    ASSERT_NO_FATAL_FAILURE(boot(options));
+    ASSERT_TRUE(desk_remove(h, first));
+    ASSERT_NO_FATAL_FAILURE(make_large(first));
+    restart_agent();
+    EXPECT_TRUE(desk_until([&] { return desk_owner(h, first) == "0644 2000:1007"; })) << desk_owner(h, first);
+    EXPECT_EQ(size_of(first), kLarge);
+}
+
 // What cannot be shifted is written over from its beginning.
 TEST_F(Beyond32Bits, KernelMessagesOpenALargeFile) {
     ASSERT_NO_FATAL_FAILURE(boot());
