@@ -1,0 +1,61 @@
+// Handsets to measure in, and the dialogue with their agent. Whatever fails here ends the program (give_up).
+#ifndef BENCH_HANDSETS_H
+#define BENCH_HANDSETS_H
+
+#include <string>
+#include <vector>
+
+#include "bench/measure.h"
+#include "handset/desk/desk.h"
+
+// ---- handsets
+
+// No collector runs.
+desk_options without_collectors();
+// Boots and waits until the agent has answered OK. `sa-bench-inside` is at /desk/inside.
+desk *boot_handset(desk_options options);
+// The host's pid of the agent.
+pid_t agent_of(desk *h);
+// Takes down and boots the service, as init does; waits for its OK.
+void restart_agent(desk *h);
+
+// ---- channels
+
+// Opens a terminal as soon as it can be opened; looks again at once, not after a pause.
+int open_terminal(desk *h, const std::string &path);
+// Sends a request and waits for an answer that ends with OK. Returns whether it came in time.
+bool try_request(int channel, const std::string &request, int limit_ms);
+void request_ok(int channel, const std::string &request);
+// Asks for a remote shell and opens its terminal. `listener` is open.
+int open_shell(desk *h, int listener, const std::string &command);
+void write_text(int fd, const std::string &text);
+// Reads until the end or `limit` bytes; returns how many came.
+size_t read_all(int fd, size_t limit);
+
+// ---- programs
+
+// Runs /desk/inside with these words; returns the numbers that it printed, one line a row.
+std::vector<std::vector<double>> run_inside(desk *h, const std::vector<std::string> &words, int limit_ms = 300000);
+// Starts a program of the handset that ends with it. Its streams as in desk_program.
+desk_child start_program(desk *h, const std::vector<std::string> &argv, int in = -1, int out = -1);
+void end_program(desk *h, desk_child *child);
+std::string run_shell(desk *h, const std::string &command);
+
+// ---- dropbear, as a peer
+
+// Brings keys and an account; to be called between boot and start_dropbear.
+void prepare_dropbear(desk *h);
+desk_child start_dropbear(desk *h);
+
+// ---- what a process holds
+
+struct memory {
+    double pss = 0;       // KiB, all three
+    double private_ = 0;  // clean and dirty
+    double dirty = 0;     // private dirty
+};
+// Of a process of the host's.
+memory memory_of(pid_t host_pid);
+int descriptors_of(pid_t host_pid);
+
+#endif

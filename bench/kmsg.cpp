@@ -1,0 +1,95 @@
+// Copying kernel messages: as many bytes as the file holds, fed as fast as they are read, beside `dd` with the same
+// buffer and `busybox cat`, each on a pipe of its own. All overwrite their file in place, the agent because its file
+// wraps just there. No state.
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include "bench/benches.h"
+#include "bench/handsets.h"
+
+static const char kPeerPipe[] = "/data/stream";
+static const int kPipeSize = 1 << 20;
+static const size_t kPiece = 99 * 600;  // what a write feeds: whole pieces of the reader's
+
+static void await_read(int pipe) {
+    int unread = 1;
+    while (ioctl(pipe, FIONREAD, &unread) == 0 && unread > 0) {
+        usleep(100);
+    }
+}
+
+// Feeds a reader that is already waiting; returns bytes a second.
+static double feed(int pipe, size_t bytes) {
+    const std::string piece(kPiece, 'k');
+    write_text(pipe, std::string(99, 'k'));
+    await_read(pipe);
+    const double start = now_seconds();
+    for (size_t fed = 0; fed < bytes; fed += piece.size()) {
+        write_text(pipe, piece);
+    }
+    await_read(pipe);
+    return static_cast<double>(bytes) / (now_seconds() - start);
+}
+
+static double peer_speed(desk *h, int pipe, size_t bytes, const std::vector<std::string> &argv) {
+    const int in = desk_open(h, kPeerPipe, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    const int out = desk_open(h, "/data/copy", O_WRONLY | O_CREAT | O_CLOEXEC);
+    fcntl(in, F_SETFL, 0);
+    desk_child copier = start_program(h, argv, in, out);
+    const double speed = feed(pipe, bytes);
+    end_program(h, &copier);
+    close(in);
+    close(out);
+    return speed;
+}
+
+static int open_pipe(desk *h, const std::string &path) {
+    const int fd = desk_open(h, path, O_RDWR | O_CLOEXEC);
+    if (fd < 0 || fcntl(fd, F_SETPIPE_SZ, kPipeSize) < 0) {
+        give_up(path + " cannot be fed");
+    }
+    return fd;
+}
+
+static figure line_of(const std::string &peer, const std::vector<double> &ours, const std::vector<double> &theirs) {
+    figure line;
+    line.what = "kernel messages copied, bytes a second";
+    line.ours = text_of("%.0f MB/s", median_of(ours) / 1e6);
+    line.beside = peer + text_of(" %.0f MB/s", median_of(theirs) / 1e6);
+    line.value = spread_of(ratios_of(ours, theirs));
+    line.unit = "×";
+    return line;
+}
+
+void bench_kmsg(const effort &how, report *lines) {
+    const size_t bytes = how.quick ? 20000000 : 200000000;
+    desk_options options;
+    options.data_size = 1u << 30;
+    options.properties.push_back(
+        {"persist.sys.install.zr.log",
+         text_of("/data/local/log,I1,0,0,I2,0,0,I3,2,%zu,I4,0,0,I5,0,0,I6,0,0", bytes / 1024)});
+    desk *h = boot_handset(options);
+    run_shell(h, std::string("busybox mkfifo ") + kPeerPipe);
+    const int stream = open_pipe(h, "/proc/kmsg");
+    const int pipe = open_pipe(h, kPeerPipe);
+    std::vector<double> ours;
+    std::vector<double> dd;
+    std::vector<double> cat;
+    for (int run = -1; run < how.runs; run++) {
+        const double speeds[] = {feed(stream, bytes), peer_speed(h, pipe, bytes, {"/usr/bin/dd", "bs=99"}),
+                                 peer_speed(h, pipe, bytes, {"/system/xbin/busybox", "cat"})};
+        if (run >= 0) {  // the one before makes the files
+            ours.push_back(speeds[0]);
+            dd.push_back(speeds[1]);
+            cat.push_back(speeds[2]);
+        }
+    }
+    lines->push_back(line_of("dd bs=99", ours, dd));
+    lines->back().kind = AT_LEAST;
+    lines->back().goal = 0.95;
+    lines->push_back(line_of("busybox cat", ours, cat));
+    close(stream);
+    close(pipe);
+    desk_end(h);
+}
