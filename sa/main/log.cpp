@@ -24,17 +24,42 @@ enum sinks { TO_PLATFORM = 1, TO_FILE = 2 };
 static const int kPrefixSize = 128;
 static const int kMessageSize = 2048;
 
-// Builds "[MM-DD hh:mm:ss.mmm]function " and returns its length. The seconds and the milliseconds are two readings of
-// the clock on purpose; at a second's boundary they may disagree.
-static int make_prefix(const char *function, char *prefix_ptr, size_t size) {
+// By hand: the formatted time was the costliest part of a line.
+static char *put_digits(char *to_ptr, long value, int width) {
+    for (int at = width - 1; at >= 0; at--) {
+        to_ptr[at] = static_cast<char>('0' + value % 10);
+        value /= 10;
+    }
+    return to_ptr + width;
+}
+
+// Puts a number behind a sign.
+static char *put_part(char *to_ptr, char sign, long value, int width) {
+    *to_ptr = sign;
+    return put_digits(to_ptr + 1, value, width);
+}
+
+// Builds "[MM-DD hh:mm:ss.mmm]function " and returns its length, less than `size`; a long name is cut, its blank
+// with it. The seconds and the milliseconds are two readings of the clock on purpose; at a second's boundary they may disagree.
+static size_t make_prefix(const char *function, char *prefix_ptr, size_t size) {
     struct sa_local_time_st local;
     struct timespec now;
     sa_local_time(time(nullptr), &local);
     clock_gettime(CLOCK_REALTIME, &now);
-    const long milliseconds = now.tv_nsec / 1000000;
-    const int length = snprintf(prefix_ptr, size, "[%02d-%02d %02d:%02d:%02d.%03ld]%s ", local.month, local.day,
-                                local.hour, local.minute, local.second, milliseconds, function);
-    return length < static_cast<int>(size) ? length : static_cast<int>(size) - 1;
+    char *at_ptr = put_part(prefix_ptr, '[', local.month, 2);
+    at_ptr = put_part(at_ptr, '-', local.day, 2);
+    at_ptr = put_part(at_ptr, ' ', local.hour, 2);
+    at_ptr = put_part(at_ptr, ':', local.minute, 2);
+    at_ptr = put_part(at_ptr, ':', local.second, 2);
+    at_ptr = put_part(at_ptr, '.', now.tv_nsec / 1000000, 3);
+    *at_ptr++ = ']';
+    const size_t room = size - static_cast<size_t>(at_ptr - prefix_ptr) - 1;
+    size_t length = strnlen(function, room);
+    memcpy(at_ptr, function, length);
+    if (length < room) {
+        at_ptr[length++] = ' ';
+    }
+    return static_cast<size_t>(at_ptr - prefix_ptr) + length;
 }
 
 // Appends one line. The message stands at `message_ptr` with kPrefixSize free bytes in front and one behind it, so that
@@ -46,7 +71,7 @@ static void append_to_file(const char *function, char *message_ptr) {
         return;
     }
     char prefix_a[kPrefixSize];
-    const size_t prefix_length = static_cast<size_t>(make_prefix(function, prefix_a, sizeof(prefix_a)));
+    const size_t prefix_length = make_prefix(function, prefix_a, sizeof(prefix_a));
     const size_t message_length = strlen(message_ptr);
     memcpy(message_ptr - prefix_length, prefix_a, prefix_length);
     message_ptr[message_length] = '\n';
