@@ -18,11 +18,7 @@ static double milliseconds_of_pauses() {
 
 // Stopping it takes no part in the figure.
 static double milliseconds_of_start(desk *h) {
-    desk_service_stop(h, "zr-qel-sa");
-    if (!desk_wait_service(h, "zr-qel-sa", "stopped")) {
-        give_up("the agent does not stop");
-    }
-    desk_remove(h, "/dev/ttyCMD0");
+    stop_agent(h);
     const double start = now_seconds();
     desk_service_start(h, "zr-qel-sa");
     const int channel = open_terminal(h, "/dev/ttyCMD0");

@@ -14,9 +14,10 @@
 
 static const char kService[] = "zr-qel-sa";
 static const char kChannel[] = "/dev/ttyCMD0";
+static const char kListener[] = "/dev/ttysa1";
 static const char kQuiet[] = "/data/local/log,I1,0,0,I2,0,0,I3,0,0,I4,0,0,I5,0,0,I6,0,0";
 static const int kLimit = 20000;      // ms
-static const int kReadyLimit = 100;   // ms for an answer of an agent that may still be opening its channel
+static const int kReadyLimit = 100;   // ms for an answer of an agent that may be opening its channel just now
 static const double kBootLimit = 20;  // s
 static const char kPort[] = "2222";
 
@@ -26,19 +27,6 @@ desk_options without_collectors() {
     desk_options options;
     options.properties.push_back({"persist.sys.install.zr.log", kQuiet});
     return options;
-}
-
-static void await_ok(desk *h) {
-    const double end = now_seconds() + kBootLimit;
-    bool is_up = false;
-    while (!is_up && now_seconds() < end) {
-        const int channel = open_terminal(h, kChannel);
-        is_up = try_request(channel, "AT\r", kReadyLimit);
-        close(channel);
-    }
-    if (!is_up) {
-        give_up("the agent does not answer");
-    }
 }
 
 desk *boot_handset(desk_options options) {
@@ -51,7 +39,7 @@ desk *boot_handset(desk_options options) {
         give_up(desk_error());
     }
     if (options.agent) {
-        await_ok(h);
+        close(open_channel(h));
     }
     return h;
 }
@@ -60,14 +48,19 @@ pid_t agent_of(desk *h) {
     return desk_host_pid(h, desk_agent_pid(h));
 }
 
-void restart_agent(desk *h) {
+void stop_agent(desk *h) {
     desk_service_stop(h, kService);
     if (!desk_wait_service(h, kService, "stopped")) {
         give_up("the agent does not stop");
     }
-    desk_remove(h, kChannel);  // what a killed agent leaves leads nowhere
+    desk_remove(h, kChannel);
+    desk_remove(h, kListener);
+}
+
+void restart_agent(desk *h) {
+    stop_agent(h);
     desk_service_start(h, kService);
-    await_ok(h);
+    close(open_channel(h));
 }
 
 // ---- channels
@@ -82,6 +75,18 @@ int open_terminal(desk *h, const std::string &path) {
         usleep(200);
     }
     return fd;
+}
+
+int open_channel(desk *h) {
+    const double end = now_seconds() + kBootLimit;
+    while (now_seconds() < end) {
+        const int channel = open_terminal(h, kChannel);
+        if (try_request(channel, "AT\r", kReadyLimit)) {
+            return channel;
+        }
+        close(channel);
+    }
+    give_up("the agent does not answer");
 }
 
 void write_text(int fd, const std::string &text) {

@@ -16,13 +16,18 @@ desk_options without_collectors();
 desk *boot_handset(desk_options options);
 // The host's pid of the agent.
 pid_t agent_of(desk *h);
-// Takes down and boots the service, as init does; waits for its OK.
+// Stops the service and removes the names that a killed agent leaves: they lead nowhere, or to the next one's terminals.
+void stop_agent(desk *h);
+// Stops it and starts it again; waits for its OK.
 void restart_agent(desk *h);
 
 // ---- channels
 
 // Opens a terminal as soon as it can be opened; looks again at once, not after a pause.
 int open_terminal(desk *h, const std::string &path);
+// Opens the command channel and waits for its first OK. What can be opened just after a client has left may still be the
+// terminal that this client had, and which the agent is about to replace: then the next one is tried.
+int open_channel(desk *h);
 // Sends a request and waits for an answer that ends with OK. Returns whether it came in time.
 bool try_request(int channel, const std::string &request, int limit_ms);
 void request_ok(int channel, const std::string &request);

@@ -9,6 +9,8 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <fstream>
+
 #include "bench/floors/floors.h"
 #include "bench/measure.h"
 #include "sa/main/log.h"
@@ -20,8 +22,8 @@
 static const char kLastName[] = "zr-bench-last";
 static const char kNobody[] = "zr-bench-nobody";
 
-// Processor time of this thread, in and out of the kernel: a lookup and a line wait for nobody, and whoever else runs on
-// a busy machine has no part in it.
+// Processor time of this thread, in and out of the kernel: a lookup takes long enough to be interrupted, and whoever else
+// runs on a busy machine has no part in it.
 static double processor_seconds() {
     struct timespec now;
     clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
@@ -29,10 +31,17 @@ static double processor_seconds() {
 }
 
 template <typename Step>
-static double seconds_of(Step step) {
+static double busy_seconds_of(Step step) {
     const double start = processor_seconds();
     step();
     return processor_seconds() - start;
+}
+
+template <typename Step>
+static double seconds_of(Step step) {
+    const double start = now_seconds();
+    step();
+    return now_seconds() - start;
 }
 
 // ---- one line
@@ -83,11 +92,11 @@ static void make_processes(int count) {
 
 static double agent_lookup(const char *name) {
     int32_t pid = 0;
-    return seconds_of([&] { sa_util_get_pid(name, &pid); });
+    return busy_seconds_of([&] { sa_util_get_pid(name, &pid); });
 }
 
 static double bare_lookup(const char *name) {
-    return seconds_of([&] { floor_lookup(name); });
+    return busy_seconds_of([&] { floor_lookup(name); });
 }
 
 // A program as a whole, from its start to its end, in time as it goes by.
@@ -129,6 +138,20 @@ static int measure_lookups(int runs, int calls, int processes) {
                median_of(miss[1]), find_with("/usr/sbin/killall5", "pidof", "-x", kNobody),
                find_with("/usr/bin/pgrep", "pgrep", "-f", kNobody));
     }
+    return 0;
+}
+
+// ---- command lines
+
+// Each line of a file by a shell of its own, as `system` does it: the floor of whoever runs lines that way.
+static int run_lines(const char *path) {
+    std::ifstream file(path);
+    std::string line;
+    const double start = now_seconds();
+    while (std::getline(file, line)) {
+        (void)!system(line.c_str());
+    }
+    printf("%.9f\n", now_seconds() - start);
     return 0;
 }
 
@@ -187,6 +210,9 @@ int main(int argc, char **argv) {
     }
     if (word == "program" && argc > 2) {
         return printf("%.9f\n", program_seconds(argv[2], argv + 2)) > 0 ? 0 : 1;
+    }
+    if (word == "system" && argc > 2) {
+        return run_lines(argv[2]);
     }
     if (word == "go-line") {
         return go_lines(number_at(argc, argv, 2));

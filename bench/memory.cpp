@@ -93,8 +93,7 @@ static void look_at_peers(desk *h, series *busybox, series *dropbear) {
 
 static void look_at_agent(desk *h, int requests, series *started, series *later, std::vector<double> *stacks) {
     const pid_t agent = agent_of(h);
-    const int channel = open_terminal(h, "/dev/ttyCMD0");
-    request_ok(channel, "AT\r");
+    const int channel = open_channel(h);
     usleep(500000);  // the last lines of the boot
     add(started, memory_of(agent));
     for (int i = 0; i < requests; i++) {

@@ -51,7 +51,7 @@ static figure line_of(const char *what, const std::vector<double> &ours, const s
 void bench_request(const effort &how, report *lines) {
     desk *h = boot_handset(without_collectors());
     desk_child echo = start_program(h, {"/desk/inside", "echo", kFloorLink});
-    const int agent = open_terminal(h, "/dev/ttyCMD0");
+    const int agent = open_channel(h);
     const int floor = open_terminal(h, kFloorLink);
     const int requests = how.quick ? 200 : 10000 / how.runs + 1;
     shares ours;
