@@ -74,8 +74,25 @@ static void leave_registry(void *value) {
     self->use.store(FREE);
 }
 
+static void *end_at_once(void *) {
+    pthread_exit(nullptr);
+}
+
+// The first end of a thread may load a library (glibc's unwinder does), and fails the process where that is impossible:
+// it is had now, not when a worker is stopped and no memory or descriptor is left.
+static void rehearse_end(void) {
+    pthread_t thread;
+    sigset_t mask;
+    pub_util_block_signals(&mask);  // the thread is to take none
+    if (pthread_create(&thread, nullptr, end_at_once, nullptr) == 0) {
+        pthread_join(thread, nullptr);
+    }
+    pub_util_restore_signals(&mask);
+}
+
 static void make_end_key(void) {
     pthread_key_create(&m_end_key, leave_registry);
+    rehearse_end();
 }
 
 static void *run_worker(void *value) {
