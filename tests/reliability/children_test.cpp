@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <set>
 
 #include "tests/reliability/storm.h"
 #include "tests/support/collectors.h"
@@ -143,7 +144,6 @@ static const char *const kShells[] = {
     "while :; do echo noise; done",
     "exec cat",
     "(sleep 1000 &); exec sleep 1000",
-    "exit 3",
     "",  // interactive
 };
 
@@ -167,11 +167,26 @@ class ShellStorm : public RemoteShellTest {
         shell one;
         one.fd = connect(std::string("shell:") + command);
         ASSERT_GE(one.fd, 0) << evidence(h, agent);
-        one.pid = last_child();
+        one.pid = newest_child();
+        ASSERT_NE(one.pid, -1) << evidence(h, agent);
         open.push_back(one);
     }
 
-    // By any signal, and sometimes the client goes first. One that has ended by itself is nobody's any more.
+    // The agent's child that was not there before, waited for.
+    pid_t newest_child() {
+        pid_t newest = -1;
+        desk_until(
+            [&] {
+                for (const pid_t child : storm_children(h, agent)) {
+                    newest = seen.insert(child).second ? child : newest;
+                }
+                return newest != -1;
+            },
+            kStormLimit);
+        return newest;
+    }
+
+    // By any signal, and sometimes the client goes first. One that has ended with its client is nobody's any more.
     void kill_one() {
         static const int kSignals[] = {SIGKILL, SIGTERM, SIGHUP, SIGSEGV, SIGQUIT, SIGSTOP};
         const auto at = open.begin() + dice.below(static_cast<int>(open.size()));
@@ -201,6 +216,7 @@ class ShellStorm : public RemoteShellTest {
 
     chance dice;
     std::vector<shell> open;
+    std::set<pid_t> seen;
 };
 
 TEST_F(ShellStorm, KilledAtRandom) {

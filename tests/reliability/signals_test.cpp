@@ -67,7 +67,12 @@ class SignalStorm : public CommandTest {
         return act->request == kStartUp;
     }
 
-    // Brings the agent into the round's activity, and lets a random part of its time pass.
+    // A random part of the activity's time, the beginning of it more often than the rest.
+    void wait_for_moment() {
+        dice.wait_up_to(act->microseconds >> dice.below(6));
+    }
+
+    // Brings the agent into the round's activity, and lets time pass.
     void provoke() {
         if (is_starting()) {
             dice.wait_up_to(act->microseconds);
@@ -75,6 +80,9 @@ class SignalStorm : public CommandTest {
         }
         ASSERT_TRUE(desk_wait_text(h, kSaLog, "]sa_listener_loop fd[", kStormLimit)) << evidence(h, agent);
         ASSERT_TRUE(desk_until([&] { return (logcats = desk_pids(h, "logcat")).size() == collectors; }, kStormLimit));
+        command_thread = storm_threads(h, agent).back();  // it is started last
+        first = any_victim();
+        second = any_victim();
         for (int message = 0; message < 20; message++) {
             desk_kmsg_feed(h, "<6>[  100.000000] for the kernel-message reader, if there is one\n");
         }
@@ -92,26 +100,32 @@ class SignalStorm : public CommandTest {
                 send(act->request);
             }
         }
-        dice.wait_up_to(act->microseconds);
+        wait_for_moment();
     }
 
-    // One signal, or at times two, which two threads may then handle side by side.
-    void strike(int signo) {
-        raise(signo);
+    // The process, the command thread, or any thread.
+    victim any_victim() {
+        const std::vector<pid_t> threads = storm_threads(h, agent);
+        switch (threads.empty() ? 0 : dice.below(3)) {
+            case 0: return find_victim(h, agent);
+            case 1: return find_victim(h, agent, is_starting() ? threads.back() : command_thread);
+            default:
+                return find_victim(h, agent,
+                                   threads[static_cast<size_t>(dice.below(static_cast<int>(threads.size())))]);
+        }
+    }
+
+    // One signal, or at times two, which two threads may then handle side by side. A thread that is not there any more is
+    // nobody's victim.
+    void send_signal(int signo) {
+        if (is_starting()) {
+            first = any_victim();
+        }
+        strike(first, signo);
         if (dice.one_in(4)) {
             dice.wait_up_to(500);
-            raise(signo);
+            strike(is_starting() ? any_victim() : second, signo);
         }
-    }
-
-    // The signal goes to the process, or to one of its threads. One that is not there any more is nobody's.
-    void raise(int signo) {
-        const std::vector<pid_t> threads = storm_threads(h, agent);
-        if (threads.empty() || dice.one_in(3)) {
-            desk_kill(h, agent, signo);
-            return;
-        }
-        signal_thread(h, agent, threads[static_cast<size_t>(dice.below(static_cast<int>(threads.size())))], signo);
     }
 
     bool log_has(const char *text) {
@@ -154,6 +168,9 @@ class SignalStorm : public CommandTest {
     chance dice;
     const activity *act = nullptr;
     pid_t agent = -1;
+    pid_t command_thread = -1;
+    victim first;
+    victim second;
     int listener = -1;
     size_t collectors = 0;       // logcats that the agent starts in this round
     std::vector<pid_t> logcats;  // of an agent that has come up
@@ -202,7 +219,7 @@ class EndingStorm : public SignalStorm, public ::testing::WithParamInterface<end
         ASSERT_NO_FATAL_FAILURE(provoke());
         const int sent_before = repeated;
         const auto since = std::chrono::steady_clock::now();
-        strike(GetParam().signo);
+        send_signal(GetParam().signo);
         const int status = end_of_agent(&child);
         if (repeated == sent_before) {
             note_time(since);
@@ -282,7 +299,7 @@ class ResetStorm : public SignalStorm {
         const int sent_before = repeated;
         const bool has_handlers = log_has(kHasHandlers);
         const auto since = std::chrono::steady_clock::now();
-        strike(SIGUSR2);
+        send_signal(SIGUSR2);
         if (!is_stopped()) {
             ASSERT_FALSE(has_handlers) << evidence(h, agent);
             ASSERT_EQ(raw_status(), SIGUSR2) << evidence(h, agent);

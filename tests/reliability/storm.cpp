@@ -77,10 +77,18 @@ std::vector<pid_t> storm_threads(desk *h, pid_t pid) {
     return threads;
 }
 
-bool signal_thread(desk *h, pid_t pid, pid_t thread, int signo) {
-    const pid_t host_pid = desk_host_pid(h, pid);
-    const pid_t host_thread = thread == pid ? host_pid : desk_host_pid(h, thread);
-    return host_pid > 0 && host_thread > 0 && syscall(SYS_tgkill, host_pid, host_thread, signo) == 0;
+victim find_victim(desk *h, pid_t pid, pid_t thread) {
+    victim whom;
+    whom.process = desk_host_pid(h, pid);
+    whom.thread = thread == 0 || thread == pid ? 0 : desk_host_pid(h, thread);
+    return whom;
+}
+
+bool strike(const victim &whom, int signo) {
+    if (whom.process <= 1 || whom.thread < 0) {
+        return false;
+    }
+    return (whom.thread == 0 ? kill(whom.process, signo) : syscall(SYS_tgkill, whom.process, whom.thread, signo)) == 0;
 }
 
 static long status_number(const std::string &status, const std::string &name) {

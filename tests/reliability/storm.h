@@ -49,8 +49,15 @@ std::string to_text(const holdings &held);
 std::vector<pid_t> storm_children(desk *h, pid_t pid);
 // Thread ids as the handset sees them, main thread first.
 std::vector<pid_t> storm_threads(desk *h, pid_t pid);
-// Sends a signal to one thread and no other.
-bool signal_thread(desk *h, pid_t pid, pid_t thread, int signo);
+
+// Whom a signal is meant for. Found beforehand, since finding takes longer than some of the moments that matter.
+struct victim {
+    pid_t process = -1;  // both as the machine sees them
+    pid_t thread = 0;    // 0: whichever the kernel takes
+};
+victim find_victim(desk *h, pid_t pid, pid_t thread = 0);
+// False when it is not there any more.
+bool strike(const victim &whom, int signo);
 
 // For a failure's message: the end of sa.log, and what each thread of the process is in.
 std::string evidence(desk *h, pid_t pid);
