@@ -8,6 +8,7 @@
 // buffer uses no stream lock, and no heap for the integer, character and string conversions that log texts are made of.
 #include <android/log.h>
 #include <errno.h>
+#include <poll.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <string.h>
@@ -20,10 +21,13 @@
 
 #include <atomic>
 
+#include "../init/control.h"
+
 static constexpr size_t kTextSize = 1024;    // of a formatted text, its NUL included
 static constexpr size_t kPayloadMax = 4068;  // of one record, all but its header
 static constexpr int32_t kLostTag = 1006;    // events tag under which the number of lost entries is told
 static constexpr size_t kHeaderSize = 11;
+static constexpr int kInPlaceMs = 5000;
 static constexpr size_t kPartMax = 4;  // of one datagram: header and up to three pieces of payload
 
 // -1 until the first write; afterwards the same number for the life of the process, unless someone else closes it.
@@ -111,6 +115,13 @@ static void report_lost(int fd) {
     }
 }
 
+// The daemon's queue is as long as the platform's, but for handsets in place: there it holds ten entries or so, as the
+// container's kernel has it, and a full one is waited for.
+static bool wait_in_place(int fd) {
+    struct pollfd queue = {fd, POLLOUT, 0};
+    return access(PLACE_REGISTER, F_OK) == 0 && poll(&queue, 1, kInPlaceMs) == 1;
+}
+
 static void deliver(struct iovec *parts, size_t count) {
     int fd = open_socket();
     if (fd == -1) {
@@ -126,7 +137,7 @@ static void deliver(struct iovec *parts, size_t count) {
             return;
         }
     }
-    if (errno == EAGAIN) {
+    if (errno == EAGAIN && !(wait_in_place(fd) && send_parts(fd, parts, count))) {
         m_lost.fetch_add(1);
     }
 }
