@@ -110,14 +110,9 @@ static std::string number(const char *name, long long value) {
     return std::string(name) + "=" + std::to_string(value);
 }
 
-// Instructions to the run-time parts of sanitizers reach the programs inside, so that a sanitized build reports there
-// too.
 static void add_environment(std::vector<std::string> *args, const desk_options &o) {
-    for (const char *name : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS", "TSAN_OPTIONS"}) {
-        const char *value = getenv(name);
-        if (value != nullptr) {
-            args->push_back(std::string("env=") + name + "=" + value);
-        }
+    for (const std::string &variable : reports_environment()) {
+        args->push_back("env=" + variable);
     }
     if (!o.timezone.empty()) {
         args->push_back("env=TZ=" + o.timezone);
@@ -242,6 +237,7 @@ static void stop_sandbox(desk *h) {
         while (waitpid(h->sandbox, nullptr, 0) < 0 && errno == EINTR) {
         }
     }
+    reports_close(h);
     h->line = h->root = -1;
     h->sandbox = h->init = -1;
     h->log.clear();
@@ -311,7 +307,7 @@ static bool boot(desk *h) {
     if (h->root < 0) {
         return desk_fail_errno("the handset's root");
     }
-    if (!put_files(h)) {
+    if (!reports_open(h) || !put_files(h)) {
         return false;
     }
     return send(h->line, "go", 2, MSG_NOSIGNAL) == 2 && expect(h, "up", end, nullptr);

@@ -172,7 +172,7 @@ std::string desk_owner(desk *h, const std::string &path) {
 }
 
 // Names in an open directory; takes the descriptor.
-static std::vector<std::string> names_in(int fd) {
+std::vector<std::string> names_in(int fd) {
     std::vector<std::string> names;
     DIR *dir = fdopendir(fd);
     if (dir == nullptr) {

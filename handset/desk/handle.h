@@ -20,6 +20,7 @@ struct desk {
     pid_t init = -1;         // the handset's first process
     int line = -1;           // to init: closing it ends the handset
     int root = -1;           // the handset's root directory
+    int reports = -1;        // the directory of sanitizers' reports
     std::mutex log_mutex;    // over the three below: what has been read of the log journal
     std::vector<desk_log_entry> log;
     uint64_t log_offset = 0;
@@ -56,5 +57,16 @@ std::string control_receive(int fd, int limit_ms, pid_t *sender = nullptr);
 std::string control_ask(const desk *h, const std::vector<std::string> &words, int limit_ms = 30000);
 // Number behind the first blank of an answer that starts with `word`, else `fallback`.
 int control_number(const std::string &answer, const std::string &word, int fallback);
+
+// Names in the directory that `fd` has open, sorted; closes it.
+std::vector<std::string> names_in(int fd);
+
+// Instructions to sanitizers for everything inside, our own environment's included: NAME=VALUE. None in a build without.
+std::vector<std::string> reports_environment();
+// Makes the place of the reports; before anything but init runs.
+bool reports_open(desk *h);
+// After the handset has ended: prints all reports on standard error, and aborts if there are any. What a sanitizer
+// finds must not pass for success.
+void reports_close(desk *h);
 
 #endif

@@ -7,12 +7,20 @@
 #include <string.h>
 #include <sys/types.h>
 
-thread_local bool intercept_is_on;
+static thread_local bool intercept_is_on;
 const uint8_t *intercept_bytes;
 size_t intercept_size;
 int intercept_reads;
 sigjmp_buf intercept_end;
 void (*intercept_shell)(const char *command);
+
+intercept_scope::intercept_scope() {
+    intercept_is_on = true;
+}
+
+intercept_scope::~intercept_scope() {
+    intercept_is_on = false;
+}
 
 extern "C" {
 

@@ -7,15 +7,11 @@
 #include <stddef.h>
 #include <stdint.h>
 
-// Calls are redirected while this is true; the fuzzer's own are not. Every target declares one for its run.
-extern thread_local bool intercept_is_on;
+// The calls of this thread are redirected while one of these lives; the fuzzer's own are not. Every target declares one
+// for its run.
 struct intercept_scope {
-    intercept_scope() {
-        intercept_is_on = true;
-    }
-    ~intercept_scope() {
-        intercept_is_on = false;
-    }
+    intercept_scope();
+    ~intercept_scope();
 };
 
 // Bytes that the next read calls return, piece by piece, and then -1 with EBADF; null: reads are real.

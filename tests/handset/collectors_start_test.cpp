@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include "tests/support/collectors.h"
+#include "tests/support/sanitized.h"
 
 class CollectorsStart : public CollectorTest {
   protected:
@@ -176,6 +177,9 @@ TEST_F(CollectorsStart, ShellCommandsOfTheAgentInheritNothing) {
 
 // Three waiters of children and the rest of the agent do not commit memory for default stacks of 8 MiB each.
 TEST_F(CollectorsStart, WaitersHaveSmallStacks) {
+    if (is_sanitized()) {
+        GTEST_SKIP() << "a sanitizer's own memory is more than the stacks are";
+    }
     ASSERT_NO_FATAL_FAILURE(boot(with_log_property(log_property({}))));
     const int without = stoi(status(desk_agent_pid(h), "VmData"));
     end();

@@ -5,22 +5,10 @@
 #include <regex>
 
 #include "tests/support/agent.h"
+#include "tests/support/sanitized.h"
 
 static const char kAgent[] = "/system/bin/zr-qel-sa";
 static const char kPidFile[] = "/tmp/zr-qel-sa.pid";
-
-// An agent built with a sanitizer reserves address space and signals of its own.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-static const bool kIsSanitized = true;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-static const bool kIsSanitized = true;
-#else
-static const bool kIsSanitized = false;
-#endif
-#else
-static const bool kIsSanitized = false;
-#endif
 
 class Start : public AgentTest {
   protected:
@@ -246,9 +234,6 @@ TEST_F(Start, LogsAtDebugPriorityInTheMainBuffer) {
 
 // Handled signals and no others; the reader adds the one that stops threads.
 TEST_F(Start, HandlesTheseSignalsOnly) {
-    if (kIsSanitized) {
-        GTEST_SKIP() << "a sanitizer handles more";
-    }
     ASSERT_NO_FATAL_FAILURE(boot());
     ASSERT_EQ(ask("AT\r"), kOk);
     const std::string status = desk_file_text(h, number("/proc/", desk_agent_pid(h), "/status"));
@@ -276,7 +261,7 @@ TEST_F(Start, StacksOfOneMebibyteAreEnough) {
 // ---- a start that fails
 
 TEST_F(Start, WithoutACommandThreadEndsInOrder) {
-    if (kIsSanitized) {
+    if (is_sanitized()) {
         GTEST_SKIP() << "a sanitizer needs the address space";
     }
     ASSERT_NO_FATAL_FAILURE(boot_without_agent());
