@@ -22,12 +22,14 @@ int storm_rounds(int ordinary) {
 
 // ---- chance
 
-chance::chance() {
+static uint32_t told_seed() {
     const long seed = number_of_environment("SEED", static_cast<long>(std::random_device()() % 1000000));
     printf("SEED=%ld\n", seed);
     fflush(stdout);
-    numbers.seed(static_cast<uint32_t>(seed));
+    return static_cast<uint32_t>(seed);
 }
+
+chance::chance() : numbers(told_seed()) {}
 
 int chance::below(int limit) {
     return static_cast<int>(numbers() % static_cast<uint32_t>(limit));
