@@ -10,7 +10,7 @@
 #include <algorithm>
 #include <chrono>
 
-static const int kQuiet = 3000;  // ms without any sign of life
+static const int kQuiet = 5000;  // ms without any sign of life
 static const int kLong = 30000;  // ms that the slowest request may take
 
 static bool begins(const std::string &text, const std::string &start) {
@@ -152,6 +152,9 @@ static bool is_answered(subject *s) {
 }
 
 std::string hang_up(subject *s) {
+    close(s->channel);
+    s->channel = -1;
+    desk_until([&] { return has_ended(s) || has_logged(s, "sa_handle_read_cmd_loop EIO pub_pty_open"); }, kQuiet);
     return is_answered(s) ? "answered again" : "not answered again";
 }
 

@@ -90,7 +90,7 @@ static void sweep(const stage &s, tally *sum) {
     std::vector<fault> faults = faults_of(plain.trace, plain.first);
     fprintf(stderr, "%s: %zu faults, plain: %s\n", s.name.c_str(), faults.size(), plain.seen.c_str());
     for (const fault &f : faults) {
-        if (s.calls.empty() || std::find(s.calls.begin(), s.calls.end(), f.call) != s.calls.end()) {
+        if (is_concerned(s, f)) {
             try_fault(s, plain, f, &rows, sum);
         }
     }

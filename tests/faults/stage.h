@@ -34,6 +34,7 @@ struct stage {
     std::vector<std::string> before;              // requests sent first, "+KERNEL_LOG=1"
     std::function<std::string(subject *)> act;    // what is done under the fault; returns what was seen
     std::vector<std::string> calls = {};          // only these are tried; empty: all
+    std::vector<std::string> paths = {};          // and only about paths with one of these as a part; empty: any
     std::function<void(desk_options *)> prepare;  // of the handset, may be empty
 };
 
@@ -61,6 +62,9 @@ const std::vector<stage> &stages();
 // Runs a stage; null: with no fault, else `plain` is how such a run ended. False when the handset did not come up
 // (desk_error()).
 bool run_stage(const stage &s, const fault *fault, const ending *plain, ending *end);
+
+// Whether a fault is one that the stage is about.
+bool is_concerned(const stage &s, const fault &fault);
 
 // What came of a fault, in words, compared with the run that had none; empty `defect` when such an ending is foreseen.
 std::string outcome(const ending &plain, const ending &end, std::string *defect);

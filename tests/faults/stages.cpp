@@ -106,7 +106,8 @@ static void add_kernel_reader(std::vector<stage> *all) {
     stage begin = command_stage("+DELETE_LOG");
     begin.name = "the kernel-message reader starts";
     begin.who = EVERYBODY;
-    begin.calls = {"openat", "rename", "unlink", "chown", "chmod"};
+    begin.paths = {"kmsg"};
+    begin.calls = {"openat", "rename", "unlink", "chown", "chmod", "lseek", "write"};
     all->push_back(begin);
     all->push_back(other_stage("a kernel message", KERNEL_READER, true, kernel_message));
 }

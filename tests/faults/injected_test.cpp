@@ -1,0 +1,106 @@
+// A sample of the sweep that `inject` runs: the most telling faults of each stage, and what has to come of each.
+#include <gtest/gtest.h>
+
+#include <ctype.h>
+
+#include <algorithm>
+
+#include "tests/faults/stage.h"
+
+struct sample {
+    const char *stage;
+    fault injected;
+    const char *outcome;
+};
+
+class Injected : public ::testing::TestWithParam<sample> {};
+
+TEST_P(Injected, EndsAsForeseen) {
+    const sample &wanted = GetParam();
+    const auto found =
+        std::find_if(stages().begin(), stages().end(), [&](const stage &s) { return s.name == wanted.stage; });
+    ASSERT_NE(found, stages().end()) << wanted.stage;
+    ending plain;
+    ending end;
+    std::string defect;
+    ASSERT_TRUE(run_stage(*found, nullptr, nullptr, &plain)) << desk_error();
+    ASSERT_TRUE(run_stage(*found, &wanted.injected, &plain, &end)) << desk_error();
+    EXPECT_NE(end.hit, "") << "nothing was injected";
+    EXPECT_EQ(outcome(plain, end, &defect), wanted.outcome);
+    EXPECT_EQ(defect, "");
+}
+
+static const char kSystem[] = "+SYSTEM=\"true\"";
+static const char kAutoStart[] = "+AUTO_START_SERVICE=\"zr-elog\",1";
+static const char kList[] = "/data/zr-qel-sa/auto-start.lst";
+static const char kSettings[] = "/data/zr-qel-sa.set";
+static const char kSaLog[] = "/data/local/log/sa.log";
+static const char kPtmx[] = "/dev/ptmx";
+static const char kThreadEnds[] = "the command thread ends, the agent goes on";
+static const char kAgentEnds[] = "the agent ends with status 0 after its teardown";
+static const char kNoLogcat[] = "without logcat-events.log, logcat-radio.log, logcat.log";
+
+static const sample kStarts[] = {
+    {"start", {"clone", "", "EAGAIN", "1"}, "without ipdata.pcap"},
+    {"start", {"openat", "/dev/null", "EMFILE", "2"}, "without logcat-events.log"},
+    {"start", {"statfs", "/data", "EIO", "2"}, "without collectors"},
+    {"start", {"openat", kSaLog, "EMFILE", "1+"}, "as ever"},
+    {"start, no log directory", {"mkdir", "/data/local/log", "ENOSPC", "1"}, "without collectors"},
+    {"start, /data nearly full", {"unlink", "/data/.protect/1", "EROFS", "1"}, "as ever"},
+};
+
+static const sample kCommands[] = {
+    {"AT", {"read", kPtmx, "EIO", "1"}, "no answer"},
+    {"AT", {"read", kPtmx, "ENOMEM", "2"}, kThreadEnds},
+    {"AT", {"write", kPtmx, "EIO", "1"}, "no answer"},
+    {"+QUERY_SERVICE=\"logd\"", {"openat", "/proc", "EMFILE", "1"}, "QUERY_SERVICE: 0 OK"},
+    {"+START_SERVICE=\"zr-qel-mla3\"", {"clone3", "", "EAGAIN", "6"}, "ERROR"},
+    {"+STOP_SERVICE=\"zr-elog\"", {"kill", "", "EPERM", "1"}, "ERROR"},
+    {kAutoStart, {"openat", kList, "ENOSPC", "1"}, "ERROR"},
+    {kAutoStart, {"write", kList, "ENOSPC", "1"}, "as ever"},
+    {kSystem, {"clone3", "", "EAGAIN", "1"}, "as ever"},
+    {kSystem, {"clone3", "", "EAGAIN", "1+"}, "ERROR"},
+    {"+KERNEL_LOG=1", {"clone3", "", "EAGAIN", "1"}, "without kmsg.log"},
+    {"+KERNEL_LOG=1", {"openat", kSettings, "EACCES", "1"}, "as ever"},
+    {"+KERNEL_LOG=1", {"write", kSettings, "ENOSPC", "1"}, "ERROR"},
+    {"+KERNEL_LOG=0", {"tgkill", "", "EAGAIN", "2"}, "not stopped: kmsg.log"},
+    {"+DMESG_LOG=1", {"rename", "/data/log/SystemLog/dmesg.log", "ENOSPC", "1"}, "as ever"},
+    {"+DATA_PACKETS_LOG=1", {"clone", "", "EAGAIN", "1"}, "ERROR"},
+    {"+SAVE_LOG", {"mkdir", "/storage/real_sd/logs", "ENOSPC", "1"}, "as ever"},
+    {"+DELETE_LOG", {"openat", "/dev/null", "EMFILE", "2"}, "ERROR; without logcat-events.log"},
+    {"+DELETE_LOG", {"kill", "", "EPERM", "1"}, "not stopped: ipdata.pcap"},
+};
+
+static const sample kTheRest[] = {
+    {"the host leaves the command channel",
+     {"openat", kPtmx, "EMFILE", "1"},
+     "not answered again; the command thread ends, the agent goes on"},
+    {"children of the collectors", {"setgid", "", "EPERM", "1"}, kNoLogcat},
+    {"child of the remote shell",
+     {"execve", "/system/bin/sh", "ENOENT", "1"},
+     "told why: create_subprocess execl(/system/bin/sh) errno[2-No such file or directory] -"},
+    {"a collector's child ends", {"wait4", "", "EINTR", "1"}, "as ever"},
+    {"a kernel message", {"read", "/proc/kmsg", "EAGAIN", "1"}, "as ever"},
+    {"a kernel message", {"read", "/proc/kmsg", "EIO", "2"}, "without kmsg.log"},
+    {"remote shell", {"openat", kPtmx, "EMFILE", "1"}, "no shell"},
+    {"the host leaves the listener", {"symlink", "", "EEXIST", "1"}, kAgentEnds},
+    {"SIGTERM", {"unlink", "/dev/ttyCMD0", "EROFS", "1"}, "as ever"},
+    {"SIGUSR2", {"connect", "", "ECONNREFUSED", "1"}, "does not end"},
+};
+
+// "StartCloneEAGAIN1": letters and digits are all that a test's name may hold.
+static std::string name_of(const ::testing::TestParamInfo<sample> &info) {
+    const sample &s = info.param;
+    const bool stays = s.injected.when.back() == '+';
+    std::string name;
+    for (const char c : std::string(s.stage) + "_" + s.injected.call + "_" + s.injected.error + s.injected.when) {
+        if (isalnum(static_cast<unsigned char>(c)) != 0 || c == '_') {
+            name += c;
+        }
+    }
+    return name + (stays ? "_always" : "") + "_" + std::to_string(info.index);
+}
+
+INSTANTIATE_TEST_SUITE_P(Starts, Injected, ::testing::ValuesIn(kStarts), name_of);
+INSTANTIATE_TEST_SUITE_P(Commands, Injected, ::testing::ValuesIn(kCommands), name_of);
+INSTANTIATE_TEST_SUITE_P(TheRest, Injected, ::testing::ValuesIn(kTheRest), name_of);
