@@ -4,6 +4,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <sched.h>
 #include <signal.h>
 #include <string.h>
 #include <unistd.h>
@@ -222,7 +223,20 @@ desk_child start_dropbear(desk *h) {
     return server;
 }
 
-// ---- what a process holds
+// ---- processes
+
+void keep_on_processor(pid_t host_pid, int processor) {
+    cpu_set_t allowed;
+    CPU_ZERO(&allowed);
+    for (int i = 0; i < CPU_SETSIZE; i++) {
+        if (processor < 0 || i == processor) {
+            CPU_SET(i, &allowed);
+        }
+    }
+    for (const auto &task : std::filesystem::directory_iterator("/proc/" + std::to_string(host_pid) + "/task")) {
+        sched_setaffinity(atoi(task.path().filename().c_str()), sizeof(allowed), &allowed);
+    }
+}
 
 static double kib_of(const std::string &rollup, const std::string &name) {
     const size_t at = rollup.find("\n" + name + ":");

@@ -52,13 +52,16 @@ std::string run_shell(desk *h, const std::string &command);
 void prepare_dropbear(desk *h);
 desk_child start_dropbear(desk *h);
 
-// ---- what a process holds
+// ---- processes, by their pid on the host
 
 struct memory {
     double pss = 0;       // KiB, all three
     double private_ = 0;  // clean and dirty
     double dirty = 0;     // private dirty
 };
+// All threads of a process of the host's; -1: any processor. Where there is but one nothing changes.
+void keep_on_processor(pid_t host_pid, int processor);
+
 // Of a process of the host's.
 memory memory_of(pid_t host_pid);
 int descriptors_of(pid_t host_pid);

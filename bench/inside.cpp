@@ -202,6 +202,9 @@ int main(int argc, char **argv) {
     if (word == "echo" && argc > 2) {
         return floor_echo(argv[2]);
     }
+    if (word == "copy") {
+        return floor_copy();
+    }
     if (word == "lines") {
         return measure_lines(number_at(argc, argv, 2), number_at(argc, argv, 3));
     }

@@ -17,4 +17,7 @@ int floor_lookup(const char *name);
 // Serves AT requests on a terminal that is published as `link`: the answer, and the lines that the agent leaves.
 int floor_echo(const char *link);
 
+// Copies standard input to standard output in pieces of 99 bytes, on a thread.
+int floor_copy(void);
+
 #endif
