@@ -31,7 +31,7 @@ class Signals : public AgentTest {
         ASSERT_TRUE(wait_programs());
         open_channel();
         ASSERT_EQ(ask("AT\r"), kOk);
-        ASSERT_TRUE(wait_file_line("sa_handle_read_cmd_loop req[AT\r] ret_val[0]"));
+        ASSERT_TRUE(wait_reading());
     }
 
     // The thread that is not the main one, when there are two.
@@ -42,6 +42,12 @@ class Signals : public AgentTest {
             }
         }
         return -1;
+    }
+
+    // Waits until the command thread has served what it got and sleeps in its next read.
+    bool wait_reading() {
+        const std::string status = "/proc/" + std::to_string(reader()) + "/status";
+        return wait_file_line("sa_handle_read_cmd_loop req[AT\r] ret_val[0]") && desk_wait_text(h, status, "State:\tS");
     }
 
     // The last lines, without those of the command thread: it lives until the process has ended.
@@ -263,6 +269,7 @@ TEST_F(Signals, ResetThatInitRefusesLetsTheChannelComeBack) {
     ASSERT_TRUE(wait_listening(agent.pid));
     open_channel();
     ASSERT_EQ(ask("AT\r"), kOk);
+    ASSERT_TRUE(wait_reading());  // a read that begins behind the teardown fails, and ends the thread
     ASSERT_TRUE(desk_kill(h, agent.pid, SIGUSR2));
     ASSERT_TRUE(wait_file_line("signal_treatment PUB_UTIL_RESET_PROCESS_SIGNAL exit"));
     hang_up();
