@@ -370,7 +370,7 @@ void desk_end(desk *h) {
         close(h->data_ns);
     }
     if (h->place >= 0) {
-        close(h->place);
+        in_place_unlock(h->place);
     }
     delete h;
 }

@@ -42,6 +42,7 @@ bool in_place_allows(const desk_options &options);
 bool in_place_owns(const std::string &path);
 // Opens and locks the register; -1 when another handset has kept it for that long.
 int in_place_lock(int limit_ms);
+void in_place_unlock(int fd);
 // For the agent, which takes every process in whose first argument its name appears for another agent: takes the name
 // out of ours.
 void in_place_hide_name();

@@ -1,5 +1,5 @@
 // Handsets in place: what they have not got, and that there is one at a time. Their making and removal are init's (see
-// handset/init/place.cpp). State: who wants to be told of what is missing.
+// handset/init/place.cpp). State: whether this process has one, who wants to be told of what is missing.
 #include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>
@@ -11,6 +11,7 @@
 #include "../init/control.h"
 #include "handle.h"
 
+static bool m_locked = false;
 static void (*m_on_lack)(const std::string &) = nullptr;
 
 bool desk_in_place() {
@@ -77,6 +78,10 @@ static bool is_current(int fd) {
 }
 
 int in_place_lock(int limit_ms) {
+    if (m_locked) {
+        desk_lacks("second handset beside it");
+        return -1;
+    }
     int fd = -1;
     bool locked = desk_until(
         [&fd] {
@@ -91,7 +96,13 @@ int in_place_lock(int limit_ms) {
     if (!locked) {
         desk_fail(std::string(PLACE_REGISTER) + " cannot be locked: another handset runs in place");
     }
+    m_locked = locked;
     return locked ? fd : -1;
+}
+
+void in_place_unlock(int fd) {
+    close(fd);
+    m_locked = false;
 }
 
 void in_place_hide_name() {

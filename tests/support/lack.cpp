@@ -15,6 +15,12 @@ static void note(const std::string &what) {
         testing::TestPartResult(testing::TestPartResult::kSkip, __FILE__, __LINE__, what.c_str()));
 }
 
+void skip_in_place(const std::string &what) {
+    if (desk_in_place()) {
+        skip(what);
+    }
+}
+
 bool skip_what_lacks() {
     desk_on_lack(skip);
     return true;

@@ -3,7 +3,11 @@
 #ifndef TESTS_SUPPORT_LACK_H
 #define TESTS_SUPPORT_LACK_H
 
+#include <string>
+
 // To be called before the first boot. Returns true.
 bool skip_what_lacks();
+// Ends the test, skipped, when handsets are booted in place, which lack `what`.
+void skip_in_place(const std::string &what);
 
 #endif
