@@ -59,6 +59,15 @@ decides "on a machine" "$one_sentence" "$(container -- /test/dev run)"
 decides "on a machine, one line" 1 "$(container -- /test/dev test | wc -l)"
 decides "on a machine to be thrown away" "$builds_in_place" "$(container -- /test/dev test --in-place)"
 
+# ---- what ./dev test leaves out: each line of the list names tests, and ctest can take all of them together
+
+names=$(ctest --test-dir "$build" -N | sed -n 's/^ *Test *#[0-9]*: //p')
+grep -v '^#' "$tree/tests/in_place" | cut -d' ' -f1 >"$scratch/patterns"
+while read -r pattern; do
+    printf '%s\n' "$names" | grep -qE "$pattern" || complain "tests/in_place lists $pattern, and there is no such test"
+done <"$scratch/patterns"
+! grep '[()]' "$scratch/patterns" || complain "tests/in_place has a parenthesis"
+
 # ---- a handset that works and removes itself
 
 place=1
