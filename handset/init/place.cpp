@@ -50,7 +50,20 @@ static int remove_entry(const char *path, const struct stat *, int, struct FTW *
     return remove(path);
 }
 
+// The agent publishes terminals under names of its configuration's choice. With it gone they lead nowhere.
+static void remove_published() {
+    for (const std::string &name : text_names("/dev")) {
+        std::string path = "/dev/" + name;
+        char target[64] = "";
+        if (readlink(path.c_str(), target, sizeof(target) - 1) > 0 && text_starts(target, "/dev/pts/") &&
+            access(path.c_str(), F_OK) != 0) {
+            unlink(path.c_str());
+        }
+    }
+}
+
 static void remove_places(bool keep_data) {
+    remove_published();
     for (const char *place : m_places) {
         if (!keep_data || strcmp(place, "/data") != 0) {
             nftw(place, remove_entry, 16, FTW_DEPTH | FTW_PHYS | FTW_MOUNT);
