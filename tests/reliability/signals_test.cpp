@@ -138,6 +138,11 @@ class SignalStorm : public CommandTest {
         return desk_file_text(h, kSaLog).find(text) != std::string::npos;
     }
 
+    // A crash in the middle of it all would be handled, too, and end with the same status.
+    bool has_crashed(int signo) {
+        return (signo != SIGSEGV && log_has("signal[11-SIGSEGV]")) || (signo != SIGBUS && log_has("signal[7-SIGBUS]"));
+    }
+
     // Nothing of a round's agent is left: neither collectors nor children on their way to be something else.
     void clear_round() {
         hang_up();
@@ -234,6 +239,7 @@ class EndingStorm : public SignalStorm, public ::testing::WithParamInterface<end
         } else {
             ASSERT_EQ(status, 0) << evidence(h, agent);
             ASSERT_FALSE(desk_exists(h, kLink)) << evidence(h, agent);
+            ASSERT_FALSE(has_crashed(GetParam().signo)) << evidence(h, agent);
             handled++;
         }
         if (!is_starting() && std::string(act->request) != kDeleteLog) {
@@ -306,7 +312,7 @@ class ResetStorm : public SignalStorm {
         const auto since = std::chrono::steady_clock::now();
         send_signal(SIGUSR2);
         if (!is_stopped()) {
-            ASSERT_FALSE(has_handlers) << evidence(h, agent);
+            ASSERT_FALSE(has_handlers) << "raw status " << raw_status() << evidence(h, agent);
             ASSERT_EQ(raw_status(), SIGUSR2) << evidence(h, agent);
             ASSERT_EQ(desk_service_stop(h, kService), 0);
             ASSERT_TRUE(desk_wait_service(h, kService, "stopped", kStormLimit)) << evidence(h, agent);
@@ -318,6 +324,7 @@ class ResetStorm : public SignalStorm {
         }
         EXPECT_EQ(raw_status(), SIGKILL) << "init's way to stop a service" << evidence(h, agent);
         EXPECT_FALSE(desk_exists(h, kLink)) << evidence(h, agent);
+        EXPECT_FALSE(has_crashed(SIGUSR2)) << evidence(h, agent);
         EXPECT_TRUE(
             desk_until([&] { return desk_pids(h, "logcat").empty() && desk_pids(h, "tcpdump").empty(); }, kStormLimit));
         handled++;

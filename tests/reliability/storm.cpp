@@ -10,6 +10,7 @@
 #include <algorithm>
 
 static const char kDiagnosticLog[] = "/data/local/log/sa.log";
+static const char kPreviousLog[] = "/data/local/log/sa.log.1";
 
 static long number_of_environment(const char *name, long fallback) {
     const char *text = getenv(name);
@@ -156,7 +157,8 @@ static std::string thread_state(desk *h, pid_t pid, pid_t thread) {
 }
 
 std::string evidence(desk *h, pid_t pid) {
-    std::string text = "\n---- the end of sa.log" + last_lines(desk_file_text(h, kDiagnosticLog), 40);
+    std::string text = "\n---- the end of sa.log.1" + last_lines(desk_file_text(h, kPreviousLog), 40);
+    text += "\n---- the end of sa.log" + last_lines(desk_file_text(h, kDiagnosticLog), 40);
     text += "\n---- process " + std::to_string(pid);
     for (const pid_t thread : storm_threads(h, pid)) {
         text += thread_state(h, pid, thread);

@@ -59,7 +59,7 @@ victim find_victim(desk *h, pid_t pid, pid_t thread = 0);
 // False when it is not there any more.
 bool strike(const victim &whom, int signo);
 
-// For a failure's message: the end of sa.log, and what each thread of the process is in.
+// For a failure's message: the ends of sa.log and sa.log.1, and what each thread of the process is in.
 std::string evidence(desk *h, pid_t pid);
 
 #endif
