@@ -63,6 +63,7 @@ long sa_handle_deinit(void) {
     sa_log_entry();
     sigset_t mask;
     (void)sa_channel_hold(&mask);
+    sa_channel_park();
     const long ret_val = pub_pty_close(&m_sa_handle.pty);
     sa_channel_retire();
     sa_channel_release(&mask);

@@ -24,7 +24,9 @@ static struct pub_pty_st *const m_pty_ptr = &m_sa_handle.pty;
 static long change_endpoint(int32_t (*step)(struct pub_pty_st *)) {
     sigset_t mask;
     long ret_val = SA_ERR_FAIL;
-    if (sa_channel_hold(&mask) || step == pub_pty_close) {
+    const bool is_in_service = sa_channel_hold(&mask);
+    sa_channel_unpark();
+    if (is_in_service || step == pub_pty_close) {
         ret_val = step(m_pty_ptr);
     }
     const int saved_errno = errno;

@@ -45,6 +45,16 @@ void sa_channel_release(const sigset_t *mask_ptr);
 /** Called by a teardown that holds the channel: takes it out of service. */
 void sa_channel_retire(void);
 
+/**
+ * Called by a teardown that holds the channel, before it closes the endpoint. The command reader thread may be about to
+ * answer: the number that it knows must not become somebody else's descriptor, such as that of the teardown's own request
+ * to init. From now on the number leads to nowhere, and the record names another one.
+ */
+void sa_channel_park(void);
+
+/** Called by the command reader thread, holding the channel, when it is done with the number: gives it back. */
+void sa_channel_unpark(void);
+
 /** Called when the process goes on after its teardown after all: the reader may open the channel again. */
 void sa_channel_reinstate(void);
 
