@@ -299,7 +299,7 @@ health look_after(subject *s, const health *normal) {
     }
     state.has_channel = is_answered(s);
     state.has_shell =
-        desk_until([&] { return has_ended(s) || try_remote_shell(s) == "a shell"; }, 8000) && !has_ended(s);
+        desk_until([&] { return has_ended(s) || try_remote_shell(s) == "a shell"; }, 4 * kQuiet) && !has_ended(s);
     state.end = end_of(s);
     take_holdings(s, normal, &state);
     state.collectors = running_collectors(s, state.descriptors);

@@ -14,7 +14,7 @@ using found_tree = std::map<std::string, std::string>;
 static const char kProperty[] = "/data/local/log,I1,0,0,I2,2,1,I3,2,64,I4,2,5120,I5,2,5120,I6,2,5120";
 static const char *const kRecords[] = {"apanic_console", "apanic_minidump", "apanic_threads"};
 
-class Created : public CommandTest, public ::testing::WithParamInterface<int> {
+class Busy : public CommandTest {
   protected:
     void boot_busy(int mask);
     void keep_busy();
@@ -25,6 +25,8 @@ class Created : public CommandTest, public ::testing::WithParamInterface<int> {
 
     int listener = -1;
 };
+
+class Created : public Busy, public ::testing::WithParamInterface<int> {};
 
 // ---- the busy handset
 
@@ -38,7 +40,7 @@ static desk_file panic_record(const std::string &name) {
 }
 
 // Nothing of the agent's exists yet, and it does not run.
-void Created::boot_busy(int mask) {
+void Busy::boot_busy(int mask) {
     desk_options options = with_log_property(kProperty);
     options.agent = false;
     options.log_dir = false;
@@ -52,7 +54,7 @@ void Created::boot_busy(int mask) {
     boot_only(options);
 }
 
-void Created::save_and_delete() {
+void Busy::save_and_delete() {
     EXPECT_EQ(command("+SAVE_LOG", 60000), kOk);
     std::string value = kProperty;
     value.replace(0, value.find(','), "/data/other");
@@ -61,14 +63,14 @@ void Created::save_and_delete() {
     ASSERT_NO_FATAL_FAILURE(wait_files("/data/other"));
 }
 
-void Created::wait_files(const std::string &directory) {
+void Busy::wait_files(const std::string &directory) {
     for (const char *name : {"/logcat.log", "/logcat-events.log", "/logcat-radio.log", "/kmsg.log"}) {
         ASSERT_TRUE(desk_wait_path(h, directory + name)) << name;
     }
 }
 
 // Every request that leaves something behind, and two more starts, which shift what the ones before have left.
-void Created::keep_busy() {
+void Busy::keep_busy() {
     start_agent();
     ASSERT_NO_FATAL_FAILURE(wait_files("/data/local/log"));
     for (const char *request : {"+AUTO_START_SERVICE=\"zr-elog\",1", "+DATA_PACKETS_LOG=1", "+SYSTEM=\"true\"",
@@ -91,10 +93,10 @@ void Created::keep_busy() {
 }
 
 // Both channels are open while the tree is looked at, and a connection of the remote shell.
-void Created::open_terminals() {
+void Busy::open_terminals() {
     listener = desk_open_tty(h, "/dev/ttysa1");
     ASSERT_GE(listener, 0);
-    ASSERT_EQ(write(listener, "shell:", 6), 6);
+    ASSERT_EQ(write(listener, "shell:exec sleep 99", 19), 19);
     char terminal[64];
     ASSERT_GT(read(listener, terminal, sizeof(terminal)), 0);
     ASSERT_EQ(write(listener, "ack", 3), 3);
@@ -130,7 +132,7 @@ static void add_entries(desk *h, const std::string &directory, found_tree *tree)
     }
 }
 
-found_tree Created::walk() {
+found_tree Busy::walk() {
     found_tree tree;
     add_entries(h, "", &tree);
     return tree;
@@ -211,3 +213,42 @@ static std::string mask_name(const ::testing::TestParamInfo<int> &mask) {
     return "Of" + std::to_string(mask.param / 8) + std::to_string(mask.param % 8);
 }
 INSTANTIATE_TEST_SUITE_P(Masks, Created, ::testing::Values(000, 022, 077), mask_name);
+
+// ---- what children are given
+
+// What a process has open, but for the null device, which all share by right.
+static std::vector<std::string> targets(const std::vector<std::string> &descriptors) {
+    std::vector<std::string> found;
+    for (const std::string &line : descriptors) {
+        const std::string target = line.substr(line.find("-> ") + 3);
+        if (target != "/dev/null") {
+            found.push_back(target);
+        }
+    }
+    return found;
+}
+
+// Collectors open files and sockets of their own; none of the agent's may be among them. A remote shell has its terminal.
+TEST_F(Busy, ChildrenShareNothingWithTheAgent) {
+    ASSERT_NO_FATAL_FAILURE(boot_busy(077));
+    ASSERT_NO_FATAL_FAILURE(keep_busy());
+    EXPECT_EQ(command("+SYSTEM=\"for fd in /proc/$$/fd/*; do readlink $fd; done > /dev/.desk/fds; true\""), kOk);
+    std::map<std::string, std::vector<std::string>> holdings;
+    const pid_t agent = desk_agent_pid(h);
+    for (const pid_t child : children_of(agent)) {
+        holdings[vector_of(child)] = targets(descriptors(child));
+    }
+    EXPECT_EQ(holdings.size(), 5u) << "four collectors and a shell";
+    const std::vector<std::string> shell = holdings["<sleep><99>"];
+    EXPECT_EQ(shell, (std::vector<std::string>{"/dev/ptmx", "/dev/ptmx", "/dev/ptmx"}));
+    holdings.erase("<sleep><99>");
+    const std::vector<std::string> own = targets(descriptors(agent));
+    ASSERT_GE(own.size(), 5u) << "channel, listener, connection, kernel messages in and out, log socket";
+    for (const std::string &target : own) {
+        for (const auto &[child, held] : holdings) {
+            EXPECT_EQ(count_lines(held, target), 0) << child << " holds " << target;
+        }
+        EXPECT_EQ(desk_file_text(h, "/dev/.desk/fds").find(target), std::string::npos) << "a shell command: " << target;
+    }
+    close(listener);
+}
