@@ -184,12 +184,11 @@ std::string remote_shell(subject *s) {
 }
 
 std::string leave_listener(subject *s) {
-    const int listener = desk_open_tty(s->h, "/dev/ttysa1", kQuiet);
-    const std::string before = desk_link_target(s->h, "/dev/ttysa1");
-    close(listener);
-    const bool is_fresh =
-        desk_until([&] { return has_ended(s) || has_logged(s, "sa_listener_loop reopen fd["); }, kQuiet);
-    return is_fresh && !has_ended(s) ? "a fresh listener" : "no fresh listener";
+    const std::string reopened = "sa_listener_loop reopen fd[";
+    close(desk_open_tty(s->h, "/dev/ttysa1", kQuiet));
+    desk_until([&] { return has_ended(s) || has_logged(s, reopened) || has_file_line(s, reopened); }, kQuiet);
+    return !has_ended(s) && (has_logged(s, reopened) || has_file_line(s, reopened)) ? "a fresh listener"
+                                                                                    : "no fresh listener";
 }
 
 // ---- the end
