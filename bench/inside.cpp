@@ -92,10 +92,12 @@ static void make_processes(int count) {
 
 static double agent_lookup(const char *name) {
     int32_t pid = 0;
+    floor_await_daemon();
     return busy_seconds_of([&] { sa_util_get_pid(name, &pid); });
 }
 
 static double bare_lookup(const char *name) {
+    floor_await_daemon();
     return busy_seconds_of([&] { floor_lookup(name); });
 }
 
@@ -128,7 +130,6 @@ static int measure_lookups(int runs, int calls, int processes) {
         std::vector<double> hit[2];
         std::vector<double> miss[2];
         for (int i = 0; i < calls; i++) {
-            floor_await_daemon();
             hit[0].push_back(agent_lookup(kLastName));
             hit[1].push_back(bare_lookup(kLastName));
             miss[0].push_back(agent_lookup(kNobody));

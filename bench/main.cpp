@@ -95,6 +95,7 @@ int main(int argc, char **argv) {
         }
     }
     print_table(lines);
+    fflush(stdout);
     if (chosen.names.empty() && !chosen.how.quick) {
         write_markdown(lines, chosen.directory + "/results.md");
         write_chart(lines, chosen.directory + "/chart.svg");

@@ -9,6 +9,7 @@
 #include <android/log.h>
 #include <errno.h>
 #include <poll.h>
+#include <pthread.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <string.h>
@@ -43,11 +44,29 @@ static void put_u32(unsigned char *to, uint32_t value) {
     }
 }
 
+// The thread's id, asked for once, as the platform's C library keeps it; a forked child asks anew. Needs no allocation.
+static thread_local __attribute__((tls_model("initial-exec"))) pid_t m_tid = 0;
+
+static void forget_tid() {
+    m_tid = 0;
+}
+
+__attribute__((constructor)) static void watch_forks() {
+    pthread_atfork(nullptr, nullptr, forget_tid);
+}
+
+static uint32_t own_tid() {
+    if (m_tid == 0) {
+        m_tid = static_cast<pid_t>(syscall(SYS_gettid));
+    }
+    return static_cast<uint32_t>(m_tid);
+}
+
 // u8 buffer, u16 thread, u32 seconds, u32 nanoseconds; pid and uid are the kernel's to tell.
 static void put_header(unsigned char (&header)[kHeaderSize], int buffer) {
     struct timespec now = {};
     clock_gettime(CLOCK_REALTIME, &now);
-    const auto tid = static_cast<uint32_t>(syscall(SYS_gettid));
+    const uint32_t tid = own_tid();
     header[0] = static_cast<unsigned char>(buffer);
     header[1] = static_cast<unsigned char>(tid);
     header[2] = static_cast<unsigned char>(tid >> 8);
