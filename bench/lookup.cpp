@@ -68,6 +68,5 @@ void bench_lookup(const effort &how, report *lines) {
                            slopes(all[0][FLOOR_MISS], all[2][FLOOR_MISS]));
     slope.kind = AT_MOST;
     slope.goal = 1.0;
-    slope.by_least = true;
     lines->push_back(slope);
 }

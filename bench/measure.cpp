@@ -41,7 +41,7 @@ std::vector<double> ratios_of(const std::vector<double> &ours, const std::vector
 }
 
 bool is_met(const figure &line) {
-    const double value = line.by_least ? line.value.least : line.value.median;
+    const double value = line.value.median;
     return line.kind == NO_GOAL || (line.kind == AT_MOST ? value <= line.goal : value >= line.goal);
 }
 

@@ -29,7 +29,6 @@ struct figure {
     std::string unit;    // "×", "ms", ...
     goal_kind kind = NO_GOAL;
     double goal = 0;
-    bool by_least = false;  // met when the least run meets the goal: "not steeper" cannot be told finer than the spread
 };
 
 typedef std::vector<figure> report;
