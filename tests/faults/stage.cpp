@@ -131,7 +131,7 @@ static desk_file traced_service(const stage &s, const fault *fault) {
 static bool boot(const stage &st, const fault *fault, subject *s) {
     desk_options options = st.collectors ? desk_options() : quiet_options();
     options.restart_ms = 600000;                                   // what has ended is looked at, not replaced
-    options.environment.push_back("ASAN_OPTIONS=detect_leaks=0");  // a leak check cannot share the process with strace
+    options.environment.push_back("LSAN_OPTIONS=detect_leaks=0");  // a look for leaks would have to trace, too
     add_quick_programs(&options);
     if (st.prepare) {
         st.prepare(&options);
