@@ -13,6 +13,10 @@ struct sample {
     const char *outcome;
 };
 
+static void PrintTo(const sample &s, std::ostream *out) {
+    *out << s.stage << ": " << s.injected.call << " " << s.injected.error;
+}
+
 class Injected : public ::testing::TestWithParam<sample> {};
 
 TEST_P(Injected, EndsAsForeseen) {
