@@ -4,6 +4,7 @@
 #include <ctype.h>
 
 #include <algorithm>
+#include <ostream>
 
 #include "tests/faults/stage.h"
 
@@ -13,8 +14,9 @@ struct sample {
     const char *outcome;
 };
 
+// For the names that CTest shows.
 static void PrintTo(const sample &s, std::ostream *out) {
-    *out << s.stage << ": " << s.injected.call << " " << s.injected.error;
+    *out << s.stage;
 }
 
 class Injected : public ::testing::TestWithParam<sample> {};
