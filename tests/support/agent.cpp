@@ -8,6 +8,7 @@
 #include <chrono>
 
 #include "tests/support/lack.h"
+#include "tests/support/sanitized.h"
 
 const char kOk[] = "\r\nOK\r\n";
 const char kError[] = "\r\nERROR: -1\r\n";
@@ -195,7 +196,7 @@ std::vector<std::string> AgentTest::descriptors(pid_t pid) {
 }
 
 int AgentTest::threads(pid_t pid) {
-    return static_cast<int>(desk_list(h, "/proc/" + std::to_string(pid) + "/task").size());
+    return static_cast<int>(desk_list(h, "/proc/" + std::to_string(pid) + "/task").size()) - sanitizer_threads();
 }
 
 int count_lines(const std::vector<std::string> &lines, const std::string &text) {

@@ -4,5 +4,7 @@
 
 // Whether the agent in the handset was built with sanitizers.
 bool is_sanitized();
+// Threads that a sanitizer adds to every process: one of the thread sanitizer's own.
+int sanitizer_threads();
 
 #endif
