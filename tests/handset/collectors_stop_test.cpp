@@ -236,6 +236,7 @@ TEST_F(CollectorRounds, TenOfAllCollectors) {
     for (int round = 0; round < 10; round++) {
         ASSERT_EQ(command("+DELETE_LOG"), kOk) << round;
     }
-    EXPECT_EQ(settled_descriptors(7), before);
+    // The youngest kernel reader may still have its files to open.
+    EXPECT_TRUE(desk_until([&] { return settled_descriptors(7) == before; })) << before;
     EXPECT_EQ(children_of(desk_agent_pid(h)).size(), 4u);
 }
