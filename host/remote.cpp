@@ -22,6 +22,7 @@ namespace {
 constexpr size_t PATH_LEN_MAX = 64;   // "/dev/pts/" and a number
 constexpr int SIGNAL_TIMEOUT_S = 10;  // takes milliseconds; a machine under load may take seconds
 constexpr size_t OUTPUT_MAX = 1 << 20;
+constexpr int SILENT_START_MS = 500;
 constexpr int SHOW_STEP_MS = 500;
 
 int64_t answer_deadline(const host_options &options) {
@@ -77,6 +78,14 @@ int open_connection(const host_options &options, const std::string &path, int si
     return fd;
 }
 
+// The kernel may report a hang-up instead of bytes written just before it, to a reader who looks for them at that very
+// moment: the agent would miss the acknowledgement. So the listener stays open until what the agent has started speaks or
+// ends; something silent is given the time in which the agent has long read on.
+void await_start(int connection) {
+    struct pollfd child = {connection, POLLIN, 0};
+    poll(&child, 1, SILENT_START_MS);
+}
+
 exchange_end exchange(const host_options &options, int listener, const std::string &request, int size_fd,
                       void (*on_start)(), int64_t deadline, remote *out) {
     out->path.clear();
@@ -99,6 +108,7 @@ exchange_end exchange(const host_options &options, int listener, const std::stri
         out->fd = -1;
         return EXCHANGE_HUNG_UP;
     }
+    await_start(out->fd);
     return EXCHANGE_DONE;
 }
 

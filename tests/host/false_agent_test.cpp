@@ -169,6 +169,25 @@ TEST_F(FalseAgent, TheListenerMayHangUpBeforeItHasAnnounced) {
     EXPECT_EQ(host_finish(&job).status, 0);
 }
 
+// A hang-up just behind the acknowledgement may overtake it.
+TEST_F(FalseAgent, TheListenerIsHeldUntilTheShellSpeaks) {
+    start({"shell", "--no-status", "date"});
+    EXPECT_EQ(serve_request(), "shell:date");
+    EXPECT_FALSE(endpoint_wait_hangup(&listener, 50));
+    endpoint_write(&connection, "now\n");
+    EXPECT_TRUE(endpoint_wait_hangup(&listener));
+    endpoint_close(&connection);
+    EXPECT_EQ(host_finish(&job).status, 0);
+}
+
+TEST_F(FalseAgent, TheListenerIsNotHeldForASilentShellForLong) {
+    start({"shell", "--no-status", "sleep 1000"});
+    serve_request();
+    EXPECT_TRUE(endpoint_wait_hangup(&listener));
+    endpoint_close(&connection);
+    EXPECT_EQ(host_finish(&job).status, 0);
+}
+
 TEST_F(FalseAgent, NoAnnouncementIsSaidInTime) {
     start({"--timeout", "1", "shell", "true"});
     host_result result = host_finish(&job);
