@@ -46,10 +46,15 @@ static const char kThreadEnds[] = "the command thread ends, the agent goes on";
 static const char kAgentEnds[] = "the agent ends with status 0 after its teardown";
 static const char kNoLogcat[] = "without logcat-events.log, logcat-radio.log, logcat.log";
 
+// 32-bit code has calls of its own for what has become wider.
+static const bool kIs32Bit = sizeof(long) == 4;
+static const char *const kStatfs = kIs32Bit ? "statfs64" : "statfs";
+static const char *const kSetgid = kIs32Bit ? "setgid32" : "setgid";
+
 static const sample kStarts[] = {
     {"start", {"clone", "", "EAGAIN", "1"}, "without ipdata.pcap"},
     {"start", {"openat", "/dev/null", "EMFILE", "2"}, "without logcat-events.log"},
-    {"start", {"statfs", "/data", "EIO", "2"}, "without collectors"},
+    {"start", {kStatfs, "/data", "EIO", "2"}, "without collectors"},
     {"start", {"openat", kSaLog, "EMFILE", "1+"}, "as ever"},
     {"start, no log directory", {"mkdir", "/data/local/log", "ENOSPC", "1"}, "without collectors"},
     {"start, /data nearly full", {"unlink", "/data/.protect/1", "EROFS", "1"}, "as ever"},
@@ -81,7 +86,7 @@ static const sample kTheRest[] = {
     {"the host leaves the command channel",
      {"openat", kPtmx, "EMFILE", "1"},
      "not answered again; the command thread ends, the agent goes on"},
-    {"children of the collectors", {"setgid", "", "EPERM", "1"}, kNoLogcat},
+    {"children of the collectors", {kSetgid, "", "EPERM", "1"}, kNoLogcat},
     {"child of the remote shell",
      {"execve", "/system/bin/sh", "ENOENT", "1"},
      "told why: create_subprocess execl(/system/bin/sh) errno[2-No such file or directory] -"},

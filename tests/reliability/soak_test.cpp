@@ -59,15 +59,23 @@ class Soak : public RemoteShellTest {
         end();
     }
 
-    void come_up_with_everything() {
-        const std::string all = log_property({{2, "2,1"}, {3, "2,50"}, {4, "2,50"}, {5, "2,50"}, {6, "2,50"}});
-        desk_options options = with_log_property(all);
+    // A 32-bit clock is left out: the 64-bit programs of the handset would complain of it in their output.
+    static void add_clock(desk_options *options) {
+        if (sizeof(long) == 4) {
+            return;
+        }
         desk_file clock;
         clock.path = kClock;
         clock.host_source = QUICK_CLOCK;
-        options.files.push_back(clock);
-        options.environment.push_back(std::string("LD_PRELOAD=") + kClock);
-        options.environment.push_back("ASAN_OPTIONS=verify_asan_link_order=0");
+        options->files.push_back(clock);
+        options->environment.push_back(std::string("LD_PRELOAD=") + kClock);
+        options->environment.push_back("ASAN_OPTIONS=verify_asan_link_order=0");
+    }
+
+    void come_up_with_everything() {
+        const std::string all = log_property({{2, "2,1"}, {3, "2,50"}, {4, "2,50"}, {5, "2,50"}, {6, "2,50"}});
+        desk_options options = with_log_property(all);
+        add_clock(&options);
         options.timezone = "CET-1CEST,M3.5.0,M10.5.0/3";
         options.data_size = 256u << 20;
         add_quick_programs(&options);
