@@ -11,14 +11,15 @@
 #include "handle.h"
 
 #define REPORTS "/dev/.desk/reports"
+#define OWN_SIGNALS "handle_segv=0:handle_sigbus=0:handle_sigfpe=0"
 
-// What a test preloads stands in front of the sanitizer's library, which would not have it; and the signals that a process
-// handles shall be its own.
+// What a test preloads stands in front of the sanitizer's library, which would not have it; and signals that a process may be
+// sent from outside do what they do without a sanitizer.
 static const char *const m_sanitizers[][2] = {
-    {"ASAN_OPTIONS", "verify_asan_link_order=0:handle_sigfpe=0"},
+    {"ASAN_OPTIONS", "verify_asan_link_order=0:" OWN_SIGNALS},
     {"UBSAN_OPTIONS", "print_stacktrace=1"},
     {"LSAN_OPTIONS", ""},
-    {"TSAN_OPTIONS", "history_size=4:handle_sigfpe=0"},
+    {"TSAN_OPTIONS", "history_size=4:" OWN_SIGNALS},
 };
 
 std::vector<std::string> reports_environment() {
