@@ -34,9 +34,18 @@ static bool starts(const std::string &path, const std::string &start) {
     return path.compare(0, start.size(), start) == 0;
 }
 
+// The machine's terminals have names like the handset's, which are links.
+static bool is_device(const std::string &path) {
+    struct stat st;
+    return lstat(path.c_str(), &st) == 0 && S_ISCHR(st.st_mode);
+}
+
+// No name that leads upwards is the handset's, at its end neither: /data/.. is the machine's root.
 bool in_place_owns(const std::string &path) {
+    std::string closed = path + "/";
+    bool plain = closed.find("/../") == std::string::npos && closed.find("/./") == std::string::npos;
     for (const char *own : {"/system/", "/data/", "/storage/", "/desk/", "/dev/socket/", "/dev/.desk/", "/dev/tty"}) {
-        if (starts(path, own) && path.find("/../") == std::string::npos) {
+        if (plain && starts(path, own) && !is_device(path)) {
             return true;
         }
     }

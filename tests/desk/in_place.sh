@@ -124,6 +124,20 @@ EOF
 decides "someone's /data" "handset: /data exists here and is not a handset's*mine" \
     "$(container $read_only_settings --dir /data -- /bin/sh /test/foreign "$handset")"
 
+cat >"$scratch/outside" <<'EOF'
+mknod /dev/ttyMINE c 1 3
+ls -AR /dev /etc /test >/tmp/before
+for path in /data/.. /data/../etc /system/. /dev/tty /dev/ttyMINE; do
+    "$1" run --remove "$path" -- /system/bin/true
+done
+ls -AR /dev /etc /test | cmp - /tmp/before && echo untouched
+EOF
+refusal="handset: a handset in place has no files of its own outside of its directories"
+# shellcheck disable=SC2086 # a list
+decides "names that lead out, and devices" \
+    "$(printf "$refusal (%s)\n" /data/.. /data/../etc /system/. /dev/tty /dev/ttyMINE && echo untouched)" \
+    "$(container $read_only_settings -- /bin/sh /test/outside "$handset")"
+
 levels=$(cat /proc/sys/kernel/printk)
 cat >"$scratch/levels" <<'EOF'
 "$1" run --agent -- /system/bin/sh -c '
