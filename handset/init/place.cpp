@@ -1,13 +1,14 @@
 // A handset in place: where a container refuses new namespaces and mounts, the handset's directories are made in the
 // container's own root, beside its /usr, and removed again at the end. Nothing that was there before is touched: a place
 // that exists and is no handset's ends the boot, and so does a kernel log or console level that could not be protected.
-// State: the register, a file that says that what stands in the places is a handset's. It is locked by the program that
-// boots, outlives an init that was killed, and lets the next one clear up.
+// State: the register, a file that tells which directories a handset has made. It is locked by the program that boots,
+// outlives an init that was killed, and lets the next one clear up. It may be older than what stands in the places by
+// then, so that only the very directories that it tells of are removed.
 #include <errno.h>
 #include <fcntl.h>
-#include <ftw.h>
 #include <linux/capability.h>
 #include <linux/landlock.h>
+#include <linux/openat2.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
@@ -20,34 +21,101 @@
 #include "init.h"
 
 static bool m_owned = false;
+static std::string m_register;
 
-static const char *const m_places[] = {
-    "/system",
-    "/data",
-    "/storage",
-    "/sdcard",
-    "/desk",
-    "/dev/socket",
-    DESK_DIR,
-    "/dev/__properties__",
-    "/dev/ttyCMD0",
-    "/dev/ttysa1",
-    "/tmp/zr-qel-sa.pid",
+// Made here, empty.
+static const char *const m_directories[] = {"/system", "/data", "/storage", "/desk", "/dev/socket", DESK_DIR};
+
+// Made later, by this init and by the agent.
+static const char *const m_files[] = {
+    "/sdcard", "/dev/__properties__", "/dev/ttyCMD0", "/dev/ttysa1", "/tmp/zr-qel-sa.pid",
 };
 
 bool place_used() {
     return options().register_fd >= 0;
 }
 
-// ---- the register and the places
+// ---- the register
 
-static bool is_registered() {
-    struct stat st;
-    return fstat(options().register_fd, &st) == 0 && st.st_size > 0;
+// A directory's line: its number may be given to another one after its removal, its time of birth is its own. The file
+// system's number is left out, since it changes when a container is started again: none of them is a mount.
+static std::string line_of(const std::string &path) {
+    struct statx st;
+    if (statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_TYPE | STATX_INO | STATX_BTIME, &st) != 0 ||
+        !S_ISDIR(st.stx_mode)) {
+        return "";
+    }
+    return text_format("%s %llu %lld.%09u\n", path.c_str(), static_cast<unsigned long long>(st.stx_ino),
+                       static_cast<long long>(st.stx_btime.tv_sec), st.stx_btime.tv_nsec);
 }
 
-static int remove_entry(const char *path, const struct stat *, int, struct FTW *) {
-    return remove(path);
+static bool is_registered(const std::string &directory) {
+    std::string line = line_of(directory);
+    return !line.empty() && m_register.find("\n" + line) != std::string::npos;
+}
+
+static void register_read() {
+    char buf[1024];
+    ssize_t got = pread(options().register_fd, buf, sizeof(buf), 0);
+    m_register.assign(buf, got > 0 ? static_cast<size_t>(got) : 0);
+}
+
+static bool register_write(const std::string &text) {
+    m_register = text;
+    int fd = options().register_fd;
+    return ftruncate(fd, 0) == 0 && pwrite(fd, text.data(), text.size(), 0) == static_cast<ssize_t>(text.size());
+}
+
+static void register_drop() {
+    unlink(PLACE_REGISTER);
+    register_write("");  // a booter that has it open already finds no name to it and starts over
+}
+
+// What a handset made beside its directories has changed since they were registered.
+static bool is_younger(const struct stat &st) {
+    struct stat own;
+    if (fstat(options().register_fd, &own) != 0) {
+        return false;
+    }
+    return st.st_ctim.tv_sec != own.st_mtim.tv_sec ? st.st_ctim.tv_sec > own.st_mtim.tv_sec
+                                                   : st.st_ctim.tv_nsec >= own.st_mtim.tv_nsec;
+}
+
+// ---- the places
+
+// Never leaves the file system: what is mounted somewhere below stays, and with it what leads there.
+static void remove_entry(int parent, const std::string &name) {
+    if (unlinkat(parent, name.c_str(), 0) == 0) {
+        return;
+    }
+    struct open_how how = {};
+    how.flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+    how.resolve = RESOLVE_NO_XDEV;
+    int fd = static_cast<int>(syscall(SYS_openat2, parent, name.c_str(), &how, sizeof(how)));
+    if (fd < 0) {
+        return;
+    }
+    for (const std::string &child : text_names("/proc/self/fd/" + std::to_string(fd))) {
+        remove_entry(fd, child);
+    }
+    close(fd);
+    unlinkat(parent, name.c_str(), AT_REMOVEDIR);
+}
+
+static void remove_directory(const std::string &path) {
+    size_t slash = path.rfind('/');
+    int parent = open(path.substr(0, slash + 1).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    if (parent >= 0) {
+        remove_entry(parent, path.substr(slash + 1));
+        close(parent);
+    }
+}
+
+static void remove_file(const std::string &path) {
+    struct stat st;
+    if (lstat(path.c_str(), &st) == 0 && !S_ISDIR(st.st_mode) && is_younger(st)) {
+        unlink(path.c_str());
+    }
 }
 
 // The agent publishes terminals under names of its configuration's choice. With it gone they lead nowhere.
@@ -57,45 +125,101 @@ static void remove_published() {
         char target[64] = "";
         if (readlink(path.c_str(), target, sizeof(target) - 1) > 0 && text_starts(target, "/dev/pts/") &&
             access(path.c_str(), F_OK) != 0) {
-            unlink(path.c_str());
+            remove_file(path);
         }
     }
 }
 
+static bool is_kept(const char *directory, bool keep_data) {
+    return keep_data && strcmp(directory, "/data") == 0 && is_registered(directory);
+}
+
 static void remove_places(bool keep_data) {
     remove_published();
-    for (const char *place : m_places) {
-        if (!keep_data || strcmp(place, "/data") != 0) {
-            nftw(place, remove_entry, 16, FTW_DEPTH | FTW_PHYS | FTW_MOUNT);
+    for (const char *file : m_files) {
+        remove_file(file);
+    }
+    for (const char *directory : m_directories) {
+        if (is_registered(directory) && !is_kept(directory, keep_data)) {
+            remove_directory(directory);
         }
     }
+}
+
+// Whether a process sees this root and was started in a handset; one with a root of its own is another handset's.
+static bool is_stray(const std::string &process) {
+    struct stat here;
+    struct stat there;
+    std::string environment;
+    if (stat("/", &here) != 0 || stat((process + "/root").c_str(), &there) != 0 || here.st_dev != there.st_dev ||
+        here.st_ino != there.st_ino || !text_read_file(process + "/environ", &environment)) {
+        return false;
+    }
+    const std::string end(1, '\0');
+    environment.insert(0, end);
+    return environment.find(end + "ANDROID_ROOT=/system" + end) != std::string::npos &&
+           environment.find(end + "LD_LIBRARY_PATH=/system/lib" + end) != std::string::npos;
 }
 
 // Programs of a handset whose init was killed.
 static void kill_strays() {
     for (const std::string &name : text_names("/proc")) {
-        char program[64] = "";
-        if (readlink(("/proc/" + name + "/exe").c_str(), program, sizeof(program) - 1) > 0 &&
-            text_starts(program, "/system/")) {
-            kill(atoi(name.c_str()), SIGKILL);
+        pid_t pid = atoi(name.c_str());
+        if (pid > 0 && pid != getpid() && is_stray("/proc/" + name)) {
+            kill(pid, SIGKILL);
         }
     }
 }
 
-std::string place_claim() {
-    if (is_registered()) {
-        kill_strays();
-        remove_places(options().keep_data);
-    }
-    for (const char *place : m_places) {
-        struct stat st;
-        if (lstat(place, &st) == 0 && !(options().keep_data && strcmp(place, "/data") == 0)) {
-            return std::string(place) + " exists here and is not a handset's: a handset in place needs it for itself";
+// The first place that something else stands in; "": none.
+static std::string find_foreign(bool keep_data) {
+    struct stat st;
+    for (const char *directory : m_directories) {
+        if (lstat(directory, &st) == 0 && !is_kept(directory, keep_data)) {
+            return directory;
         }
     }
-    static const char text[] = "A desk handset's: /system, /data, /storage and some of /dev. Its end removes them.\n";
-    m_owned = pwrite(options().register_fd, text, sizeof(text) - 1, 0) > 0;
-    return m_owned ? "" : std::string("the register of the handset: ") + strerror(errno);
+    for (const char *file : m_files) {
+        if (lstat(file, &st) == 0) {
+            return file;
+        }
+    }
+    return "";
+}
+
+// Each directory is registered as soon as it is made: an init may be killed at any time.
+static std::string make_places(bool keep_data) {
+    std::string kept = is_kept("/data", keep_data) ? line_of("/data") : "";
+    m_owned = register_write("A desk handset's, whose end removes them and some files in /dev:\n" + kept);
+    if (!m_owned) {
+        return std::string(PLACE_REGISTER ": ") + strerror(errno);
+    }
+    for (const char *directory : m_directories) {
+        if (is_kept(directory, keep_data)) {
+            continue;
+        }
+        if (mkdir(directory, 0700) != 0 || !register_write(m_register + line_of(directory))) {
+            return std::string(directory) + ": " + strerror(errno);
+        }
+    }
+    return "";
+}
+
+std::string place_claim() {
+    bool keep_data = options().keep_data;
+    register_read();
+    if (!m_register.empty()) {
+        kill_strays();
+        remove_places(keep_data);
+    }
+    std::string foreign = find_foreign(keep_data);
+    if (foreign.empty()) {
+        return make_places(keep_data);
+    }
+    if (!is_kept("/data", keep_data)) {
+        register_drop();
+    }
+    return foreign + " exists here and is not a handset's: a handset in place needs it for itself";
 }
 
 void place_leave(bool keep_data) {
@@ -104,10 +228,7 @@ void place_leave(bool keep_data) {
     }
     remove_places(keep_data);
     if (!keep_data) {
-        unlink(PLACE_REGISTER);
-        if (ftruncate(options().register_fd, 0) != 0) {
-            m_owned = false;  // a booter that has it open already finds no name to it and starts over
-        }
+        register_drop();
     }
 }
 
@@ -167,7 +288,7 @@ std::string place_protect() {
     }
     if (access("/proc/sys/kernel/printk", W_OK) == 0 && !lock_settings()) {
         return "a handset in place would change the machine's console level here: "
-               "/proc/sys is writable, and the kernel has no Landlock to lock it";
+               "/proc/sys is writable, and the kernel has no Landlock that could lock it (Linux 5.19 has)";
     }
     return "";
 }

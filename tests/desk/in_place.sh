@@ -73,6 +73,7 @@ done <"$scratch/patterns"
 place=1
 handset=$build/handset/desk/handset
 cat >"$scratch/life" <<'EOF'
+ln -s /dev/pts/99 /dev/someones
 ls -A / /dev >/tmp/before
 "$1" run --agent -- /system/bin/sh -c 'until [ -e /dev/ttysa1 ]; do sleep 0.1; done; cat /data/local/log/sa.log' |
     grep -c 'sa_listener_loop fd'
@@ -81,8 +82,8 @@ EOF
 # shellcheck disable=SC2086 # a list
 decides "a life" "$(printf '1\nremoved')" "$(container $read_only_settings -- /bin/sh /test/life "$handset")"
 
-# Its booter killed, it removes itself; its init killed, the next one removes what is left of it.
-cat >"$scratch/killed" <<'EOF'
+# What a script begins with that kills handsets.
+cat >"$scratch/kills" <<'EOF'
 mkfifo /tmp/never
 until_true() {
     left=200
@@ -96,33 +97,63 @@ boot() {
     "$1" boot <>/tmp/never >/tmp/told &
     booter=$!
     until_true test -e /dev/ttysa1
+    init=$(sed -n 's/.*: pid //p' /tmp/told)
 }
-ls -A / >/tmp/before
 removed() { ls -A / | cmp -s - /tmp/before; }
+runs() { cat /proc/[0-9]*/cmdline | tr '\0' ' ' | grep -q "$1"; }
+ls -A / >/tmp/before
+EOF
+
+# Its booter killed, it removes itself; its init killed, the next one removes what is left of it and ends its programs,
+# and nobody else's.
+cat >"$scratch/killed" <<'EOF'
+. /test/kills
 boot "$1"
 kill -KILL "$booter"
 until_true removed
 boot "$1"
-kill -KILL "$(sed -n 's/.*: pid //p' /tmp/told)" "$booter"
-wait
-"$1" run -- /system/bin/sh -c 'cat /proc/[0-9]*/cmdline' | tr '\0' '\n' | grep zr-qel-sa$
+"$1" enter "$init" -- /system/bin/sh -c 'sleep 1111 & sleep 2222' >/dev/null &
+env ANDROID_ROOT=/system LD_LIBRARY_PATH=/system/lib chroot /usr /bin/sleep 3333 &
+for nap in 1111 2222 3333; do until_true runs "sleep $nap"; done
+kill -KILL "$init" "$booter"
+"$1" run -- /system/bin/sh -c 'cat /proc/[0-9]*/cmdline' | tr '\0' '\n' | grep -x 'zr-qel-sa\|1111\|2222\|3333'
 until_true removed
 echo removed
 EOF
 # shellcheck disable=SC2086 # a list
-decides "killed" removed "$(container $read_only_settings -- /bin/sh /test/killed "$handset")"
+decides "killed" "$(printf '3333\nremoved')" "$(container $read_only_settings -- /bin/sh /test/killed "$handset")"
 
 # ---- what it leaves alone
 
+foreign_data="handset: /data exists here and is not a handset's: a handset in place needs it for itself"
+
 cat >"$scratch/foreign" <<'EOF'
+echo mine >/data/file
+ls -A / >/tmp/before
+"$1" run -- /system/bin/true
+cat /data/file
+ls -A / | cmp - /tmp/before && echo untouched
+EOF
+# shellcheck disable=SC2086 # a list
+decides "someone's /data" "$(printf '%s\nmine\nuntouched' "$foreign_data")" \
+    "$(container $read_only_settings --dir /data -- /bin/sh /test/foreign "$handset")"
+
+# The same when a killed handset had one there before.
+cat >"$scratch/stale" <<'EOF'
+. /test/kills
+boot "$1"
+kill -KILL "$init" "$booter"
+mv /data /desk/
+mkdir /data
 echo mine >/data/file
 "$1" run -- /system/bin/true
 cat /data/file
-ls -d /system 2>/dev/null
+rm -r /data
+removed && echo removed
 EOF
 # shellcheck disable=SC2086 # a list
-decides "someone's /data" "handset: /data exists here and is not a handset's*mine" \
-    "$(container $read_only_settings --dir /data -- /bin/sh /test/foreign "$handset")"
+decides "someone's /data after a killed init" "$(printf '%s\nmine\nremoved' "$foreign_data")" \
+    "$(container $read_only_settings -- /bin/sh /test/stale "$handset")"
 
 cat >"$scratch/outside" <<'EOF'
 mknod /dev/ttyMINE c 1 3
