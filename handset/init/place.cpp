@@ -12,6 +12,7 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/fsuid.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -161,14 +162,24 @@ static bool is_stray(const std::string &process) {
            environment.find(end + "LD_LIBRARY_PATH=/system/lib" + end) != std::string::npos;
 }
 
-// Programs of a handset whose init was killed.
+// Programs of a handset whose init was killed. Without CAP_SYS_PTRACE only a process's own user may look at it.
 static void kill_strays() {
     for (const std::string &name : text_names("/proc")) {
+        struct stat st;
         pid_t pid = atoi(name.c_str());
-        if (pid > 0 && pid != getpid() && is_stray("/proc/" + name)) {
+        if (pid <= 0 || pid == getpid() || stat(("/proc/" + name).c_str(), &st) != 0) {
+            continue;
+        }
+        setfsgid(st.st_gid);
+        setfsuid(st.st_uid);
+        bool stray = is_stray("/proc/" + name);
+        setfsuid(0);
+        setfsgid(0);
+        if (stray) {
             kill(pid, SIGKILL);
         }
     }
+    prctl(PR_SET_DUMPABLE, 1, 0, 0, 0);  // who has changed its user is hidden from the others, here from the booter
 }
 
 // The first place that something else stands in; "": none.

@@ -112,7 +112,7 @@ boot() {
     init=$(sed -n 's/.*: pid //p' /tmp/told)
 }
 removed() { ls -A / | cmp -s - /tmp/before; }
-runs() { cat /proc/[0-9]*/cmdline 2>/dev/null | tr '\0' ' ' | grep -q "$1"; }
+runs() { cat /proc/[0-9]*/cmdline 2>/dev/null | tr '\0' '\n' | grep -qx "$1"; }
 ls -A / >/tmp/before
 EOF
 
@@ -124,9 +124,12 @@ boot "$1"
 kill -KILL "$booter"
 until_true removed
 boot "$1"
-"$1" enter "$init" -- /system/bin/sh -c 'sleep 1111 & sleep 2222' >/dev/null &
+"$1" enter "$init" -- /system/bin/sh -c '
+    exec </dev/null >/dev/null 2>&1
+    /usr/bin/setsid /usr/bin/setpriv --reuid 2000 --regid 2000 --clear-groups sleep 1111 &
+    /usr/bin/setsid sleep 2222' &
 env ANDROID_ROOT=/system LD_LIBRARY_PATH=/system/lib chroot /usr /bin/sleep 3333 &
-for nap in 1111 2222 3333; do until_true runs "sleep $nap"; done
+for nap in 1111 2222 3333; do until_true runs "$nap"; done
 kill -KILL "$init" "$booter"
 "$1" run -- /system/bin/sh -c 'cat /proc/[0-9]*/cmdline 2>/dev/null' | tr '\0' '\n' | grep -x 'zr-qel-sa\|1111\|2222\|3333'
 until_true removed
