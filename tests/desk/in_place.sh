@@ -170,6 +170,24 @@ EOF
 decides "someone's /data after a killed init" "$(printf '%s\nmine\nremoved' "$foreign_data")" \
     "$(container $read_only_settings -- /bin/sh /test/stale "$handset")"
 
+# And what is mounted in a killed handset's /data, be it from the same file system.
+cat >"$scratch/mounted" <<'EOF'
+. /test/kills
+boot "$1"
+kill -KILL "$init" "$booter"
+mkdir /mine /data/mine
+mount --bind /mine /data/mine
+echo mine >/mine/file
+"$1" run -- /system/bin/true
+cat /mine/file
+umount /data/mine
+rm -r /data /mine
+removed && echo removed
+EOF
+# shellcheck disable=SC2086 # a list
+decides "what is mounted in a killed handset's /data" "$(printf '%s\nmine\nremoved' "$foreign_data")" \
+    "$(container $read_only_settings --cap-add CAP_SYS_ADMIN -- /bin/sh /test/mounted "$handset")"
+
 cat >"$scratch/outside" <<'EOF'
 mknod /dev/ttyMINE c 1 3
 ls -AR /dev /etc /test >/tmp/before
