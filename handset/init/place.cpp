@@ -10,6 +10,7 @@
 #include <linux/landlock.h>
 #include <linux/openat2.h>
 #include <signal.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/fsuid.h>
@@ -112,10 +113,11 @@ static void remove_directory(const std::string &path) {
     }
 }
 
+// Also an empty directory that somebody has put into a file's place.
 static void remove_file(const std::string &path) {
     struct stat st;
-    if (lstat(path.c_str(), &st) == 0 && !S_ISDIR(st.st_mode) && is_younger(st)) {
-        unlink(path.c_str());
+    if (lstat(path.c_str(), &st) == 0 && is_younger(st)) {
+        remove(path.c_str());
     }
 }
 
