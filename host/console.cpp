@@ -235,6 +235,7 @@ int run_terminal(const host_options &options) {
     rl_readline_name = "sa-host";
     rl_attempted_completion_function = complete;
     rl_signal_event_hook = cancel_line;
+    rl_event_hook = cancel_line;  // some times a second: a signal that comes between two reads has no event of its own
     using_history();
     stifle_history(1000);
     if (!history.empty()) {
