@@ -183,12 +183,15 @@ std::string remote_shell(subject *s) {
     return try_remote_shell(s);
 }
 
+// A line that names no descriptor tells of the end as well, which may or may not have come by then.
 std::string leave_listener(subject *s) {
     const std::string reopened = "sa_listener_loop reopen fd[";
+    const std::string failed = reopened + "-1]";
     close(desk_open_tty(s->h, "/dev/ttysa1", kQuiet));
     desk_until([&] { return has_ended(s) || has_logged(s, reopened) || has_file_line(s, reopened); }, kQuiet);
-    return !has_ended(s) && (has_logged(s, reopened) || has_file_line(s, reopened)) ? "a fresh listener"
-                                                                                    : "no fresh listener";
+    const bool is_fresh = (has_logged(s, reopened) && !has_logged(s, failed)) ||
+                          (has_file_line(s, reopened) && !has_file_line(s, failed));
+    return is_fresh ? "a fresh listener" : "no fresh listener";
 }
 
 // ---- the end

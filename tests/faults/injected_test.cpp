@@ -43,7 +43,6 @@ static const char kSettings[] = "/data/zr-qel-sa.set";
 static const char kSaLog[] = "/data/local/log/sa.log";
 static const char kPtmx[] = "/dev/ptmx";
 static const char kThreadEnds[] = "the command thread ends, the agent goes on";
-static const char kAgentEnds[] = "the agent ends with status 0 after its teardown";
 static const char kNoLogcat[] = "without logcat-events.log, logcat-radio.log, logcat.log";
 
 // 32-bit code has calls of its own for what has become wider.
@@ -94,7 +93,9 @@ static const sample kTheRest[] = {
     {"a kernel message", {"read", "/proc/kmsg", "EAGAIN", "1"}, "as ever"},
     {"a kernel message", {"read", "/proc/kmsg", "EIO", "2"}, "without kmsg.log"},
     {"remote shell", {"openat", kPtmx, "EMFILE", "1"}, "no shell"},
-    {"the host leaves the listener", {"symlink", "", "EEXIST", "1"}, kAgentEnds},
+    {"the host leaves the listener",
+     {"symlink", "", "EEXIST", "1"},
+     "no fresh listener; the agent ends with status 0 after its teardown"},
     {"SIGTERM", {"unlink", "/dev/ttyCMD0", "EROFS", "1"}, "as ever"},
     {"SIGUSR2", {"connect", "", "ECONNREFUSED", "1"}, "does not end"},
 };
