@@ -32,12 +32,21 @@ void sa_channel_retire(void) {
     m_is_channel_retired.store(true);
 }
 
-// Without descriptors to spare the number is given up at once.
+void sa_channel_unpark(void) {
+    if (m_parked_fd >= 0) {
+        close(m_parked_fd);
+        m_parked_fd = -1;
+    }
+}
+
+// Without descriptors to spare the number is given up at once. One number is parked at a time: that of an earlier teardown,
+// which could not close the channel, is given back.
 void sa_channel_park(void) {
     struct pub_pty_st *pty_ptr = &m_sa_handle.pty;
     if (pty_ptr->m_ptm_fd <= 0) {
         return;  // 0 is a zeroed record
     }
+    sa_channel_unpark();
     const int moved_fd = fcntl(pty_ptr->m_ptm_fd, F_DUPFD_CLOEXEC, 1);
     const int nowhere_fd = open("/dev/null", O_RDWR | O_CLOEXEC);
     if (moved_fd >= 0 && nowhere_fd >= 0 && dup3(nowhere_fd, pty_ptr->m_ptm_fd, O_CLOEXEC) >= 0) {
@@ -48,13 +57,6 @@ void sa_channel_park(void) {
     }
     if (nowhere_fd >= 0) {
         close(nowhere_fd);
-    }
-}
-
-void sa_channel_unpark(void) {
-    if (m_parked_fd >= 0) {
-        close(m_parked_fd);
-        m_parked_fd = -1;
     }
 }
 

@@ -29,3 +29,21 @@ TEST_F(Teardown, AnAnswerThatComesTooLateReachesNobody) {
     EXPECT_EQ(read_until(fd, "mine\n"), "mine\n");
     close(fd);
 }
+
+// A name that cannot be removed keeps the master open, also over many teardowns: each takes the number of the one before.
+TEST_F(Teardown, ManyThatCannotCloseTheChannelGainNoDescriptor) {
+    desk_options options = quiet_options();
+    options.agent = false;
+    ASSERT_NO_FATAL_FAILURE(boot_only(options));
+    desk_child child = launch();
+    ASSERT_TRUE(wait_listening(child.pid));
+    ASSERT_TRUE(desk_remove(h, "/dev/ttyCMD0") && desk_make_dir(h, "/dev/ttyCMD0"));
+    size_t count = 0;
+    for (int round = 1; round <= 4; round++) {
+        ASSERT_TRUE(desk_kill(h, child.pid, SIGUSR2));
+        ASSERT_TRUE(desk_until(
+            [&] { return count_lines(file_lines(), "signal_treatment PUB_UTIL_RESET_PROCESS_SIGNAL exit") == round; }));
+        count = round == 1 ? descriptors(child.pid).size() : count;
+        EXPECT_EQ(descriptors(child.pid).size(), count) << "after teardown " << round;
+    }
+}
