@@ -47,11 +47,13 @@ static void remove_file(const char *path) {
 static void shift_generations(const char *path, int32_t file_num) {
     char old_a[kNameSize];
     char new_a[kNameSize];
-    const long oldest = (file_num < kMaxGenerations ? static_cast<int64_t>(file_num) : kMaxGenerations) - 1;
-    sa_format(old_a, sizeof(old_a), "%s.%ld", path, oldest);
+    // One below the least count is no 32-bit number.
+    const int64_t oldest = (file_num < kMaxGenerations ? static_cast<int64_t>(file_num) : kMaxGenerations) - 1;
+    sa_format(old_a, sizeof(old_a), "%s.%ld", path, static_cast<long>(oldest));
     sa_log_as(kShift, "log_file_old[%s]", old_a);
     remove_file(old_a);
-    for (int generation = static_cast<int>(oldest); generation >= 2; generation--) {
+    for (int64_t step = oldest; step >= 2; step--) {
+        const int generation = static_cast<int>(step);
         sa_format(old_a, sizeof(old_a), "%s.%d", path, generation - 1);
         sa_format(new_a, sizeof(new_a), "%s.%d", path, generation);
         sa_log_as(kShift, "[%d] log_file_old[%s] log_file_new[%s]", generation, old_a, new_a);

@@ -118,6 +118,14 @@ TEST_F(KernelGenerations, NegativeCountMovesTheLiveFileAlone) {
     EXPECT_EQ(ask("AT\r"), kOk);
 }
 
+// The least count that there is; one below it is no such number any more.
+TEST_F(KernelGenerations, LeastCountMovesTheLiveFileAlone) {
+    ASSERT_NO_FATAL_FAILURE(boot_with("-2147483648", {0, 1, 2}));
+    EXPECT_EQ(generations(), "1: was 0, 2: was 2");
+    EXPECT_EQ(rests(file_lines(), "update_zr_log_file [").size(), 0u);
+    EXPECT_EQ(ask("AT\r"), kOk);
+}
+
 TEST_F(KernelGenerations, HugeCountEndsInTime) {
     ASSERT_NO_FATAL_FAILURE(boot_with("2147483647", {0, 1}));
     EXPECT_EQ(generations(), "1: was 0, 2: was 1");
