@@ -1,9 +1,8 @@
 // Local time from a remembered offset to UTC.
 //
-// State: m_offset, the zone's offset in seconds, and m_minute, the minute of UTC it was looked up for; m_next_minute, the
-// next change that the zone's rules foresee within a year, and m_next_offset from then on. Written by whichever thread
-// holds m_is_looking, read by all. Zones change at whole minutes, so one look a minute follows every change, be it
-// daylight saving or a new zone.
+// State: m_offset, the zone's offset in seconds, and m_minute, the minute of UTC it was looked up for; m_next, the next
+// change that the zone's rules foresee within a year. Written by whichever thread holds m_is_looking, read by all. Zones
+// change at whole minutes, so one look a minute follows every change, be it daylight saving or a new zone.
 //
 // Why a log line can never hang here: the look itself takes the C library's time-zone lock (and perhaps the heap's),
 // but only one thread at a time goes there, with all signals blocked, so it is neither interrupted nor ended in there;
@@ -22,14 +21,21 @@
 static const int kDay = 86400;
 static const time_t kProbeStep = 7 * kDay;  // no zone changes twice within a week
 static const int kProbes = 53;
-static const int32_t kNever = INT32_MAX;
+
+// A change of the offset: the minute it comes in (INT32_MAX for none) and the offset from then on. Read as a whole:
+// aligned for one access.
+struct alignas(8) change_st {
+    int32_t minute;
+    int32_t offset;
+};
+static constexpr struct change_st kNone = {INT32_MAX, 0};
 
 static std::atomic<int32_t> m_offset(0);
 static std::atomic<int32_t> m_minute(-1);  // minutes since 1970: enough until the year 6053
-static std::atomic<int32_t> m_next_offset(0);
-static std::atomic<int32_t> m_next_minute(kNever);
+static std::atomic<struct change_st> m_next(kNone);
 static std::atomic_flag m_is_looking = ATOMIC_FLAG_INIT;
 static std::atomic<int> m_holds(0);
+static_assert(std::atomic<struct change_st>::is_always_lock_free, "a signal handler reads it");
 
 void sa_local_time_hold(void) {
     m_holds.fetch_add(1);
@@ -61,22 +67,20 @@ static time_t find_change(time_t from, time_t to, int32_t offset) {
     return to;
 }
 
-// Readers that come in between see no foreseen change, which is right for the minute in which they come.
-static void foresee_change(time_t minute, int32_t offset) {
-    m_next_minute.store(kNever);
+// The first change that comes after `minute`, when the offset is `offset`.
+static struct change_st foresee_change(time_t minute, int32_t offset) {
     for (int probe = 1; probe <= kProbes; probe++) {
         const int64_t wide = static_cast<int64_t>(minute) + static_cast<int64_t>(probe) * kProbeStep;
         const time_t at = static_cast<time_t>(wide);
         if (at != wide) {
-            return;  // the end of a 32-bit time
+            return kNone;  // the end of a 32-bit time
         }
         if (offset_at(at) != offset) {
             const time_t change = find_change(at - kProbeStep, at, offset);
-            m_next_offset.store(offset_at(change));
-            m_next_minute.store(minute_of(change));
-            return;
+            return {minute_of(change), offset_at(change)};
         }
     }
+    return kNone;
 }
 
 static void look_at_zone(time_t when) {
@@ -86,8 +90,9 @@ static void look_at_zone(time_t when) {
     if (!m_is_looking.test_and_set()) {
         tzset();  // localtime_r alone need not notice a changed zone
         const int32_t offset = offset_at(when);
-        foresee_change(when - when % 60, offset);
-        m_offset.store(offset);
+        const struct change_st next = foresee_change(when - when % 60, offset);
+        m_offset.store(offset);  // before m_next: the change that was foreseen counts until its offset is everybody's
+        m_next.store(next);
         m_minute.store(minute_of(when));  // last: who sees the minute sees its offset
         m_is_looking.clear();
     }
@@ -113,7 +118,8 @@ void sa_local_time(time_t when, struct sa_local_time_st *out_ptr) {
     if (m_minute.load() != minute && m_holds.load() == 0) {
         look_at_zone(when);
     }
-    const int32_t offset = minute >= m_next_minute.load() ? m_next_offset.load() : m_offset.load();
+    const struct change_st next = m_next.load();
+    const int32_t offset = minute >= next.minute ? next.offset : m_offset.load();
     const int64_t local = static_cast<int64_t>(when) + offset;
     const int64_t second = ((local % kDay) + kDay) % kDay;
     date_of_day((local - second) / kDay, out_ptr);

@@ -14,6 +14,25 @@ static const time_t kDay = 24 * kHour;
 static const time_t kBegin = 365 * kDay;   // 1971
 static const time_t kEnd = 24836L * kDay;  // 2037, the last year of 32-bit times
 
+// Another reader, who comes in the middle of a look: asked in every call that the look makes to the C library.
+static time_t m_reader_when;
+static std::vector<std::string> m_reader_saw;
+static bool m_is_read_between;
+
+static std::string ours(time_t when);
+
+struct tm *real_zone_call(const time_t *when_ptr, struct tm *out_ptr) __asm__("__real_" ZONE_CALL);
+struct tm *wrap_zone_call(const time_t *when_ptr, struct tm *out_ptr) __asm__("__wrap_" ZONE_CALL);
+
+struct tm *wrap_zone_call(const time_t *when_ptr, struct tm *out_ptr) {
+    if (m_is_read_between) {
+        m_is_read_between = false;
+        m_reader_saw.push_back(ours(m_reader_when));
+        m_is_read_between = true;
+    }
+    return real_zone_call(when_ptr, out_ptr);
+}
+
 static void set_zone(const char *zone) {
     setenv("TZ", zone, 1);
     tzset();
@@ -103,6 +122,23 @@ TEST_P(LocalTime, ForeseesTheNextChangeWhileNobodyLooks) {
             EXPECT_EQ(ours(when), theirs(when)) << when;
         }
         sa_local_time_release();
+    }
+}
+
+// Who logs in the minute of a change while somebody else looks at the zone has the new offset already.
+TEST_P(LocalTime, IsRightForWhoComesDuringALook) {
+    for (const time_t change : changes(kBegin + 30 * 365 * kDay, kBegin + 36 * 365 * kDay)) {
+        ours(change - 60);
+        m_reader_when = change + 1;
+        const std::string expected = theirs(m_reader_when);
+        m_is_read_between = true;
+        ours(change);
+        m_is_read_between = false;
+        EXPECT_FALSE(m_reader_saw.empty());
+        for (const std::string &seen : m_reader_saw) {
+            EXPECT_EQ(seen, expected);
+        }
+        m_reader_saw.clear();
     }
 }
 
