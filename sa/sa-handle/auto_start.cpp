@@ -23,7 +23,8 @@ enum action { DISABLE, ENABLE, QUERY };
 static const char kDirectory[] = "/data/zr-qel-sa";
 static const char kFileName[] = "/auto-start.lst";
 
-static char m_auto_start_service_list[SLOTS][SLOT_SIZE];  // a slot is free when its first byte is 0
+// A slot is free when its first byte is 0. A name that fills its slot has no NUL behind it: only a file can bring one.
+static char m_auto_start_service_list[SLOTS][SLOT_SIZE];
 static char m_auto_start_list_path_a[256];
 
 static void report_unopenable(const char *function) {
@@ -39,16 +40,6 @@ static void warn_of_items(int items) {
 }
 
 // ---- start-up ----
-
-// Keeps whole, terminated names only: half a slot of a list that was cut short, or garbage, is no service's name.
-static void clean_slots(int items) {
-    for (int slot = 0; slot < SLOTS; slot++) {
-        char *name_ptr = m_auto_start_service_list[slot];
-        if (slot >= items || memchr(name_ptr, '\0', SLOT_SIZE) == nullptr) {
-            memset(name_ptr, 0, SLOT_SIZE);
-        }
-    }
-}
 
 void auto_start_service_list_read(void) {
     sa_log_entry();
@@ -69,7 +60,8 @@ void auto_start_service_list_read(void) {
     const int items = size > 0 ? static_cast<int>(size) / SLOT_SIZE : 0;
     close(fd);
     warn_of_items(items);  // the message of a short write serves a short read too
-    clean_slots(items);
+    // Half a slot of a list that was cut short is no service's name.
+    memset(m_auto_start_service_list + items, 0, static_cast<size_t>(SLOTS - items) * SLOT_SIZE);
 }
 
 // Starts one listed service. Here the log agents are numbered 0 to 4, while +START_SERVICE starts 1 to 5: intended.
@@ -88,13 +80,15 @@ static int start_listed(const char *name, char *command_ptr) {
 
 void auto_start_service_list_run(void) {
     sa_log_entry();
-    for (const char *name : m_auto_start_service_list) {
-        if (name[0] == '\0') {
+    for (const char *slot_ptr : m_auto_start_service_list) {
+        if (slot_ptr[0] == '\0') {
             continue;
         }
+        char name_a[SLOT_SIZE + 1] = "";
         char command_a[COMMAND_SIZE];
-        sa_log_platform("Try to start service: %s", name);
-        if (start_listed(name, command_a) != 0) {
+        memcpy(name_a, slot_ptr, SLOT_SIZE);
+        sa_log_platform("Try to start service: %s", name_a);
+        if (start_listed(name_a, command_a) != 0) {
             sa_log_error(SA_ERR_SYSTEM);
             sa_log_platform("error to exec: %s", command_a);
         }

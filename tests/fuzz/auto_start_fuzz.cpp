@@ -10,7 +10,7 @@
 
 // A started name comes from one whole slot.
 static void check_name(const char *command) {
-    if (strncmp(command, "setprop ctl.start ", 18) != 0 || strlen(command + 18) > 39) {
+    if (strncmp(command, "setprop ctl.start ", 18) != 0 || strlen(command + 18) > 40) {
         abort();
     }
 }

@@ -188,10 +188,19 @@ TEST_F(AutoStartBoot, LongFileHasTenSlotsAllTheSame) {
     EXPECT_EQ(rests(platform_lines(), "write not completed").size(), 0u);
 }
 
-TEST_F(AutoStartBoot, SlotWithoutAnEndIsNoName) {
+// Another writer of the file may use a slot's last byte, too. The name ends with the slot, the last one's included.
+TEST_F(AutoStartBoot, NameMayFillItsSlot) {
     const std::string full(40, 'A');
-    ASSERT_NO_FATAL_FAILURE(boot_with_list(full + slot("zr-auto-test") + full + std::string(280, '\xff')));
-    EXPECT_EQ(tried(), texts{"zr-auto-test"});
+    const std::string bytes = full + slot("zr-auto-test") + std::string(280, '\0') + full;
+    ASSERT_NO_FATAL_FAILURE(boot_with_list(bytes));
+    EXPECT_EQ(tried(), (texts{full, "zr-auto-test", full}));
+    EXPECT_EQ(command("+AUTO_START_SERVICE=\"zr-elog\",1"), kOk);
+    EXPECT_EQ(desk_file_text(h, kList), full + slot("zr-auto-test") + slot("zr-elog") + std::string(240, '\0') + full);
+}
+
+TEST_F(AutoStartBoot, GarbageIsTriedAndDoesNoHarm) {
+    ASSERT_NO_FATAL_FAILURE(boot_with_list(std::string(360, '\xff') + slot("zr-auto-test")));
+    EXPECT_EQ(tried().size(), 10u);
     EXPECT_EQ(started(), texts{"zr-auto-test"});
     EXPECT_EQ(ask("AT\r"), kOk);
 }
