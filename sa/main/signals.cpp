@@ -91,7 +91,8 @@ void sa_exit(int status) {
 }
 
 // Stops the collectors and has init stop this very service. The handler returns; init ends the process. Should init
-// refuse, the agent lives on, and its command channel with it.
+// refuse, the agent lives on; its command thread may open the channel again, if it still sits in a read that a client's
+// hang-up ends. One that comes to a read behind the teardown ends.
 static void reset_agent(const char *function) {
     sa_log_platform("ready to kill all child service");
     sa_kill_all_child_service_ex();
