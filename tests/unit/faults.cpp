@@ -10,7 +10,9 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <termios.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -35,6 +37,9 @@ static std::atomic<int> m_pauses_a[128];  // by length, in 10 ms
 static std::atomic<int> m_waits_left{0};
 static pid_t m_wait_result = 0;
 static int m_wait_status = 0;
+static uint64_t m_available = 0;
+static long m_block_size = 0;  // 0: the file system's own answer
+static long m_nanoseconds = -1;
 
 static void request(const std::string &call, const std::vector<int> &errors, int skip, int times) {
     m_left = 0;
@@ -104,6 +109,15 @@ void replace_waits(pid_t result, int status, int times) {
     m_wait_result = result;
     m_wait_status = status;
     m_waits_left = times;
+}
+
+void describe_space(uint64_t available, long block_size) {
+    m_available = available;
+    m_block_size = block_size;
+}
+
+void stop_nanoseconds(long nanoseconds) {
+    m_nanoseconds = nanoseconds;
 }
 
 // Whether this call is the one that fails; errno is set then. Neither heap nor locks: forked children come here, too.
@@ -215,7 +229,39 @@ extern "C" pid_t __wrap_waitpid(pid_t pid, int *status, int options) {
     return m_wait_result;
 }
 
-// fcntl and open have several names; a platform that lacks one never calls it.
+// The calls below have several names; a platform that lacks one never calls it.
+#define WRAP_STATFS(call)                                                                        \
+    extern "C" int __real_##call(const char *path, struct statfs *buffer) __attribute__((weak)); \
+    extern "C" int __wrap_##call(const char *path, struct statfs *buffer);                       \
+    extern "C" int __wrap_##call(const char *path, struct statfs *buffer) {                      \
+        if (fails("statfs")) {                                                                   \
+            return -1;                                                                           \
+        }                                                                                        \
+        const int result = __real_##call(path, buffer);                                          \
+        if (result == 0 && m_block_size != 0) {                                                  \
+            buffer->f_bavail = static_cast<decltype(buffer->f_bavail)>(m_available);             \
+            buffer->f_bsize = static_cast<decltype(buffer->f_bsize)>(m_block_size);              \
+        }                                                                                        \
+        return result;                                                                           \
+    }
+
+WRAP_STATFS(statfs)
+WRAP_STATFS(statfs64)
+
+#define WRAP_CLOCK(call)                                                                       \
+    extern "C" int __real_##call(clockid_t clock, struct timespec *now) __attribute__((weak)); \
+    extern "C" int __wrap_##call(clockid_t clock, struct timespec *now);                       \
+    extern "C" int __wrap_##call(clockid_t clock, struct timespec *now) {                      \
+        const int result = __real_##call(clock, now);                                          \
+        if (m_nanoseconds >= 0) {                                                              \
+            now->tv_nsec = static_cast<decltype(now->tv_nsec)>(m_nanoseconds);                 \
+        }                                                                                      \
+        return result;                                                                         \
+    }
+
+WRAP_CLOCK(clock_gettime)
+WRAP_CLOCK(__clock_gettime64)
+
 #define WRAP_FCNTL(call)                                                          \
     extern "C" int __real_##call(int fd, int command, ...) __attribute__((weak)); \
     extern "C" int __wrap_##call(int fd, int command, ...);                       \

@@ -3,6 +3,7 @@
 #ifndef TESTS_UNIT_FAULTS_H
 #define TESTS_UNIT_FAULTS_H
 
+#include <stdint.h>
 #include <sys/types.h>
 #include <unistd.h>
 
@@ -35,5 +36,9 @@ int pauses_of(useconds_t length);
 int bad_closes();
 // waitpid returns `result` with this status `times` times before it looks for true ends. Written into by any thread.
 void replace_waits(pid_t result, int status, int times);
+// statfs tells of so many available blocks of this size; a size of 0 ends that.
+void describe_space(uint64_t available, long block_size);
+// The clock shows this many nanoseconds of its second; -1 ends that.
+void stop_nanoseconds(long nanoseconds);
 
 #endif

@@ -86,6 +86,22 @@ TEST_F(Log, LineBeginsWithItsTime) {
     EXPECT_TRUE(is_now) << text;
 }
 
+TEST_F(Log, TimeEndsWithThreeDigitsOfMilliseconds) {
+    static const struct {
+        long nanoseconds;
+        const char *digits;
+    } moments[] = {{0, "000"},        {999999, "000"},    {1000000, "001"},  {7654321, "007"},
+                   {99999999, "099"}, {100000000, "100"}, {999999999, "999"}};
+    for (const auto &moment : moments) {
+        forget();
+        stop_nanoseconds(moment.nanoseconds);
+        sa_log_file("message");
+        stop_nanoseconds(-1);
+        const std::string text = read_file(SA_LOG_FILE);
+        EXPECT_EQ(text.substr(text.find('.')), std::string(".") + moment.digits + "]TestBody message\n");
+    }
+}
+
 TEST_F(Log, PlatformLinesHaveTheAgentsTagAndDebugPriority) {
     sa_log_platform("unmistakable");
     platform();  // it is in the journal now
