@@ -11,7 +11,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <functional>
 
 static const char kJournal[] = "/dev/.desk/log.journal";
 static const char kSaLog[] = "/data/local/log/sa.log";
@@ -63,7 +62,7 @@ std::vector<int> open_descriptors() {
     return found;
 }
 
-static bool wait_for(const std::function<bool()> &condition, int limit_ms) {
+bool wait_until(const std::function<bool()> &condition, int limit_ms) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(limit_ms);
     while (!condition()) {
         if (std::chrono::steady_clock::now() >= end) {
@@ -72,10 +71,6 @@ static bool wait_for(const std::function<bool()> &condition, int limit_ms) {
         usleep(1000);
     }
     return true;
-}
-
-bool wait_until(bool (*condition)(), int limit_ms) {
-    return wait_for(condition, limit_ms);
 }
 
 static std::vector<std::string> split(const std::string &text, char separator) {
@@ -96,7 +91,7 @@ static std::string settled_journal() {
     const std::string line = "\tsettle\t" + mark + "\n";
     std::string text;
     __android_log_write(ANDROID_LOG_DEBUG, "settle", mark.c_str());
-    EXPECT_TRUE(wait_for(
+    EXPECT_TRUE(wait_until(
         [&] {
             text = read_file(kJournal);
             return text.find(line) != std::string::npos;

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <sys/types.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -17,7 +18,7 @@ std::string owner_of(const std::string &path);
 // Open descriptors of this process, ascending.
 std::vector<int> open_descriptors();
 // Whether a condition came true before the time was up.
-bool wait_until(bool (*condition)(), int limit_ms = 10000);
+bool wait_until(const std::function<bool()> &condition, int limit_ms = 10000);
 
 // Tests that read the trail. It begins anew with each test.
 class TrailTest : public ::testing::Test {
