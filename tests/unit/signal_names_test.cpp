@@ -1,5 +1,12 @@
-// The names of signals, row by row.
+// The names of signals, row by row, and what the handler makes of numbers that it is not installed for.
 #include "sa/main/signals.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "sa/sa-handle/state.h"
 #include "tests/unit/trail.h"
 
 class SignalName : public TrailTest {};
@@ -26,4 +33,34 @@ TEST_F(SignalName, LeavesOnlyItsEntryInTheTrail) {
     sa_get_signal_name(6);
     EXPECT_EQ(platform(), std::vector<std::string>{"sa_get_signal_name()"});
     EXPECT_EQ(file(), std::vector<std::string>{});
+}
+
+class SignalTreatment : public TrailTest {
+  protected:
+    // Runs the handler in a process without a channel and expects that it tells of the signal, tears down and ends.
+    void expect_told(int signo, const std::string &text) {
+        forget();
+        const pid_t pid = fork();
+        if (pid == 0) {
+            m_sa_handle.pty.m_ptm_fd = -1;
+            signal_treatment(signo);
+            _exit(99);
+        }
+        int status = -1;
+        ASSERT_EQ(waitpid(pid, &status, 0), pid);
+        EXPECT_EQ(status, 0);
+        EXPECT_EQ(file(), (std::vector<std::string>{"signal_treatment ", "signal_treatment signal[" + text + "]",
+                                                    "sa_handle_deinit exit ret_val[-1]",
+                                                    "sa_deinit_resource exit ret_val[-1]", "signal_treatment exit"}));
+        const std::vector<std::string> told = platform(pid);
+        EXPECT_EQ(std::count(told.begin(), told.end(), "signal_treatment receive signal[" + text + "]"), 1);
+    }
+};
+
+TEST_F(SignalTreatment, OfAnUnknownNumberHasNoName) {
+    expect_told(40, "40-");
+}
+
+TEST_F(SignalTreatment, OfANumberWithTwoNamesHasTheFirst) {
+    expect_told(6, "6-SIGABRT");
 }

@@ -274,6 +274,7 @@ TEST_F(CommandChild, OfNothingIsRefused) {
                                  "sa_create_subproc_thread()", "sa_create_subproc_thread parameters invalid"}));
     EXPECT_EQ(file(),
               (lines{"sa_create_subproc_thread parameters invalid", "sa_create_subproc_thread parameters invalid"}));
+    EXPECT_EQ(pauses_of(100000), 0);
 }
 
 TEST_F(CommandChild, NeedsTheNullDevice) {
