@@ -158,6 +158,7 @@ TEST_F(PacketCapture, WithoutAnyProgramTheOthersStart) {
     EXPECT_GT(process_with("/data/local/log/logcat.log"), 0);
     EXPECT_TRUE(desk_wait_path(h, "/data/local/log/kmsg.log"));
     EXPECT_EQ(command("+DELETE_LOG"), kError);
+    EXPECT_EQ(count_lines(file_lines(), "sa_log_delete_log start_log_service ret_val[-118]"), 1);
 }
 
 TEST_F(PacketCapture, ProviderWithoutItsEntryIsUnloaded) {

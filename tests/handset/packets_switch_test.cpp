@@ -3,10 +3,19 @@
 
 #include "tests/support/collectors.h"
 
+static const char kBase[] = "/data/local/log/ipdata.pcap";
+
 class PacketsSwitch : public CollectorTest {
   protected:
     int watchers() {
         return count_lines(platform_lines(), "packets_capture_process()");
+    }
+    // Whether a process can be stopped and continued: one that has been killed cannot, even while it is still there.
+    bool obeys(pid_t pid) {
+        desk_kill(h, pid, SIGSTOP);
+        const bool is_stopped = desk_until([&] { return status(pid, "State") == "T (stopped)"; });
+        desk_kill(h, pid, SIGCONT);
+        return is_stopped;
     }
 };
 
@@ -74,10 +83,28 @@ TEST_F(PacketsSwitch, IsNotLoadedFromTheSettingsFile) {
 
 TEST_F(PacketsSwitch, LeavesTheCollectorAlone) {
     ASSERT_NO_FATAL_FAILURE(boot(with_log_property(log_property({{2, "5,8192"}}))));
-    const pid_t tcpdump = process_with("/data/local/log/ipdata.pcap");
-    EXPECT_EQ(command("+DATA_PACKETS_LOG=1"), kOk);
-    EXPECT_EQ(children_of(desk_agent_pid(h)), std::vector<pid_t>{tcpdump});
-    EXPECT_NE(vector_of(tcpdump), "");
+    const pid_t tcpdump = process_with(kBase);
+    for (const char *request : {"+DATA_PACKETS_LOG=0", "+DATA_PACKETS_LOG=1"}) {
+        EXPECT_EQ(command(request), kOk);
+        EXPECT_EQ(children_of(desk_agent_pid(h)), std::vector<pid_t>{tcpdump}) << request;
+        EXPECT_TRUE(obeys(tcpdump)) << request;
+    }
+}
+
+// An agent that is no service: init, for its part, would clear the collector away.
+TEST_F(PacketsSwitch, OffEndsTheAgentButNotTheCollector) {
+    desk_options options = with_log_property(log_property({{2, "5,8192"}}));
+    options.agent = false;
+    ASSERT_NO_FATAL_FAILURE(boot_only(options));
+    desk_child agent = launch();
+    ASSERT_TRUE(wait_listening(agent.pid));
+    open_channel();
+    const pid_t tcpdump = process_with(kBase);
+    ASSERT_EQ(command("+DATA_PACKETS_LOG=1"), kOk);
+    EXPECT_EQ(command("+DATA_PACKETS_LOG=0"), "");
+    EXPECT_EQ(desk_wait(h, &agent, 10000), SIGKILL);
+    EXPECT_TRUE(obeys(tcpdump));
+    EXPECT_EQ(process_with(kBase), tcpdump);
 }
 
 // Off after on signals process 0: the agent's own process group, and so the agent. init starts it again.
