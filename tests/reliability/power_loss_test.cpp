@@ -46,6 +46,7 @@ class PowerLoss : public CommandTest {
         const int listener = desk_open_tty(h, kListener);
         ASSERT_GE(listener, 0) << desk_error() << evidence(h, agent);
         close(listener);
+        services++;
     }
 
     void start() {
@@ -106,12 +107,8 @@ class PowerLoss : public CommandTest {
         }
     }
 
-    // Something is going on, and it is at a random moment of it that the end comes.
+    // The agent has come up and something is going on: the end comes at a random moment of it.
     void provoke() {
-        if (dice.one_in(3)) {
-            dice.wait_up_to(400000);  // of the start
-            return;
-        }
         ASSERT_NO_FATAL_FAILURE(expect_service());
         const int count = dice.below(3);
         for (int request = 0; request < count; request++) {
@@ -121,6 +118,31 @@ class PowerLoss : public CommandTest {
         dice.wait_up_to(100000);
     }
 
+    // Every third start comes to its end at a random moment, whatever that moment finds.
+    bool is_cut_short() {
+        if (!dice.one_in(3)) {
+            return false;
+        }
+        dice.wait_up_to(400000);
+        cut_short++;
+        return true;
+    }
+
+    // The handset without power, and its next boot.
+    void reboot() {
+        hang_up();
+        close(child.wait_fd);
+        ASSERT_TRUE(desk_reboot(h, true)) << desk_error();
+        ASSERT_TRUE(desk_remove(h, kSaLog));  // pids begin anew: its first line could be taken for the next agent's
+    }
+
+    void tell(int rounds) {
+        printf("%d losses, %d more in the middle of a start; %d services seen; %s\n", rounds, cut_short, services,
+               to_text(holdings_of(h, agent)).c_str());
+    }
+
+    int services = 0;  // that have been seen to serve
+    int cut_short = 0;
     chance dice;
     desk_child child;
     pid_t agent = -1;
@@ -133,6 +155,10 @@ TEST_F(PowerLoss, KilledAtRandomItAlwaysComesUpAgain) {
     for (int round = 0; round < rounds; round++) {
         SCOPED_TRACE("round " + std::to_string(round));
         ASSERT_NO_FATAL_FAILURE(start());
+        if (is_cut_short()) {
+            ASSERT_NO_FATAL_FAILURE(kill_agent());
+            ASSERT_NO_FATAL_FAILURE(start());
+        }
         ASSERT_NO_FATAL_FAILURE(provoke());
         ASSERT_NO_FATAL_FAILURE(kill_agent());
         for (int count = dice.below(4); count > 0; count--) {
@@ -142,7 +168,8 @@ TEST_F(PowerLoss, KilledAtRandomItAlwaysComesUpAgain) {
     }
     ASSERT_NO_FATAL_FAILURE(start());
     ASSERT_NO_FATAL_FAILURE(expect_service());
-    printf("%d ends and starts; %s\n", rounds, to_text(holdings_of(h, agent)).c_str());
+    EXPECT_EQ(services, rounds + 1) << "one in each round, and one behind the last";
+    tell(rounds);
 }
 
 // The same with the whole handset, whose /data alone is there afterwards.
@@ -152,14 +179,16 @@ TEST_F(PowerLoss, OfTheWholeHandset) {
     for (int round = 0; round < rounds; round++) {
         SCOPED_TRACE("round " + std::to_string(round));
         ASSERT_NO_FATAL_FAILURE(start());
+        if (is_cut_short()) {
+            ASSERT_NO_FATAL_FAILURE(reboot());
+            ASSERT_NO_FATAL_FAILURE(start());
+        }
         ASSERT_NO_FATAL_FAILURE(provoke());
-        hang_up();
         ASSERT_NO_FATAL_FAILURE(dice.one_in(2) ? damage_list() : damage_file(kSettings));
-        close(child.wait_fd);
-        ASSERT_TRUE(desk_reboot(h, true)) << desk_error();
-        ASSERT_TRUE(desk_remove(h, kSaLog));  // pids begin anew: its first line could be taken for the next agent's
+        ASSERT_NO_FATAL_FAILURE(reboot());
     }
     ASSERT_NO_FATAL_FAILURE(start());
     ASSERT_NO_FATAL_FAILURE(expect_service());
-    printf("%d losses of power\n", rounds);
+    EXPECT_EQ(services, rounds + 1) << "one in each round, and one behind the last";
+    tell(rounds);
 }
