@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "tests/support/agent.h"
+#include "tests/support/crash.h"
 
 static const char kLink[] = "/dev/ttyCMD0";
 
@@ -80,13 +81,19 @@ static void PrintTo(const ending &one, std::ostream *out) {
     *out << one.text;
 }
 
-class EndingSignal : public Signals, public ::testing::WithParamInterface<ending> {};
+class EndingSignal : public Signals, public ::testing::WithParamInterface<ending> {
+  protected:
+    void SetUp() override {
+        sends_crashes = GetParam().signo == SIGSEGV || GetParam().signo == SIGBUS;
+    }
+};
 
 TEST_P(EndingSignal, TearsDownAndExitsWithZero) {
     ASSERT_NO_FATAL_FAILURE(start());
     ASSERT_TRUE(desk_kill(h, agent.pid, GetParam().signo));
     EXPECT_EQ(desk_wait(h, &agent, 10000), 0);
     EXPECT_EQ(last_lines(5), end_lines(GetParam().text));
+    EXPECT_EQ(crash_of(h), sends_crashes ? "signal[" + std::string(GetParam().text) + "]" : "");
     EXPECT_FALSE(desk_exists(h, kLink));
     settle();
     EXPECT_TRUE(in_order(

@@ -263,6 +263,10 @@ static void PrintTo(const ending &one, std::ostream *out) {
 
 class EndingStorm : public SignalStorm, public ::testing::WithParamInterface<ending> {
   protected:
+    void SetUp() override {
+        sends_crashes = GetParam().signo == SIGSEGV || GetParam().signo == SIGBUS;
+    }
+
     // A signal that was lost is sent again; one that was not must end the agent.
     int end_of_agent(desk_child *child) {
         for (int tries = 0; tries < kTries; tries++) {

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <chrono>
 
+#include "tests/support/crash.h"
 #include "tests/support/lack.h"
 #include "tests/support/sanitized.h"
 
@@ -32,6 +33,9 @@ void AgentTest::TearDown() {
 
 void AgentTest::end() {
     hang_up();
+    if (h != nullptr && !sends_crashes) {
+        EXPECT_EQ(crash_of(h), "") << "the agent crashed";
+    }
     desk_end(h);
     h = nullptr;
 }

@@ -35,7 +35,7 @@ class AgentTest : public ::testing::Test {
     bool wait_listening(pid_t pid, int limit_ms = 10000);
     // Waits until every child that the agent has started has become its program, or has failed to.
     bool wait_programs(int limit_ms = 10000);
-    // Takes the handset down and ends the test's use of it.
+    // Takes the handset down and ends the test's use of it. Fails when the agent has crashed, unless `sends_crashes`.
     void end();
 
     // Opens the command channel anew (after hang_up, or when the agent has been restarted).
@@ -67,6 +67,7 @@ class AgentTest : public ::testing::Test {
 
     desk *h = nullptr;
     int channel = -1;
+    bool sends_crashes = false;  // SIGSEGV and SIGBUS come from the test itself
 
   private:
     int settled = 0;  // number of the last entry that settle has written
