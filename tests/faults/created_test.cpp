@@ -21,6 +21,7 @@ class Busy : public CommandTest {
     void wait_files(const std::string &directory);
     void save_and_delete();
     void open_terminals();
+    void replace_collectors();
     found_tree walk();
 
     int listener = -1;
@@ -228,10 +229,24 @@ static std::vector<std::string> targets(const std::vector<std::string> &descript
     return found;
 }
 
+// Collectors that were forked while everything was open.
+void Busy::replace_collectors() {
+    const pid_t agent = desk_agent_pid(h);
+    const std::vector<pid_t> old = children_of(agent);
+    EXPECT_EQ(command("+DELETE_LOG"), kOk);
+    ASSERT_TRUE(desk_until([&] {
+        const std::vector<pid_t> now = children_of(agent);
+        const auto stays = [&](pid_t child) { return std::count(now.begin(), now.end(), child) > 0; };
+        return now.size() == 5 && std::count_if(old.begin(), old.end(), stays) == 1;
+    })) << "four new collectors beside the shell of before";
+    ASSERT_TRUE(wait_programs());
+}
+
 // Collectors open files and sockets of their own; none of the agent's may be among them. A remote shell has its terminal.
 TEST_F(Busy, ChildrenShareNothingWithTheAgent) {
     ASSERT_NO_FATAL_FAILURE(boot_busy(077));
     ASSERT_NO_FATAL_FAILURE(keep_busy());
+    ASSERT_NO_FATAL_FAILURE(replace_collectors());
     EXPECT_EQ(command("+SYSTEM=\"for fd in /proc/$$/fd/*; do readlink $fd; done > /dev/.desk/fds; true\""), kOk);
     std::map<std::string, std::vector<std::string>> holdings;
     const pid_t agent = desk_agent_pid(h);
@@ -242,13 +257,15 @@ TEST_F(Busy, ChildrenShareNothingWithTheAgent) {
     const std::vector<std::string> shell = holdings["<sleep><99>"];
     EXPECT_EQ(shell, (std::vector<std::string>{"/dev/ptmx", "/dev/ptmx", "/dev/ptmx"}));
     holdings.erase("<sleep><99>");
+    const std::string shell_command = desk_file_text(h, "/dev/.desk/fds");
+    EXPECT_NE(shell_command.find("/dev/null"), std::string::npos) << "a shell command has streams: " << shell_command;
     const std::vector<std::string> own = targets(descriptors(agent));
     ASSERT_GE(own.size(), 5u) << "channel, listener, connection, kernel messages in and out, log socket";
     for (const std::string &target : own) {
         for (const auto &[child, held] : holdings) {
             EXPECT_EQ(count_lines(held, target), 0) << child << " holds " << target;
         }
-        EXPECT_EQ(desk_file_text(h, "/dev/.desk/fds").find(target), std::string::npos) << "a shell command: " << target;
+        EXPECT_EQ(shell_command.find(target), std::string::npos) << "a shell command: " << target;
     }
     close(listener);
 }
