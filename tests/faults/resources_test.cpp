@@ -268,26 +268,47 @@ TEST_F(Scarce, LogDirectoryIsMadeAnewWithTheCollectors) {
 }
 
 // What stands in the diagnostic file's place while the agent runs and when it starts.
-class ScarceLog : public Scarce, public ::testing::WithParamInterface<const char *> {};
+class ScarceLog : public Scarce, public ::testing::WithParamInterface<const char *> {
+  protected:
+    void replace_log() {
+        const std::string replace = std::string("cd /data/local/log; rm -rf sa.log; ") + GetParam();
+        ASSERT_EQ(run({"/system/bin/sh", "-c", replace}).status, 0);
+    }
+
+    // A file of its own, with the last request.
+    void expect_log_with(const std::string &line) {
+        struct stat st;
+        EXPECT_TRUE(wait_file_line(line));
+        ASSERT_TRUE(desk_lstat(h, kSaLog, &st));
+        EXPECT_TRUE(S_ISREG(st.st_mode));
+    }
+};
+
+TEST_P(ScarceLog, ComesBackOnceItsPlaceIsFree) {
+    ASSERT_NO_FATAL_FAILURE(come_up());
+    ASSERT_NO_FATAL_FAILURE(replace_log());
+    EXPECT_EQ(ask("AT\r"), kOk);
+    ASSERT_TRUE(desk_remove(h, kSaLog));
+    EXPECT_EQ(ask("AT\r"), kOk);
+    expect_log_with("sa_handle_read_cmd_loop req[AT\r] ret_val[0]");
+    EXPECT_EQ(desk_agent_pid(h), agent);
+    EXPECT_TRUE(holds_no_more());
+}
 
 TEST_P(ScarceLog, IsReplacedAndComesBackAtTheNextStart) {
-    const std::string replace = std::string("cd /data/local/log; rm -rf sa.log; ") + GetParam();
     ASSERT_NO_FATAL_FAILURE(come_up());
-    ASSERT_EQ(run({"/system/bin/sh", "-c", replace}).status, 0);
+    ASSERT_NO_FATAL_FAILURE(replace_log());
     expect_all_well();
     EXPECT_TRUE(holds_no_more());
     ASSERT_EQ(run({"/system/bin/sh", "-c", "cd /data/local/log; rm -rf sa.log.*"}).status, 0);
     restart_agent();
     agent = desk_agent_pid(h);
     expect_all_well();
-    struct stat st;
     ASSERT_TRUE(desk_remove(h, kSaLog));
     restart_agent();
     agent = desk_agent_pid(h);
     expect_all_well();
-    ASSERT_TRUE(desk_lstat(h, kSaLog, &st));
-    EXPECT_TRUE(S_ISREG(st.st_mode));
-    EXPECT_TRUE(wait_file_line("sa_handle_read_cmd_loop req[AT SA+DELETE_LOG\r] ret_val[0]"));
+    expect_log_with("sa_handle_read_cmd_loop req[AT SA+DELETE_LOG\r] ret_val[0]");
 }
 
 INSTANTIATE_TEST_SUITE_P(ByThings, ScarceLog,
