@@ -4,11 +4,14 @@
 
 #include <poll.h>
 #include <signal.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
+
+#include "tests/support/crash.h"
 
 static const int kQuiet = 5000;  // ms without any sign of life
 static const int kLong = 30000;  // ms that the slowest request may take
@@ -19,8 +22,12 @@ static bool begins(const std::string &text, const std::string &start) {
 
 // ---- the agent's process
 
+static std::string tasks_of(const subject *s) {
+    return "/proc/" + std::to_string(s->agent) + "/task";
+}
+
 static bool has_ended(const subject *s) {
-    return s->agent > 0 && !desk_exists(s->h, "/proc/" + std::to_string(s->agent) + "/task");
+    return s->agent > 0 && !desk_exists(s->h, tasks_of(s));
 }
 
 static bool has_logged(const subject *s, const std::string &start) {
@@ -34,10 +41,15 @@ static bool has_file_line(const subject *s, const std::string &part) {
     return desk_file_text(s->h, "/data/local/log/sa.log").find(part) != std::string::npos;
 }
 
+// A crash comes first: it ends as orderly as any request to end.
 static std::string end_of(const subject *s) {
     for (const desk_event &event : desk_events(s->h, "exit")) {
         if (event.fields[0] != "zr-qel-sa" || (s->agent > 0 && stoi(event.fields[1]) != s->agent)) {
             continue;
+        }
+        const std::string crash = crash_of(s->h);
+        if (!crash.empty()) {
+            return "a crash: " + crash;
         }
         const int status = stoi(event.fields[2]);
         const std::string how = WIFEXITED(status) ? "status " + std::to_string(WEXITSTATUS(status))
@@ -59,7 +71,7 @@ static bool open_channel(subject *s, int limit_ms) {
 }
 
 static int thread_count(const subject *s) {
-    return static_cast<int>(desk_list(s->h, "/proc/" + std::to_string(s->agent) + "/task").size());
+    return static_cast<int>(desk_list(s->h, tasks_of(s)).size());
 }
 
 bool wait_up(subject *s) {
@@ -131,9 +143,15 @@ std::string ask(subject *s, const std::string &request) {
     return in_words(answer);
 }
 
+// Whether the command thread has logged its end.
+static bool has_left_channel(const subject *s) {
+    return has_logged(s, "sa_handle_read_cmd_loop pub_pty_close ret_val[") ||
+           has_file_line(s, "sa_handle_read_cmd_loop exit ret_val[");
+}
+
 // Whether a fresh connection is answered. The channel is made anew behind the agent's read: the first try may come early.
 static bool is_answered(subject *s) {
-    for (int tries = 0; tries < 3 && !has_ended(s); tries++) {
+    for (int tries = 0; tries < 3 && !has_ended(s) && !has_left_channel(s); tries++) {
         if (s->channel >= 0) {
             close(s->channel);
             s->channel = -1;
@@ -149,6 +167,15 @@ static bool is_answered(subject *s) {
         }
     }
     return false;
+}
+
+std::string first_opening(subject *s) {
+    desk_until([&] { return has_ended(s) || has_logged(s, "sa_handle_read_cmd_loop pub_pty_open"); });
+    s->agent = desk_agent_pid(s->h);
+    open_channel(s, 2000);
+    const std::string answer = ask(s, "AT");
+    desk_until([&] { return has_left_channel(s) || !threads_in(s, SYS_read, "/dev/ptmx").empty(); }, 1000);
+    return answer;
 }
 
 std::string hang_up(subject *s) {
@@ -241,14 +268,29 @@ std::string lose_logcat(subject *s) {
     return desk_wait_gone(s->h, child, kQuiet) ? "reaped" : "a zombie stays";
 }
 
-// By their files; a reader of kernel messages shows by its stream.
-static std::vector<std::string> running_collectors(const subject *s, const std::vector<std::string> &descriptors) {
+std::vector<pid_t> threads_in(const subject *s, long call, const std::string &target) {
+    const std::string descriptors = "/proc/" + std::to_string(s->agent) + "/fd/";
+    std::vector<pid_t> found;
+    for (const std::string &name : desk_list(s->h, tasks_of(s))) {
+        const pid_t thread = stoi(name);
+        long number = -1;
+        unsigned long argument = 0;
+        const std::string text = desk_file_text(s->h, tasks_of(s) + "/" + name + "/syscall");
+        if (sscanf(text.c_str(), "%ld 0x%lx", &number, &argument) == 2 && number == call && thread != s->agent &&
+            (target.empty() || desk_link_target(s->h, descriptors + std::to_string(argument)) == target)) {
+            found.push_back(thread);
+        }
+    }
+    return found;
+}
+
+// Children by their files. Readers of kernel messages by the threads that read: a forgotten descriptor is no reader.
+static std::vector<std::string> running_collectors(const subject *s) {
     std::vector<std::string> found;
     for (const char *file : {"ipdata.pcap", "logcat.log", "logcat-events.log", "logcat-radio.log"}) {
         found.insert(found.end(), processes_with(s->h, std::string("/data/local/log/") + file).size(), file);
     }
-    const auto readers = std::count(descriptors.begin(), descriptors.end(), "/proc/kmsg");
-    found.insert(found.end(), static_cast<size_t>(readers), "kmsg.log");
+    found.insert(found.end(), threads_in(s, SYS_read, "/proc/kmsg").size(), "kmsg.log");
     std::sort(found.begin(), found.end());
     return found;
 }
@@ -260,7 +302,8 @@ static std::vector<std::string> targets(const subject *s) {
     std::vector<std::string> found;
     for (const std::string &name : desk_list(s->h, directory)) {
         const std::string target = desk_link_target(s->h, directory + "/" + name);
-        found.push_back(target.substr(0, target.find(':')));
+        const size_t cut = std::min(target.find(':'), target.find(" (deleted)"));  // "socket:[123]"
+        found.push_back(target.substr(0, cut));
     }
     std::sort(found.begin(), found.end());
     return found;
@@ -272,19 +315,50 @@ std::vector<std::string> more(const std::vector<std::string> &now, const std::ve
     return found;
 }
 
-// Takes the threads and descriptors once they are settled: a waiter keeps its child's descriptor for a moment, and the
-// listener and the channel are being made anew.
+// What a collector takes of the agent beside one thread: a child's waiter the null device, a reader its stream and its file.
+static std::vector<std::string> holdings_of(const std::string &collector) {
+    return collector == "kmsg.log" ? std::vector<std::string>{"/data/local/log/kmsg.log", "/proc/kmsg"}
+                                   : std::vector<std::string>{"/dev/null"};
+}
+
+health with_collectors(const health &normal, const std::vector<std::string> &collectors) {
+    health other = normal;
+    for (const std::string &missing : more(normal.collectors, collectors)) {
+        other.threads--;
+        for (const std::string &held : holdings_of(missing)) {
+            const auto found = std::find(other.descriptors.begin(), other.descriptors.end(), held);
+            if (found != other.descriptors.end()) {
+                other.descriptors.erase(found);
+            }
+        }
+    }
+    for (const std::string &unstopped : more(collectors, normal.collectors)) {
+        other.threads++;
+        const std::vector<std::string> held = holdings_of(unstopped);
+        other.descriptors.insert(other.descriptors.end(), held.begin(), held.end());
+    }
+    other.collectors = collectors;
+    std::sort(other.descriptors.begin(), other.descriptors.end());
+    return other;
+}
+
+// Takes the collectors, threads and descriptors once they are settled: a waiter keeps its child's descriptor for a moment,
+// and the listener and the channel are being made anew.
 static void take_holdings(const subject *s, const health *normal, health *state) {
     int looks = 0;
     desk_until(
         [&] {
             const health last = *state;
+            state->collectors = running_collectors(s);
             state->threads = thread_count(s);
             state->descriptors = targets(s);
             if (normal != nullptr) {
-                return state->threads <= normal->threads && more(state->descriptors, normal->descriptors).empty();
+                const health wanted = with_collectors(*normal, state->collectors);
+                return state->threads <= wanted.threads && more(state->descriptors, wanted.descriptors).empty();
             }
-            looks = state->threads == last.threads && state->descriptors == last.descriptors ? looks + 1 : 0;
+            const bool is_same = state->threads == last.threads && state->descriptors == last.descriptors &&
+                                 state->collectors == last.collectors;
+            looks = is_same ? looks + 1 : 0;
             return looks == 50;
         },
         5000);
@@ -293,8 +367,7 @@ static void take_holdings(const subject *s, const health *normal, health *state)
 health look_after(subject *s, const health *normal) {
     health state;
     s->agent = s->agent > 0 ? s->agent : desk_agent_pid(s->h);
-    state.left_channel_in_order = has_logged(s, "sa_handle_read_cmd_loop pub_pty_close ret_val[") ||
-                                  has_file_line(s, "sa_handle_read_cmd_loop exit ret_val[");
+    state.left_channel_in_order = has_left_channel(s);
     state.end = end_of(s);
     if (!state.end.empty()) {
         return state;
@@ -304,6 +377,5 @@ health look_after(subject *s, const health *normal) {
         desk_until([&] { return has_ended(s) || try_remote_shell(s) == "a shell"; }, 4 * kQuiet) && !has_ended(s);
     state.end = end_of(s);
     take_holdings(s, normal, &state);
-    state.collectors = running_collectors(s, state.descriptors);
     return state;
 }

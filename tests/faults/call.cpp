@@ -1,6 +1,4 @@
-// What is left out on purpose: close (an injected failure keeps a descriptor that a real one would have freed), brk (the
-// kernel tells of a failure by the old end, never by an error), calls that cannot fail as they are used (signal masks,
-// ids, locks), and the end of the process.
+// Two tables say it all: which errors a call is tried with, and which calls are left in peace. No state.
 #include "tests/faults/call.h"
 
 #include <algorithm>
@@ -14,9 +12,10 @@ struct error_row {
 
 static const std::vector<error_row> &rows() {
     static const std::vector<error_row> all = {
-        {"openat", {"EMFILE", "EACCES"}},
+        {"openat", {"EMFILE", "EACCES", "ENOENT", "ENOMEM", "EIO"}},
         {"read", {"EIO", "EINTR", "EAGAIN", "ENOMEM"}},
         {"write", {"ENOSPC", "EIO", "EAGAIN"}},
+        {"writev", {"EPIPE", "EAGAIN"}},
         {"sendmsg", {"EAGAIN", "ECONNREFUSED"}},
         {"sendto", {"EPIPE"}},
         {"recvfrom", {"ECONNRESET"}},
@@ -52,9 +51,29 @@ static const std::vector<error_row> &rows() {
         {"setgid", {"EPERM"}},
         {"chdir", {"EACCES"}},
         {"dup2", {"EBUSY"}},
+        {"dup3", {"EBUSY", "EMFILE"}},
         {"execve", {"ENOENT", "ENOMEM"}},
     };
     return all;
+}
+
+// Calls that are not tried, and why.
+static bool is_left_out(const std::string &call) {
+    static const std::map<std::string, const char *> kReasons = {
+        {"close", "an injected failure keeps a descriptor that a real one would have freed"},
+        {"brk", "the kernel tells of a failure by the old end, never by an error"},
+        {"exit", "does not return"},
+        {"exit_group", "does not return"},
+        {"rt_sigreturn", "does not return"},
+        {"futex", "the C library's locks, which know no failure"},
+        {"getpid", "cannot fail"},
+        {"getrandom", "a seed of the C library's, which does without"},
+        {"munmap", "cannot fail for what has been mapped whole"},
+        {"madvise", "advice: the C library does not look whether it is taken"},
+        {"rt_sigaction", "cannot fail with a signal's right number"},
+        {"rt_sigprocmask", "cannot fail with a right set"},
+    };
+    return kReasons.count(call) > 0;
 }
 
 static std::vector<std::string> errors_of(const traced_call &call) {
@@ -101,23 +120,47 @@ static std::string kind_of(const traced_call &call, const std::string &line) {
 }
 
 bool parse_call(const std::string &line, traced_call *call) {
-    static const std::regex kCall("^(?:[0-9]+ +)?([a-z_0-9]+)\\((.*)$");
+    static const std::regex kCall("^(?:([0-9]+) +)?([a-z_0-9]+)\\((.*)$");
+    static const std::regex kLink("^\"[^\"]*\", \"(/[^\"]*)\"");
     static const std::regex kPath("^(?:[0-9]+<(/[^>]*)>|(?:AT_FDCWD<[^>]*>, )?\"(/[^\"]*)\")");
     std::smatch parts;
     if (!std::regex_match(line, parts, kCall)) {
         return false;
     }
     *call = traced_call();
-    call->name = parts[1];
-    const std::string arguments = parts[2];
+    call->thread = parts[1].matched ? stoi(parts[1]) : 0;
+    call->name = parts[2];
+    const std::string arguments = parts[3];
     std::smatch path;
-    // A link's first path is the fresh slave's, another one at each run.
-    if (call->name != "symlink" && std::regex_search(arguments, path, kPath)) {
+    // A link's first path is the fresh slave's, another one at each run: the call is about the name that is made.
+    if (call->name == "symlink" && std::regex_search(arguments, path, kLink)) {
+        call->path = path[1];
+    } else if (call->name != "symlink" && std::regex_search(arguments, path, kPath)) {
         call->path = path[1].matched ? path[1].str() : path[2].str();
     }
     call->creates = has(line, "O_CREAT");
     call->title = call->name + kind_of(*call, line) + (call->path.empty() ? "" : " " + call->path);
     return true;
+}
+
+std::vector<std::string> whole_calls(const std::vector<std::string> &lines) {
+    static const std::regex kResumed("^([0-9]+) +<\\.\\.\\. [a-z_0-9]+ resumed>(.*)$");
+    static const std::string kUnfinished = " <unfinished ...>";
+    std::vector<std::string> whole;
+    std::map<std::string, size_t> begun;  // by thread
+    for (const std::string &line : lines) {
+        std::smatch parts;
+        const size_t cut = line.rfind(kUnfinished);
+        if (std::regex_match(line, parts, kResumed) && begun.count(parts[1]) > 0) {
+            whole[begun[parts[1]]] += parts[2];
+        } else if (cut != std::string::npos && cut + kUnfinished.size() == line.size()) {
+            begun[line.substr(0, line.find(' '))] = whole.size();
+            whole.push_back(line.substr(0, cut));
+        } else {
+            whole.push_back(line);
+        }
+    }
+    return whole;
 }
 
 // Names that hold a process id are another path at each run, but for the first processes of a handset.
@@ -145,10 +188,18 @@ static std::vector<std::string> whens(int before, int count, bool differ) {
 
 struct group {
     traced_call call;
-    int before = 0;
-    int count = 0;
+    std::map<int, int> before;  // by thread
+    std::map<int, int> counts;
     bool differ = false;  // its calls have other titles: requests of ioctl
 };
+
+static int highest(const std::map<int, int> &counts) {
+    int found = 0;
+    for (const auto &[thread, count] : counts) {
+        found = std::max(found, count);
+    }
+    return found;
+}
 
 std::vector<fault> faults_of(const std::vector<std::string> &recording, size_t first) {
     std::vector<std::string> order;
@@ -160,22 +211,33 @@ std::vector<fault> faults_of(const std::vector<std::string> &recording, size_t f
         }
         const std::string key = call.name + " " + call.path;
         group *found = &groups[key];
-        if (found->count + found->before == 0) {
+        if (found->call.name.empty()) {
             found->call = call;
             order.push_back(key);
         }
         found->differ =
             found->differ || found->call.title != call.title || (call.path.empty() && call.name != "sendmsg");
-        (i < first ? found->before : found->count)++;
+        (i < first ? found->before : found->counts)[call.thread]++;
     }
     std::vector<fault> faults;
     for (const std::string &key : order) {
         const group &g = groups[key];
-        for (const std::string &when : whens(g.before, g.count, g.differ)) {
+        for (const std::string &when : whens(highest(g.before), highest(g.counts), g.differ)) {
             for (const std::string &error : errors_of(g.call)) {
                 faults.push_back({g.call.name, g.call.path, error, when});
             }
         }
     }
     return faults;
+}
+
+std::set<std::string> unknown_calls(const std::vector<std::string> &recording, size_t first) {
+    std::set<std::string> unknown;
+    for (size_t i = first; i < recording.size(); i++) {
+        traced_call call;
+        if (parse_call(recording[i], &call) && errors_of(call).empty() && !is_left_out(call.name)) {
+            unknown.insert(call.name);
+        }
+    }
+    return unknown;
 }

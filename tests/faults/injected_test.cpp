@@ -32,7 +32,8 @@ TEST_P(Injected, EndsAsForeseen) {
     ASSERT_TRUE(run_stage(*found, nullptr, nullptr, &plain)) << desk_error();
     ASSERT_TRUE(run_stage(*found, &wanted.injected, &plain, &end)) << desk_error();
     EXPECT_NE(end.hit, "") << "nothing was injected";
-    EXPECT_EQ(outcome(plain, end, &defect), wanted.outcome);
+    EXPECT_EQ(plain_defect(*found, plain), "");
+    EXPECT_EQ(outcome(*found, wanted.injected, plain, end, &defect), wanted.outcome);
     EXPECT_EQ(defect, "");
 }
 
@@ -57,6 +58,9 @@ static const sample kStarts[] = {
     {"start", {"openat", kSaLog, "EMFILE", "1+"}, "as ever"},
     {"start, no log directory", {"mkdir", "/data/local/log", "ENOSPC", "1"}, "without collectors"},
     {"start, /data nearly full", {"unlink", "/data/.protect/1", "EROFS", "1"}, "as ever"},
+    {"start, command thread",
+     {"symlink", "/dev/ttyCMD0", "ENOSPC", "1"},
+     "no answer; the command thread ends, the agent goes on"},
 };
 
 static const sample kCommands[] = {
@@ -94,10 +98,10 @@ static const sample kTheRest[] = {
     {"a kernel message", {"read", "/proc/kmsg", "EIO", "2"}, "without kmsg.log"},
     {"remote shell", {"openat", kPtmx, "EMFILE", "1"}, "no shell"},
     {"the host leaves the listener",
-     {"symlink", "", "EEXIST", "1"},
+     {"symlink", "/dev/ttysa1", "EEXIST", "1"},
      "no fresh listener; the agent ends with status 0 after its teardown"},
     {"SIGTERM", {"unlink", "/dev/ttyCMD0", "EROFS", "1"}, "as ever"},
-    {"SIGUSR2", {"connect", "", "ECONNREFUSED", "1"}, "does not end"},
+    {"SIGUSR2", {"writev", "", "EPIPE", "1"}, "does not end"},
 };
 
 // "StartCloneEAGAIN1": letters and digits are all that a test's name may hold.
@@ -116,3 +120,100 @@ static std::string name_of(const ::testing::TestParamInfo<sample> &info) {
 INSTANTIATE_TEST_SUITE_P(Starts, Injected, ::testing::ValuesIn(kStarts), name_of);
 INSTANTIATE_TEST_SUITE_P(Commands, Injected, ::testing::ValuesIn(kCommands), name_of);
 INSTANTIATE_TEST_SUITE_P(TheRest, Injected, ::testing::ValuesIn(kTheRest), name_of);
+
+// ---- the judge
+
+class Judged : public ::testing::Test {
+  protected:
+    // An agent with two collectors that has met no fault.
+    void SetUp() override {
+        plain.seen = "OK";
+        plain.state.has_channel = plain.state.has_shell = true;
+        plain.state.collectors = {"kmsg.log", "logcat.log"};
+        plain.state.descriptors = {"/data/local/log/kmsg.log", "/dev/null", "/dev/ptmx", "/proc/kmsg"};
+        plain.state.threads = 4;
+        end = plain;
+        end.hit = "clone (fork)";
+        deletion.name = "+DELETE_LOG";
+    }
+
+    std::string defect() {
+        std::string found;
+        outcome(deletion, {"clone", "", "EAGAIN", "1"}, plain, end, &found);
+        return found;
+    }
+
+    stage deletion;
+    ending plain;
+    ending end;
+};
+
+TEST_F(Judged, AnEndingThatIsForeseenForTheCall) {
+    EXPECT_EQ(defect(), "");
+    end.seen = "ERROR";
+    EXPECT_EQ(defect(), "");
+    end.hit = "sendmsg";
+    EXPECT_EQ(defect(), "\"ERROR\" is not foreseen");
+    deletion.name = "AT";
+    end.hit = "clone (fork)";
+    EXPECT_EQ(defect(), "\"ERROR\" is not foreseen");
+    end.seen = "no answer";
+    EXPECT_EQ(defect(), "\"no answer\" is not foreseen");
+}
+
+TEST_F(Judged, AnEndByCrashStatusOrSignal) {
+    for (const char *how : {"a crash: signal[11-SIGSEGV]", "status 0", "status 42 after its teardown",
+                            "signal 6 after its teardown", "status 138 after its teardown"}) {
+        end.state.end = how;
+        EXPECT_EQ(defect(), "\"the agent ends with " + std::string(how) + "\" is not foreseen");
+    }
+    plain.state.end = "a crash: signal[7-SIGBUS]";
+    EXPECT_EQ(plain_defect(deletion, plain), "a crash: signal[7-SIGBUS]");
+}
+
+// A collector that is missing takes what it held along: what is as much as before is one too many.
+TEST_F(Judged, WhatIsLeftOfAMissingCollector) {
+    end.state.collectors = {"kmsg.log"};
+    EXPECT_EQ(defect(), "descriptors left: /dev/null; 1 threads left");
+    end.state.descriptors = {"/data/local/log/kmsg.log", "/dev/ptmx", "/proc/kmsg"};
+    end.state.threads = 3;
+    EXPECT_EQ(defect(), "");
+    end.state.collectors = {};
+    end.state.threads = 2;
+    EXPECT_EQ(defect(), "descriptors left: /data/local/log/kmsg.log, /proc/kmsg");
+    end.state.descriptors = {"/dev/ptmx"};
+    EXPECT_EQ(defect(), "");
+}
+
+TEST_F(Judged, WhatACollectorHoldsThatWasNotStopped) {
+    end.hit = "kill";
+    end.state.collectors = {"kmsg.log", "logcat.log", "logcat.log"};
+    end.state.descriptors = {"/data/local/log/kmsg.log", "/dev/null", "/dev/null", "/dev/ptmx", "/proc/kmsg"};
+    end.state.threads = 5;
+    EXPECT_EQ(defect(), "");
+    end.state.threads = 6;
+    EXPECT_EQ(defect(), "1 threads left");
+}
+
+// ---- the recording
+
+TEST(Recording, CountsInEachThreadAndNamesWhatIsNotKnown) {
+    const std::vector<std::string> recording = whole_calls({
+        "11 setuid(1000 <unfinished ...>",
+        "12 setuid(1000)                = 0",
+        "11 <... setuid resumed>)       = 0",
+        "12 symlink(\"/dev/pts/3\", \"/dev/ttysa1\") = 0",
+        "12 setuid(1000)                = 0",
+        "12 frobnicate(1)               = 0",
+    });
+    ASSERT_EQ(recording.size(), 5u);
+    EXPECT_EQ(recording[0], "11 setuid(1000)       = 0");
+    std::vector<std::string> found;
+    for (const fault &f : faults_of(recording, 0)) {
+        found.push_back(f.call + " " + f.path + " " + f.error + " " + f.when);
+    }
+    EXPECT_EQ(found, (std::vector<std::string>{"setuid  EAGAIN 1", "setuid  EAGAIN 2", "setuid  EAGAIN 1+",
+                                               "symlink /dev/ttysa1 ENOSPC 1", "symlink /dev/ttysa1 EEXIST 1"}));
+    EXPECT_EQ(unknown_calls(recording, 0), std::set<std::string>{"frobnicate"});
+    EXPECT_EQ(unknown_calls(recording, 5), std::set<std::string>{});
+}

@@ -22,7 +22,7 @@ static const char kTracer[] = "/usr/bin/strace";
 static std::vector<std::string> tracer_words(const stage &s, const fault *fault) {
     // -I 2: it lets go when it is told to end, also where it has started the program.
     std::vector<std::string> words = {kTracer, "-I", "2", "-qq", "-y", "-s", "64", "-o", kTrace};
-    if (s.who == EVERYBODY) {
+    if (traces_children(s)) {
         words.push_back("-f");
     }
     if (fault == nullptr) {
@@ -36,6 +36,14 @@ static std::vector<std::string> tracer_words(const stage &s, const fault *fault)
     return words;
 }
 
+bool traces_children(const stage &s) {
+    return s.who == EVERYBODY || s.who == EVERYBODY_FROM_EXEC;
+}
+
+static bool is_from_exec(const stage &s) {
+    return s.who == FROM_EXEC || s.who == EVERYBODY_FROM_EXEC;
+}
+
 static std::string tasks_of(pid_t pid) {
     return "/proc/" + std::to_string(pid) + "/task";
 }
@@ -46,32 +54,17 @@ static bool is_traced(desk *h, const std::string &task) {
     return status.find("TracerPid:\t0\n") == std::string::npos;
 }
 
-// The thread that sits in this system call with this descriptor's target; -1 when there is none.
-static pid_t thread_in(subject *s, long call, const std::string &target) {
-    const std::string process = "/proc/" + std::to_string(s->agent);
-    for (const std::string &name : desk_list(s->h, tasks_of(s->agent))) {
-        long number = -1;
-        unsigned long argument = 0;
-        const std::string text = desk_file_text(s->h, tasks_of(s->agent) + "/" + name + "/syscall");
-        const bool is_main = atoi(name.c_str()) == s->agent;
-        if (sscanf(text.c_str(), "%ld 0x%lx", &number, &argument) == 2 && number == call && !is_main &&
-            (target.empty() || desk_link_target(s->h, process + "/fd/" + std::to_string(argument)) == target)) {
-            return atoi(name.c_str());
-        }
-    }
-    return -1;
-}
-
 static pid_t find_thread(subject *s, tracee who) {
-    pid_t found = -1;
-    const bool is_waiter = who == WAITER;
+    if (who == MAIN_THREAD || who == EVERYBODY) {
+        return s->agent;
+    }
+    std::vector<pid_t> found;
     desk_until([&] {
-        found = who == MAIN_THREAD || who == EVERYBODY ? s->agent
-                : is_waiter                            ? thread_in(s, SYS_wait4, "")
-                            : thread_in(s, SYS_read, who == COMMAND_THREAD ? "/dev/ptmx" : "/proc/kmsg");
-        return found > 0;
+        found = who == WAITER ? threads_in(s, SYS_wait4, "")
+                              : threads_in(s, SYS_read, who == COMMAND_THREAD ? "/dev/ptmx" : "/proc/kmsg");
+        return !found.empty();
     });
-    return found;
+    return found.empty() ? -1 : found[0];
 }
 
 static bool attach(const stage &st, subject *s, const fault *fault, desk_child *tracer) {
@@ -136,7 +129,7 @@ static bool boot(const stage &st, const fault *fault, subject *s) {
     if (st.prepare) {
         st.prepare(&options);
     }
-    if (st.who == FROM_EXEC) {
+    if (is_from_exec(st)) {
         options.files.push_back(traced_service(st, fault));
     }
     s->h = desk_boot(options);
@@ -156,7 +149,7 @@ static std::vector<std::string> lines_of(const std::string &text) {
 }
 
 static void take_trace(const stage &st, desk *h, ending *end) {
-    end->trace = lines_of(desk_file_text(h, kTrace));
+    end->trace = whole_calls(lines_of(desk_file_text(h, kTrace)));
     for (const std::string &line : end->trace) {
         traced_call call;
         if (line.find("(INJECTED)") != std::string::npos && parse_call(line, &call)) {
@@ -190,7 +183,7 @@ bool run_stage(const stage &st, const fault *fault, const ending *plain, ending 
     subject s;
     *end = ending();
     bool is_ready = boot(st, fault, &s);
-    if (is_ready && st.who != FROM_EXEC) {
+    if (is_ready && !is_from_exec(st)) {
         is_ready = make_ready(st, fault, &s);
     }
     if (is_ready) {
@@ -198,6 +191,9 @@ bool run_stage(const stage &st, const fault *fault, const ending *plain, ending 
         settle(&s);
         let_go(s.h);
         take_trace(st, s.h, end);
+        if (st.resume) {
+            st.resume(&s);
+        }
         end->state = look_after(&s, plain != nullptr ? &plain->state : nullptr);
     }
     if (s.channel >= 0) {
@@ -212,80 +208,4 @@ bool is_concerned(const stage &s, const fault &fault) {
     return is_call && (s.paths.empty() || std::any_of(s.paths.begin(), s.paths.end(), [&](const std::string &part) {
                            return fault.path.find(part) != std::string::npos;
                        }));
-}
-
-// ---- words
-
-static std::string listed(const std::vector<std::string> &names) {
-    std::string text;
-    for (const std::string &name : names) {
-        text += (text.empty() ? "" : ", ") + name;
-    }
-    return text;
-}
-
-static void add(std::string *text, const std::string &what) {
-    if (!what.empty()) {
-        *text += (text->empty() ? "" : "; ") + what;
-    }
-}
-
-// Takes away what a collector holds in the agent: a child's waiter its null device, a reader its stream and its file.
-static void discount(const std::string &collector, std::vector<std::string> *descriptors) {
-    for (const char *held : {"/dev/null", "/proc/kmsg", "/data/local/log/kmsg.log"}) {
-        const bool is_reader = collector == "kmsg.log";
-        const auto found = std::find_if(descriptors->begin(), descriptors->end(), [&](const std::string &name) {
-            return name.compare(0, strlen(held), held) == 0;
-        });
-        if (is_reader != (strcmp(held, "/dev/null") == 0) && found != descriptors->end()) {
-            descriptors->erase(found);
-        }
-    }
-}
-
-// What the agent holds beyond a run without a fault, and beyond collectors that could not be stopped.
-static void tell_holdings(const health &plain, const ending &end, std::string *text, std::string *defect) {
-    const health &now = end.state;
-    const std::vector<std::string> unstopped = more(now.collectors, plain.collectors);
-    std::vector<std::string> left = more(now.descriptors, plain.descriptors);
-    for (const std::string &collector : unstopped) {
-        discount(collector, &left);
-    }
-    // A master whose published name cannot be removed stays open on purpose: the name leads to it.
-    if (end.hit == "unlink /dev/ttyCMD0" && left == std::vector<std::string>{"/dev/ptmx"}) {
-        add(text, "the old master stays open");
-        left.clear();
-    }
-    const int threads = now.threads - plain.threads - static_cast<int>(unstopped.size());
-    add(text, unstopped.empty() ? "" : "not stopped: " + listed(unstopped));
-    add(defect, left.empty() ? "" : "descriptors left: " + listed(left));
-    add(defect, threads <= 0 ? "" : std::to_string(threads) + " threads left");
-}
-
-// Of an agent that lives.
-static void tell_state(const ending &plain, const ending &end, std::string *text, std::string *defect) {
-    const health &now = end.state;
-    if (!now.has_channel && plain.state.has_channel) {
-        add(text, "the command thread ends, the agent goes on");
-        add(defect, now.left_channel_in_order ? "" : "no command channel, and its thread has not ended in order");
-    }
-    add(defect, now.has_shell ? "" : "no remote shell");
-    const std::vector<std::string> missing = more(plain.state.collectors, now.collectors);
-    const bool is_none = now.collectors.empty() && missing.size() > 1;
-    add(text, missing.empty() ? "" : "without " + (is_none ? "collectors" : listed(missing)));
-    tell_holdings(plain.state, end, text, defect);
-}
-
-std::string outcome(const ending &plain, const ending &end, std::string *defect) {
-    std::string text = end.seen == plain.seen ? "" : end.seen;
-    defect->clear();
-    if (end.state.end != plain.state.end) {
-        add(&text, end.state.end.empty() ? "" : "the agent ends with " + end.state.end);
-        const bool is_ordered = end.state.end.find("after its teardown") != std::string::npos;
-        add(defect, end.state.end.empty() || is_ordered ? "" : "an end without a teardown");
-        add(defect, !end.state.end.empty() || end.state.has_channel ? "" : "a life without a channel");
-    } else if (end.state.end.empty()) {
-        tell_state(plain, end, &text, defect);
-    }
-    return text.empty() ? "as ever" : text;
 }

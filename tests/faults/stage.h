@@ -11,7 +11,8 @@
 
 // Whose calls a stage is about.
 enum tracee {
-    FROM_EXEC,    // the main thread, from the program's first instruction
+    FROM_EXEC,  // the main thread, from the program's first instruction
+    EVERYBODY_FROM_EXEC,
     MAIN_THREAD,  // the same once it listens
     COMMAND_THREAD,
     KERNEL_READER,  // the collector's
@@ -36,15 +37,16 @@ struct stage {
     std::vector<std::string> calls = {};          // only these are tried; empty: all
     std::vector<std::string> paths = {};          // and only about paths with one of these as a part; empty: any
     std::function<void(desk_options *)> prepare;  // of the handset, may be empty
+    std::function<void(subject *)> resume;        // once nothing fails any more, may be empty
 };
 
 // How the agent fares afterwards, when nothing fails any more.
 struct health {
-    std::string end;                       // of the process, empty while it lives: "status 0 after its teardown"
+    std::string end;  // of the process, empty while it lives: "status 0 after its teardown", "a crash: signal[...]"
     bool has_channel = false;              // AT is answered OK on a fresh connection
     bool left_channel_in_order = false;    // its thread has logged its end
     bool has_shell = false;                // a remote shell runs
-    std::vector<std::string> collectors;   // that run
+    std::vector<std::string> collectors;   // that run, a second one of a kind told twice
     std::vector<std::string> descriptors;  // what they lead to, without numbers
     int threads = 0;
 };
@@ -63,10 +65,15 @@ const std::vector<stage> &stages();
 // (desk_error()).
 bool run_stage(const stage &s, const fault *fault, const ending *plain, ending *end);
 
+// Whether a stage is about all threads and children, not about one thread.
+bool traces_children(const stage &s);
+
 // Whether a fault is one that the stage is about.
 bool is_concerned(const stage &s, const fault &fault);
 
 // What came of a fault, in words, compared with the run that had none; empty `defect` when such an ending is foreseen.
-std::string outcome(const ending &plain, const ending &end, std::string *defect);
+std::string outcome(const stage &s, const fault &fault, const ending &plain, const ending &end, std::string *defect);
+// What is wrong with a run without a fault; empty when nothing is.
+std::string plain_defect(const stage &s, const ending &plain);
 
 #endif

@@ -48,6 +48,15 @@ static void leave_no_room(desk_options *options) {
     };
 }
 
+// The main thread waits in a shell command, between the command thread's birth and its own listener.
+static void hold_main_thread(desk_options *options) {
+    options->files.push_back(script("/system/bin/touch", "until [ -e /dev/.desk/go ]; do sleep 0.05; done\n"));
+}
+
+static void free_main_thread(subject *s) {
+    desk_write_file(s->h, "/dev/.desk/go", "");
+}
+
 static void one_logcat(desk_options *options) {
     options->properties.push_back({kLogProperty, log_property({{5, "5,5120"}})});
 }
@@ -64,6 +73,11 @@ static void add_starts(std::vector<stage> *all) {
     without_directory.prepare = [](desk_options *options) { options->log_dir = false; };
     without_directory.calls = {"mkdir", "chown", "chmod"};
     all->push_back(without_directory);
+    stage channel = other_stage("start, command thread", EVERYBODY_FROM_EXEC, false, first_opening);
+    channel.prepare = hold_main_thread;
+    channel.resume = free_main_thread;
+    channel.paths = {"/dev/ptmx", "/dev/ttyCMD0"};
+    all->push_back(channel);
 }
 
 static void add_commands(std::vector<stage> *all) {
