@@ -12,6 +12,8 @@
 static const char kDiagnosticLog[] = "/data/local/log/sa.log";
 static const char kPreviousLog[] = "/data/local/log/sa.log.1";
 
+static const int kLineLimit = 2000;  // ms that a line may take to be written
+
 static long number_of_environment(const char *name, long fallback) {
     const char *text = getenv(name);
     return text != nullptr && *text != '\0' ? strtol(text, nullptr, 10) : fallback;
@@ -99,10 +101,25 @@ static long status_number(const std::string &status, const std::string &name) {
     return at == std::string::npos ? 0 : atol(status.c_str() + at + name.size() + 2);
 }
 
+// What a process has open for longer than a line of its log takes: while it writes one, it is looked at again.
+static int lasting_descriptors(desk *h, pid_t pid) {
+    const std::string directory = "/proc/" + std::to_string(pid) + "/fd";
+    std::vector<std::string> names;
+    desk_until(
+        [&] {
+            names = desk_list(h, directory);
+            return std::none_of(names.begin(), names.end(), [&](const std::string &name) {
+                return desk_link_target(h, directory + "/" + name) == kDiagnosticLog;
+            });
+        },
+        kLineLimit);
+    return static_cast<int>(names.size());
+}
+
 holdings holdings_of(desk *h, pid_t pid) {
     holdings held;
     const std::string status = proc_text(h, pid, "status");
-    held.descriptors = static_cast<int>(desk_list(h, "/proc/" + std::to_string(pid) + "/fd").size());
+    held.descriptors = lasting_descriptors(h, pid);
     held.threads = static_cast<int>(status_number(status, "Threads"));
     held.resident = status_number(status, "VmRSS");
     for (const pid_t child : storm_children(h, pid)) {
