@@ -1,6 +1,7 @@
 // Fetching a saved log set as one tar stream through the remote shell. On this side a set is dir/.SET.tar.part with
 // dir/.SET.tar.sum (checksum and size of the whole stream) while it is on its way, and dir/SET once it has been checked
-// and unpacked: that name appears by one rename, so it stands for a complete set.
+// and unpacked: that name appears by one rename, so it stands for a complete set. dir/SET/handset.txt, which no set on
+// the card has, tells how the handset's clocks stood.
 
 #include "fetch.h"
 
@@ -296,7 +297,31 @@ int check_part(const transfer &job) {
     return HOST_OK;
 }
 
-int unpack(const transfer &job) {
+// Records how the handset's clocks stand, so that boot times and local times without a zone in the set can be told:
+//   clock=2026-11-22T01:02:03.123Z   the time of day, in UTC
+//   zone=Europe/Berlin +0100         the zone's name, if the handset has one, and its offset now
+//   uptime=1234.56                   seconds since the boot
+// A handset that cannot tell leaves a value empty. The set is complete without this file.
+void record_clocks(const host_options &options, const std::string &path) {
+    static const char command[] =
+        "echo clock=$(date -u +%Y-%m-%dT%H:%M:%S.%N);read u x</proc/uptime;echo uptime=$u;"
+        "echo zone=$(getprop persist.sys.timezone) $(date +%z)";
+    std::string out;
+    if (remote_output(options, command, QUIET_S, nullptr, &out) < 0) {
+        return;
+    }
+    size_t nanoseconds = out.find('.') == std::string::npos ? out.size() : out.find('.') + 1;
+    size_t end = out.find('\n');
+    if (end != std::string::npos && end > nanoseconds + 3) {
+        out.erase(nanoseconds + 3, end - nanoseconds - 3);
+        out.insert(nanoseconds + 3, "Z");
+    }
+    if (!write_text(path, out)) {
+        say("Cannot write %s: %s. The set itself is complete.", path.c_str(), strerror(errno));
+    }
+}
+
+int unpack(const host_options &options, const transfer &job) {
     std::string fresh = job.dir + "/." + job.set + ".new";
     std::string out;
     lseek(job.fd, 0, SEEK_SET);
@@ -311,6 +336,7 @@ int unpack(const transfer &job) {
     std::string from = fresh + "/" + job.set;
     std::string to = job.dir + "/" + job.set;
     std::string former = fresh + "/former";  // a copy of the name from before the set was saved anew
+    record_clocks(options, from + "/handset.txt");
     rename(to.c_str(), former.c_str());
     if (rename(from.c_str(), to.c_str()) != 0) {
         say("Cannot rename %s to %s: %s.", from.c_str(), to.c_str(), strerror(errno));
@@ -330,7 +356,7 @@ int run_transfer(const host_options &options, transfer *job) {
         status = check_part(*job);
     }
     if (status == HOST_OK) {
-        status = unpack(*job);
+        status = unpack(options, *job);
     }
     if (status == HOST_OK) {
         drop_part(*job);

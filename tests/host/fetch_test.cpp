@@ -26,10 +26,10 @@ class Fetch : public HostTest {
         ASSERT_TRUE(desk_write_file(h, set + "/log/big file", bytes));
         ASSERT_TRUE(desk_write_file(h, set + "/ps.log", "PID\n"));
     }
-    // Whether the copy is the set, file by file.
+    // Whether the copy is the set, file by file, but for what the copy tells of the handset's clocks.
     bool is_same(const std::string &name) {
         const std::string there = desk_host_path(h, std::string(kRoot) + "/" + name);
-        return system(("diff -r '" + there + "' '" + dir.path + "/" + name + "'").c_str()) == 0;
+        return system(("diff -r -x handset.txt '" + there + "' '" + dir.path + "/" + name + "'").c_str()) == 0;
     }
     off_t part_size(const std::string &name) {
         struct stat st = {};
@@ -79,6 +79,32 @@ TEST_F(Fetch, TheNewestUnlessOneIsNamed) {
     host_result again = host({"fetch", dir.path});
     EXPECT_EQ(again.status, 0);
     EXPECT_EQ(again.out, dir.path + "/2026_01_02_03_04_05 is complete already.\n");
+}
+
+TEST_F(Fetch, RecordsTheClocksOfTheHandset) {
+    ASSERT_NO_FATAL_FAILURE(boot_host());
+    make_set("2026_01_02_03_04_05", 1000);
+    ASSERT_EQ(desk_shell(h, "setprop persist.sys.timezone Europe/Berlin").status, 0);
+    const time_t before = time(nullptr);
+    ASSERT_EQ(host({"fetch", dir.path}).status, 0);
+    FILE *file = fopen((dir.path + "/2026_01_02_03_04_05/handset.txt").c_str(), "re");
+    ASSERT_NE(file, nullptr);
+    struct tm utc = {};
+    char ms[4] = "";
+    char zone[8] = "";
+    double uptime = 0;
+    // "%3[0-9]Z": milliseconds, no more digits.
+    EXPECT_EQ(fscanf(file, "clock=%d-%d-%dT%d:%d:%d.%3[0-9]Z uptime=%lf zone=Europe/Berlin %7s", &utc.tm_year,
+                     &utc.tm_mon, &utc.tm_mday, &utc.tm_hour, &utc.tm_min, &utc.tm_sec, ms, &uptime, zone),
+              9);
+    fclose(file);
+    utc.tm_year -= 1900;
+    utc.tm_mon -= 1;
+    const time_t clock = timegm(&utc);
+    EXPECT_GE(clock, before);
+    EXPECT_LE(clock, time(nullptr));
+    EXPECT_GT(uptime, 0);
+    EXPECT_TRUE(zone[0] == '+' || zone[0] == '-') << zone;
 }
 
 TEST_F(Fetch, NothingToFetchIsSaid) {
