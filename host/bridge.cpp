@@ -41,7 +41,7 @@ enum escape_state { ESCAPE_LINE_START, ESCAPE_TILDE, ESCAPE_INSIDE };
 
 struct bridge {
     const host_options *options;
-    const remote *child;
+    const link_terminal *child;
     bridge_plan *plan;
     std::string to_child;    // input on its way, already framed
     std::string frame_rest;  // bytes of input short of a line
@@ -80,13 +80,14 @@ void reap_messenger(bridge *b) {
 // mode switch off the literal-next character or the extended functions, which do nothing to the bytes themselves.
 bool is_foreground_cooked(const bridge &b) {
     struct termios attr = {};
-    return tcgetattr(b.child->fd, &attr) == 0 && (attr.c_lflag & IEXTEN) != 0 && attr.c_cc[VLNEXT] != _POSIX_VDISABLE;
+    return link_get_attributes(*b.options, *b.child, &attr) && (attr.c_lflag & IEXTEN) != 0 &&
+           attr.c_cc[VLNEXT] != _POSIX_VDISABLE;
 }
 
 void look_after_size(bridge *b) {
     if (m_local_events.is_resized != 0) {
         m_local_events.is_resized = 0;
-        copy_window_size(b->plan->in_fd, b->child->fd);
+        link_copy_size(*b->options, *b->child, b->plan->in_fd);
         b->is_resize_due = b->plan->is_raw;
     }
     if (b->is_resize_due && b->messenger < 0) {
@@ -298,7 +299,7 @@ void look_after_events(bridge *b) {
 
 }  // namespace
 
-bridge_end bridge_run(const host_options &options, const remote &child, bridge_plan *plan) {
+bridge_end bridge_run(const host_options &options, const link_terminal &child, bridge_plan *plan) {
     bridge b = {};
     b.options = &options;
     b.child = &child;

@@ -24,4 +24,4 @@ enum bridge_end {
 
 // Passes bytes both ways until one of the ends above. Signals must be taken (local_signals_take). Output goes to
 // standard output. The caller restores the terminal.
-bridge_end bridge_run(const host_options &options, const remote &child, bridge_plan *plan);
+bridge_end bridge_run(const host_options &options, const link_terminal &child, bridge_plan *plan);

@@ -1,10 +1,7 @@
-// The command channel's conversation: one request, one answer, framed by its final line. Owns the descriptor of its
-// turn.
+// The command channel's conversation: one request, one answer, framed by its final line. Owns its turn.
 
 #include "channel.h"
 
-#include <termios.h>
-#include <unistd.h>
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
@@ -12,8 +9,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "endpoint.h"
+#include "link.h"
 #include "message.h"
+#include "stream.h"
 
 namespace {
 
@@ -130,10 +128,10 @@ int print_answer(const request &asked, const answer &reply, bool is_raw) {
     return HOST_OK;
 }
 
-int converse(int fd, const host_options &options, const request &asked) {
+int converse(const host_options &options, const link_turn &turn, const request &asked) {
     int seconds = options.timeout_s > 0 ? options.timeout_s : asked.timeout_s;
-    tcflush(fd, TCIFLUSH);
-    if (write_all(fd, asked.bytes.data(), asked.bytes.size(), now_ms() + seconds * INT64_C(1000)) != 0) {
+    link_discard_input(turn);
+    if (write_all(turn.fd, asked.bytes.data(), asked.bytes.size(), now_ms() + seconds * INT64_C(1000)) != 0) {
         say("The request \"%s\" could not be written: %s. Check that the agent runs, then try again.",
             asked.title.c_str(), strerror(errno));
         return HOST_NO_WAY;
@@ -142,7 +140,7 @@ int converse(int fd, const host_options &options, const request &asked) {
         print_raw(">", asked.bytes);
     }
     answer reply;
-    int status = read_answer(fd, asked, seconds, &reply);
+    int status = read_answer(turn.fd, asked, seconds, &reply);
     if (options.is_raw && !reply.bytes.empty()) {
         print_raw("<", reply.bytes);
     }
@@ -156,17 +154,17 @@ int channel_send(const host_options &options, const std::vector<request> &reques
         return HOST_OK;
     }
     int seconds = options.timeout_s > 0 ? options.timeout_s : requests.front().timeout_s;
-    int fd = endpoint_open(options, options.channel, "command channel", now_ms() + seconds * INT64_C(1000));
-    if (fd < 0) {
+    link_turn turn;
+    if (!link_begin(options, LINK_CHANNEL, now_ms() + seconds * INT64_C(1000), &turn)) {
         return HOST_NO_WAY;
     }
     int status = HOST_OK;
     for (const request &asked : requests) {
-        status = converse(fd, options, asked);
+        status = converse(options, turn, asked);
         if (status != HOST_OK) {
             break;
         }
     }
-    close(fd);
+    link_end(&turn);
     return status;
 }

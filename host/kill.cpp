@@ -1,29 +1,30 @@
-// Ending the agent. Owns the descriptor of its turn on the listener.
+// Ending the agent. Owns its turn on the listener.
 
 #include "kill.h"
 
-#include <unistd.h>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 
-#include "endpoint.h"
+#include "link.h"
 #include "message.h"
 #include "remote.h"
+#include "stream.h"
 
 int kill_agent(const host_options &options) {
     static const char request[] = "host:kill";  // compared as a whole: nothing may follow
     int seconds = options.timeout_s > 0 ? options.timeout_s : REMOTE_TIMEOUT_S;
     int64_t deadline = now_ms() + seconds * INT64_C(1000);
-    int fd = endpoint_open(options, options.listener, "remote-shell listener", deadline);
-    if (fd < 0) {
+    link_turn turn;
+    if (!link_begin(options, LINK_LISTENER, deadline, &turn)) {
         return HOST_NO_WAY;
     }
     // The hang-up is the only answer there is.
     char byte = 0;
-    long got = write_all(fd, request, sizeof(request) - 1, deadline) != 0 ? -1 : read_some(fd, &byte, 1, deadline);
+    long got =
+        write_all(turn.fd, request, sizeof(request) - 1, deadline) != 0 ? -1 : read_some(turn.fd, &byte, 1, deadline);
     int error = errno;
-    close(fd);
+    link_end(&turn);
     if (got == 0) {
         puts("The agent has ended.");
         return HOST_OK;

@@ -5,17 +5,16 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/ioctl.h>
 #include <sys/random.h>
-#include <termios.h>
 #include <unistd.h>
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
-#include "endpoint.h"
+#include "link.h"
 #include "message.h"
+#include "stream.h"
 
 namespace {
 
@@ -39,10 +38,10 @@ bool is_pts_path(const std::string &text) {
 enum exchange_end { EXCHANGE_DONE, EXCHANGE_HUNG_UP, EXCHANGE_FAILED };
 
 // Reads the announced path. The agent writes it at once and bare, and a pseudo-terminal does not cut a few bytes.
-exchange_end read_path(int listener, int64_t deadline, std::string *path) {
+exchange_end read_path(const link_turn &listener, int64_t deadline, std::string *path) {
     while (!is_pts_path(*path)) {
         char buf[PATH_LEN_MAX];
-        long got = read_some(listener, buf, sizeof(buf), deadline);
+        long got = read_some(listener.fd, buf, sizeof(buf), deadline);
         if (got == 0) {
             return EXCHANGE_HUNG_UP;
         }
@@ -62,22 +61,6 @@ exchange_end read_path(int listener, int64_t deadline, std::string *path) {
     return EXCHANGE_DONE;
 }
 
-int open_connection(const host_options &options, const std::string &path, int size_fd) {
-    int fd = open_inside(options.root, path);
-    if (fd < 0) {
-        say("The connection %s that the agent announced cannot be opened: %s. Check --root and your permissions.",
-            path.c_str(), strerror(errno));
-        return -1;
-    }
-    if (set_raw(fd) != 0) {
-        say("The connection %s cannot be made raw: %s. Try again.", path.c_str(), strerror(errno));
-        close(fd);
-        return -1;
-    }
-    copy_window_size(size_fd, fd);
-    return fd;
-}
-
 // The kernel may report a hang-up instead of bytes written just before it, to a reader who looks for them at that very
 // moment: the agent would miss the acknowledgement. So the listener stays open until what the agent has started speaks or
 // ends; something silent is given the time in which the agent has long read on.
@@ -86,26 +69,25 @@ void await_start(int connection) {
     poll(&child, 1, SILENT_START_MS);
 }
 
-exchange_end exchange(const host_options &options, int listener, const std::string &request, int size_fd,
-                      void (*on_start)(), int64_t deadline, remote *out) {
-    out->path.clear();
-    if (write_all(listener, request.data(), request.size(), deadline) != 0) {
+exchange_end exchange(const host_options &options, const link_turn &listener, const std::string &request, int size_fd,
+                      void (*on_start)(), int64_t deadline, link_terminal *out) {
+    std::string path;
+    if (write_all(listener.fd, request.data(), request.size(), deadline) != 0) {
         return EXCHANGE_HUNG_UP;
     }
-    exchange_end end = read_path(listener, deadline, &out->path);
+    exchange_end end = read_path(listener, deadline, &path);
     if (end != EXCHANGE_DONE) {
         return end;
     }
-    out->fd = open_connection(options, out->path, size_fd);
-    if (out->fd < 0) {
+    if (!link_open_terminal(options, listener, path, out)) {
         return EXCHANGE_FAILED;
     }
+    link_copy_size(options, *out, size_fd);
     if (on_start != nullptr) {
         on_start();
     }
-    if (write_all(listener, "+", 1, deadline) != 0) {
-        close(out->fd);
-        out->fd = -1;
+    if (write_all(listener.fd, "+", 1, deadline) != 0) {
+        link_close_terminal(out);
         return EXCHANGE_HUNG_UP;
     }
     await_start(out->fd);
@@ -175,7 +157,7 @@ bool collect(void *context, const char *data, size_t len) {
 }
 
 // One round of remote_run. Result: 1 to go on, 0 at the end of the output, -1 after a failure.
-int run_step(remote *child, remote_mark *mark, int64_t deadline, remote_sink sink, void *context) {
+int run_step(link_terminal *child, remote_mark *mark, int64_t deadline, remote_sink sink, void *context) {
     char buf[65536];
     long got = read_some(child->fd, buf, sizeof(buf), deadline);
     if (got < 0) {
@@ -194,7 +176,7 @@ int run_step(remote *child, remote_mark *mark, int64_t deadline, remote_sink sin
     return got > 0 && !mark->is_over ? 1 : 0;
 }
 
-int run_all(remote *child, remote_mark *mark, int quiet_s, const char *what, remote_sink sink, void *context) {
+int run_all(link_terminal *child, remote_mark *mark, int quiet_s, const char *what, remote_sink sink, void *context) {
     int64_t start = now_ms();
     int64_t last = start;
     for (;;) {
@@ -247,7 +229,7 @@ std::string script_find(const std::string &index) {
 int run_short(const host_options &options, const std::string &command) {
     host_options bounded = options;
     bounded.timeout_s = SIGNAL_TIMEOUT_S;
-    remote child;
+    link_terminal child;
     if (remote_start(bounded, "shell:" + command, -1, nullptr, &child) != 0) {
         return -1;
     }
@@ -257,7 +239,7 @@ int run_short(const host_options &options, const std::string &command) {
     do {
         got = read_some(child.fd, buf, sizeof(buf), deadline);
     } while (got > 0 && memchr(buf, '.', static_cast<size_t>(got)) == nullptr);
-    close(child.fd);
+    link_close_terminal(&child);
     return got > 0 ? 0 : -1;
 }
 
@@ -282,7 +264,7 @@ pid_t run_aside(const host_options &options, const std::string &command) {
 }  // namespace
 
 int remote_start(const host_options &options, const std::string &request, int size_fd, void (*on_start)(),
-                 remote *out) {
+                 link_terminal *out) {
     if (request.size() > REMOTE_REQUEST_MAX) {
         say("The command is too long: the request has %zu bytes, the listener takes at most %zu. Put it into a script "
             "on the "
@@ -292,12 +274,12 @@ int remote_start(const host_options &options, const std::string &request, int si
     }
     int64_t deadline = answer_deadline(options);
     for (;;) {
-        int listener = endpoint_open(options, options.listener, "remote-shell listener", deadline);
-        if (listener < 0) {
+        link_turn listener;
+        if (!link_begin(options, LINK_LISTENER, deadline, &listener)) {
             return -1;
         }
         exchange_end end = exchange(options, listener, request, size_fd, on_start, deadline, out);
-        close(listener);
+        link_end(&listener);
         if (end == EXCHANGE_DONE) {
             return 0;
         }
@@ -309,13 +291,6 @@ int remote_start(const host_options &options, const std::string &request, int si
             say("The agent hangs up on every request for a shell. Look into /data/local/log/sa.log on the handset.");
             return -1;
         }
-    }
-}
-
-void copy_window_size(int from, int to) {
-    struct winsize size = {};
-    if (from >= 0 && ioctl(from, TIOCGWINSZ, &size) == 0) {
-        ioctl(to, TIOCSWINSZ, &size);
     }
 }
 
@@ -370,7 +345,7 @@ void mark_end(remote_mark *mark, std::string *out) {
 int remote_run(const host_options &options, const std::string &command, int quiet_s, const char *what, remote_sink sink,
                void *context) {
     remote_mark mark = mark_new();
-    remote child;
+    link_terminal child;
     if (remote_start(options, mark_wrap(mark, command, INPUT_NONE), -1, nullptr, &child) != 0) {
         return -1;
     }
@@ -378,7 +353,7 @@ int remote_run(const host_options &options, const std::string &command, int quie
     if (result != 0 && errno != 0) {
         say("Reading from the handset failed: %s.", strerror(errno));
     }
-    close(child.fd);
+    link_close_terminal(&child);
     progress_clear();
     if (result == 0 && !mark.is_over) {
         say("The connection ended before the command did: the agent ended or was restarted. Try again.");

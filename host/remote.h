@@ -6,24 +6,17 @@
 #include <cstdint>
 #include <string>
 
+#include "link.h"
 #include "options.h"
 
 constexpr size_t REMOTE_REQUEST_MAX = 1023;  // the listener takes one read of at most this many bytes as a request
 constexpr int REMOTE_TIMEOUT_S = 30;  // for the listener to announce a connection, unless --timeout says otherwise
 
-// A started child of the agent, reached through its connection.
-struct remote {
-    int fd = -1;       // slave of the connection's pseudo-terminal: raw, non-blocking; owned by whoever started it
-    std::string path;  // its device path inside the handset
-};
-
 // Asks the listener for a connection and starts `request` ("shell:...") on it. The connection is opened, made raw and
 // given the size of `size_fd`'s terminal (-1: none) before the acknowledgement, hence before the child runs; just
-// before that `on_start`, unless null, is called. Result: 0, or -1 with the sentence said.
-int remote_start(const host_options &options, const std::string &request, int size_fd, void (*on_start)(), remote *out);
-
-// Passes on the window size of one terminal to another. Does nothing when `from` is no terminal.
-void copy_window_size(int from, int to);
+// before that `on_start`, unless null, is called. Result: 0, and link_close_terminal is due; or -1 with the sentence said.
+int remote_start(const host_options &options, const std::string &request, int size_fd, void (*on_start)(),
+                 link_terminal *out);
 
 // How a wrapped command gets its input.
 enum remote_input {

@@ -88,7 +88,7 @@ const char *signal_word(int number) {
 }
 
 // Tells what runs on the handset that its client leaves: no kernel does it, since the terminal controls no session.
-void take_leave(const host_options &options, const shell_plan &plan, const remote &child, int number) {
+void take_leave(const host_options &options, const shell_plan &plan, const link_terminal &child, int number) {
     // A shell that prompts gives each job a group of its own; a command's processes may have other streams.
     pid_t messenger = !plan.bridge.is_raw && plan.bridge.mark.pid > 0
                           ? remote_signal_group(options, plan.bridge.mark.pid, signal_word(number))
@@ -108,11 +108,11 @@ int tell_end(const shell_plan &plan) {
     return HOST_SHELL;
 }
 
-int finish(const host_options &options, shell_plan *plan, const remote &child, bridge_end end) {
+int finish(const host_options &options, shell_plan *plan, link_terminal *child, bridge_end end) {
     int number = end == BRIDGE_SIGNAL ? m_local_events.end_signal : end == BRIDGE_NO_READER ? SIGPIPE : SIGHUP;
     local_raw_leave();
     if (end != BRIDGE_OVER) {
-        take_leave(options, *plan, child, number);  // signals still held back: a hang-up sends more than one
+        take_leave(options, *plan, *child, number);  // signals still held back: a hang-up sends more than one
     }
     local_signals_release();
     if (end == BRIDGE_OVER) {
@@ -122,7 +122,7 @@ int finish(const host_options &options, shell_plan *plan, const remote &child, b
         say("Left the remote shell.");
         return HOST_SHELL;
     }
-    close(child.fd);
+    link_close_terminal(child);
     local_die_by(number);
 }
 
@@ -132,7 +132,7 @@ int shell_run(const host_options &options, const std::string &command) {
     bool is_tty = isatty(STDIN_FILENO) != 0;
     shell_plan plan;
     make_plan(options, command, is_tty, &plan);
-    remote child;
+    link_terminal child;
     int size_fd = is_tty ? STDIN_FILENO : -1;
     // From the acknowledgement on there is something on the handset to be told when a signal ends this process.
     if (remote_start(options, plan.request, size_fd, local_signals_take, &child) != 0) {
@@ -144,7 +144,7 @@ int shell_run(const host_options &options, const std::string &command) {
         plan.bridge.is_raw = false;
     }
     bridge_end end = bridge_run(options, child, &plan.bridge);
-    int status = finish(options, &plan, child, end);
-    close(child.fd);
+    int status = finish(options, &plan, &child, end);
+    link_close_terminal(&child);
     return status;
 }

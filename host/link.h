@@ -1,0 +1,50 @@
+#pragma once
+// The way to one handset. Everything else in host/ reaches the handset through these functions and never asks which
+// kind of link it is.
+
+#include <termios.h>
+#include <cstdint>
+#include <string>
+
+#include "options.h"
+
+// What the agent publishes under a fixed name.
+enum link_name { LINK_CHANNEL, LINK_LISTENER };
+
+// One client's exclusive use of a published name, from link_begin to link_end.
+struct link_turn {
+    int fd = -1;  // non-blocking stream of bytes, close-on-exec
+};
+
+// A terminal that the agent has announced, opened by this client.
+struct link_terminal {
+    int fd = -1;       // raw, non-blocking, close-on-exec; owned by whoever opened it
+    std::string path;  // its device path on the handset
+};
+
+// Takes a turn on a published name: exclusive among all sa-host processes of this machine, raw, and never used by an
+// earlier client, so that no stray answer can be read and no request is lost in an endpoint that is being replaced.
+// Waits a second for a missing endpoint and until `deadline_ms` (now_ms clock) for a busy one.
+// Result: true, and link_end is due; or false with the reason said.
+bool link_begin(const host_options &options, link_name name, int64_t deadline_ms, link_turn *turn);
+
+// Ends a turn. Does nothing when there is none.
+void link_end(link_turn *turn);
+
+// Discards what has arrived in a turn and was not read.
+void link_discard_input(const link_turn &turn);
+
+// Opens the terminal that the agent has announced on its listener, where the listener is and nowhere else, and makes it
+// raw. A terminal that is not the agent's is never opened.
+// Result: true, and link_close_terminal is due; or false with the reason said.
+bool link_open_terminal(const host_options &options, const link_turn &listener, const std::string &path,
+                        link_terminal *terminal);
+
+// Closes the terminal: the agent's child sees a hang-up. Does nothing when it is closed.
+void link_close_terminal(link_terminal *terminal);
+
+// Gives the terminal the window size of the local terminal `from`. Does nothing when `from` is no terminal.
+void link_copy_size(const host_options &options, const link_terminal &terminal, int from);
+
+// Reads the terminal's attributes, which tell how its foreground program reads. Result: whether they could be read.
+bool link_get_attributes(const host_options &options, const link_terminal &terminal, struct termios *attributes);

@@ -1,0 +1,166 @@
+// The link to a handset whose files this process can open: the handset's own shell, or a root directory such as
+// /proc/PID/root. Owns no state: what must outlive a client (that an endpoint has been used) is kept in the terminal's
+// own attributes.
+
+#include <fcntl.h>
+#include <linux/openat2.h>
+#include <sys/file.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <termios.h>
+#include <unistd.h>
+#include <cerrno>
+#include <cstring>
+
+#include "link_kind.h"
+#include "message.h"
+
+namespace {
+
+// A control character that raw mode does not look at marks a pseudo-terminal that some client has had. The agent
+// replaces a published one as soon as its last client closes it, so a marked one is about to vanish and is never
+// worth a request.
+constexpr int USED_CHAR = VEOL2;
+constexpr cc_t USED_MARK = 0xa5;
+
+int open_in_root(const std::string &root, const std::string &path, uint64_t flags) {
+    if (root == "/") {
+        return open(path.c_str(), static_cast<int>(flags));
+    }
+    int dir = open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    if (dir < 0) {
+        return -1;
+    }
+    struct open_how how = {};
+    how.flags = flags;
+    how.resolve = RESOLVE_IN_ROOT;
+    int fd = static_cast<int>(syscall(SYS_openat2, dir, path.c_str(), &how, sizeof(how)));
+    int error = errno;
+    close(dir);
+    errno = error;
+    return fd;
+}
+
+// Opens a path of the handset (device or link, absolute) read-write and non-blocking, never as controlling terminal.
+// Links are followed inside `root`, absolute ones too. Result: descriptor, or -1 with errno.
+int open_inside(const std::string &root, const std::string &path) {
+    return open_in_root(root, path, O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+}
+
+// A published name is a link. A device given by its own path belongs to whoever gave it: nobody replaces it.
+bool is_published(const host_options &options, const std::string &path) {
+    int fd = open_in_root(options.root, path, O_PATH | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) {
+        return true;
+    }
+    struct stat st = {};
+    bool is_link = fstat(fd, &st) != 0 || S_ISLNK(st.st_mode);
+    close(fd);
+    return is_link;
+}
+
+link_state state_of_error(int error) {
+    // EIO: made but not yet unlocked, or hung up since; ENXIO: the number is gone.
+    return error == ENOENT || error == EIO || error == ENXIO ? LINK_ABSENT : LINK_REFUSED;
+}
+
+// Takes the endpoint behind an open descriptor: owner, lock, mark. Leaves it raw and marked on success.
+link_state take_endpoint(int fd, bool published, link_attempt *attempt) {
+    struct stat st = {};
+    if (fstat(fd, &st) != 0) {
+        return LINK_REFUSED;
+    }
+    attempt->uid = st.st_uid;
+    attempt->gid = st.st_gid;
+    if (published && (st.st_uid != AGENT_PTY_UID || st.st_gid != AGENT_PTY_GID)) {
+        return LINK_FOREIGN;
+    }
+    if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+        return errno == EWOULDBLOCK ? LINK_BUSY : LINK_REFUSED;
+    }
+    struct termios attr = {};
+    if (tcgetattr(fd, &attr) != 0) {
+        return state_of_error(errno);
+    }
+    if (published && attr.c_cc[USED_CHAR] == USED_MARK) {
+        return LINK_USED;
+    }
+    cfmakeraw(&attr);
+    attr.c_cc[USED_CHAR] = USED_MARK;
+    if (tcsetattr(fd, TCSANOW, &attr) != 0) {
+        return state_of_error(errno);
+    }
+    tcflush(fd, TCIFLUSH);
+    return LINK_TAKEN;
+}
+
+link_attempt take(const host_options &options, const std::string &path, link_turn *turn) {
+    link_attempt attempt;
+    bool published = is_published(options, path);
+    int fd = open_inside(options.root, path);
+    attempt.state = fd < 0 ? state_of_error(errno) : take_endpoint(fd, published, &attempt);
+    attempt.error = errno;
+    if (attempt.state == LINK_TAKEN) {
+        turn->fd = fd;
+    } else if (fd >= 0) {
+        close(fd);
+    }
+    return attempt;
+}
+
+std::string explain_absence(const host_options &options, const std::string &path, const char *role) {
+    if (access(options.root.c_str(), F_OK) != 0) {
+        return text_of("There is no root directory %s: the handset is not running. Check --root.",
+                       options.root.c_str());
+    }
+    int fd = open_in_root(options.root, path, O_PATH | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) {
+        return text_of(
+            "There is no %s at %s: the agent is not running, or publishes it elsewhere. Start the agent, or name the "
+            "right path (see --help).",
+            role, path.c_str());
+    }
+    close(fd);
+    return text_of("The %s %s leads nowhere: the agent that published it has ended. Start the agent and try again.",
+                   role, path.c_str());
+}
+
+bool set_raw(int fd) {
+    struct termios attr = {};
+    if (tcgetattr(fd, &attr) != 0) {
+        return false;
+    }
+    cfmakeraw(&attr);
+    attr.c_lflag |= IEXTEN;  // has no effect while input is not canonical; tells the bridge that no program changed it
+    return tcsetattr(fd, TCSANOW, &attr) == 0;
+}
+
+bool open_terminal(const host_options &options, const link_turn &, const std::string &path, link_terminal *terminal) {
+    int fd = open_inside(options.root, path);
+    if (fd < 0) {
+        say("The connection %s that the agent announced cannot be opened: %s. Check --root and your permissions.",
+            path.c_str(), strerror(errno));
+        return false;
+    }
+    if (!set_raw(fd)) {
+        say("The connection %s cannot be made raw: %s. Try again.", path.c_str(), strerror(errno));
+        close(fd);
+        return false;
+    }
+    terminal->fd = fd;
+    terminal->path = path;
+    return true;
+}
+
+void set_size(const host_options &, const link_terminal &terminal, const struct winsize &size) {
+    ioctl(terminal.fd, TIOCSWINSZ, &size);
+}
+
+bool get_attributes(const host_options &, const link_terminal &terminal, struct termios *attributes) {
+    return tcgetattr(terminal.fd, attributes) == 0;
+}
+
+}  // namespace
+
+const link_kind m_link_local = {take, explain_absence, open_terminal, set_size, get_attributes};
