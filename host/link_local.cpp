@@ -42,10 +42,30 @@ int open_in_root(const std::string &root, const std::string &path, uint64_t flag
     return fd;
 }
 
-// Opens a path of the handset (device or link, absolute) read-write and non-blocking, never as controlling terminal.
-// Links are followed inside `root`, absolute ones too. Result: descriptor, or -1 with errno.
-int open_inside(const std::string &root, const std::string &path) {
-    return open_in_root(root, path, O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+// Finds a path of the handset (device or link, absolute) without opening the device, which a stranger's terminal would
+// notice. Links are followed inside `root`, absolute ones too. Result: O_PATH descriptor, or -1 with errno.
+int find_inside(const std::string &root, const std::string &path, struct stat *st) {
+    int fd = open_in_root(root, path, O_PATH | O_CLOEXEC);
+    if (fd >= 0 && fstat(fd, st) != 0) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+// Opens what find_inside has found, read-write and non-blocking, never as controlling terminal. Closes `found`.
+// Result: descriptor, or -1 with errno.
+int open_found(int found) {
+    std::string path = text_of("/proc/self/fd/%d", found);
+    int fd = open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    int error = errno;
+    close(found);
+    errno = error;
+    return fd;
+}
+
+bool is_agents(const struct stat &st) {
+    return S_ISCHR(st.st_mode) && st.st_uid == AGENT_PTY_UID && st.st_gid == AGENT_PTY_GID;
 }
 
 // A published name is a link. A device given by its own path belongs to whoever gave it: nobody replaces it.
@@ -65,17 +85,8 @@ link_state state_of_error(int error) {
     return error == ENOENT || error == EIO || error == ENXIO ? LINK_ABSENT : LINK_REFUSED;
 }
 
-// Takes the endpoint behind an open descriptor: owner, lock, mark. Leaves it raw and marked on success.
-link_state take_endpoint(int fd, bool published, link_attempt *attempt) {
-    struct stat st = {};
-    if (fstat(fd, &st) != 0) {
-        return LINK_REFUSED;
-    }
-    attempt->uid = st.st_uid;
-    attempt->gid = st.st_gid;
-    if (published && (st.st_uid != AGENT_PTY_UID || st.st_gid != AGENT_PTY_GID)) {
-        return LINK_FOREIGN;
-    }
+// Takes the endpoint behind an open descriptor: lock, mark. Leaves it raw and marked on success.
+link_state take_endpoint(int fd, bool published) {
     if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
         return errno == EWOULDBLOCK ? LINK_BUSY : LINK_REFUSED;
     }
@@ -98,8 +109,17 @@ link_state take_endpoint(int fd, bool published, link_attempt *attempt) {
 link_attempt take(const host_options &options, const std::string &path, link_turn *turn) {
     link_attempt attempt;
     bool published = is_published(options, path);
-    int fd = open_inside(options.root, path);
-    attempt.state = fd < 0 ? state_of_error(errno) : take_endpoint(fd, published, &attempt);
+    struct stat st = {};
+    int found = find_inside(options.root, path, &st);
+    if (found >= 0 && published && !is_agents(st)) {
+        close(found);
+        attempt.state = LINK_FOREIGN;
+        attempt.uid = st.st_uid;
+        attempt.gid = st.st_gid;
+        return attempt;
+    }
+    int fd = found < 0 ? -1 : open_found(found);
+    attempt.state = fd < 0 ? state_of_error(errno) : take_endpoint(fd, published);
     attempt.error = errno;
     if (attempt.state == LINK_TAKEN) {
         turn->fd = fd;
@@ -136,8 +156,25 @@ bool set_raw(int fd) {
     return tcsetattr(fd, TCSANOW, &attr) == 0;
 }
 
-bool open_terminal(const host_options &options, const link_turn &, const std::string &path, link_terminal *terminal) {
-    int fd = open_inside(options.root, path);
+// Whether the announced terminal stands beside the listener and is the agent's. A listener that is relayed from another
+// machine announces paths of that machine, where the same path of this one is somebody else's terminal.
+bool is_announced_here(const link_turn &listener, const struct stat &st) {
+    struct stat beside = {};
+    return is_agents(st) && fstat(listener.fd, &beside) == 0 && beside.st_dev == st.st_dev;
+}
+
+bool open_terminal(const host_options &options, const link_turn &listener, const std::string &path,
+                   link_terminal *terminal) {
+    struct stat st = {};
+    int found = find_inside(options.root, path, &st);
+    if (found >= 0 && !is_announced_here(listener, st)) {
+        close(found);
+        say("The agent announced %s, which is not a terminal of the agent here (owner %u:%u): %s is relayed from "
+            "another machine, or --root is wrong. A relay cannot carry a remote shell.",
+            path.c_str(), static_cast<unsigned>(st.st_uid), static_cast<unsigned>(st.st_gid), options.listener.c_str());
+        return false;
+    }
+    int fd = found < 0 ? -1 : open_found(found);
     if (fd < 0) {
         say("The connection %s that the agent announced cannot be opened: %s. Check --root and your permissions.",
             path.c_str(), strerror(errno));
