@@ -2,6 +2,7 @@
 
 #include "channel.h"
 
+#include <poll.h>
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
@@ -18,6 +19,16 @@ namespace {
 constexpr size_t ANSWER_MAX = 4096;  // the agent's longest answer has 199 bytes; more is a stranger's chatter
 constexpr int SHOW_WAIT_MS = 1000;
 constexpr int SHOW_STEP_MS = 500;
+constexpr int REPLACE_MS = 1000;  // the agent replaces its channel within milliseconds
+constexpr int REPLACE_STEP_MS = 1;
+
+constexpr int HOST_LOST = -1;  // no host_status: the agent hung up before it answered anything
+
+// What the agent has published, as it was when a turn began.
+struct published {
+    std::string channel;
+    std::string listener;
+};
 
 struct answer {
     std::string bytes;   // as read
@@ -70,7 +81,8 @@ int say_no_answer(const request &asked, long got, int seconds) {
     return HOST_NO_WAY;
 }
 
-// Reads until the answer is complete. Result: HOST_OK when it is, else HOST_NO_WAY with the sentence said.
+// Reads until the answer is complete. Result: HOST_OK when it is, HOST_LOST when the agent hung up before it answered
+// anything, else HOST_NO_WAY with the sentence said.
 int read_answer(int fd, const request &asked, int seconds, answer *reply) {
     int64_t start = now_ms();
     int64_t deadline = start + seconds * INT64_C(1000);
@@ -80,6 +92,9 @@ int read_answer(int fd, const request &asked, int seconds, answer *reply) {
         if (got < 0 && errno == ETIMEDOUT && now_ms() < deadline) {
             show_elapsed(asked, start);
             continue;
+        }
+        if (got == 0 && reply->bytes.empty()) {
+            return HOST_LOST;
         }
         if (got <= 0) {
             return say_no_answer(asked, got, seconds);
@@ -132,6 +147,9 @@ int converse(const host_options &options, const link_turn &turn, const request &
     int seconds = options.timeout_s > 0 ? options.timeout_s : asked.timeout_s;
     link_discard_input(turn);
     if (write_all(turn.fd, asked.bytes.data(), asked.bytes.size(), now_ms() + seconds * INT64_C(1000)) != 0) {
+        if (errno == EIO) {
+            return HOST_LOST;
+        }
         say("The request \"%s\" could not be written: %s. Check that the agent runs, then try again.",
             asked.title.c_str(), strerror(errno));
         return HOST_NO_WAY;
@@ -147,22 +165,60 @@ int converse(const host_options &options, const link_turn &turn, const request &
     return status == HOST_OK ? print_answer(asked, reply, options.is_raw) : status;
 }
 
+// Whether the agent replaced the channel although this client held it open. It does that only when a client before this
+// one left the channel and this one opened it before the agent noticed: then nothing of this client's request has been
+// read. An agent that was started anew has published its listener anew, too, and may have read the request before.
+bool is_replaced_unread(const host_options &options, const published &before) {
+    int64_t deadline = now_ms() + REPLACE_MS;
+    std::string channel;
+    while ((channel = link_identity(options, LINK_CHANNEL)).empty() || channel == before.channel) {
+        if (now_ms() >= deadline) {
+            return false;
+        }
+        poll(nullptr, 0, REPLACE_STEP_MS);
+    }
+    return !before.listener.empty() && link_identity(options, LINK_LISTENER) == before.listener;
+}
+
+bool begin_turn(const host_options &options, int64_t deadline, link_turn *turn, published *now) {
+    if (!link_begin(options, LINK_CHANNEL, deadline, turn)) {
+        return false;
+    }
+    now->channel = link_identity(options, LINK_CHANNEL);
+    now->listener = link_identity(options, LINK_LISTENER);
+    return true;
+}
+
+// The first request of a turn, in as many turns as it takes until the agent reads it. One that was answered proves that
+// the agent reads this turn's requests.
+int converse_first(const host_options &options, const request &asked, link_turn *turn) {
+    int seconds = options.timeout_s > 0 ? options.timeout_s : asked.timeout_s;
+    int64_t deadline = now_ms() + seconds * INT64_C(1000);
+    published before;
+    for (;;) {
+        if (!begin_turn(options, deadline, turn, &before)) {
+            return HOST_NO_WAY;
+        }
+        int status = converse(options, *turn, asked);
+        if (status != HOST_LOST) {
+            return status;
+        }
+        link_end(turn);
+        if (!is_replaced_unread(options, before)) {
+            return say_no_answer(asked, 0, seconds);
+        }
+    }
+}
+
 }  // namespace
 
 int channel_send(const host_options &options, const std::vector<request> &requests) {
-    if (requests.empty()) {
-        return HOST_OK;
-    }
-    int seconds = options.timeout_s > 0 ? options.timeout_s : requests.front().timeout_s;
     link_turn turn;
-    if (!link_begin(options, LINK_CHANNEL, now_ms() + seconds * INT64_C(1000), &turn)) {
-        return HOST_NO_WAY;
-    }
     int status = HOST_OK;
-    for (const request &asked : requests) {
-        status = converse(options, turn, asked);
-        if (status != HOST_OK) {
-            break;
+    for (size_t i = 0; i < requests.size() && status == HOST_OK; ++i) {
+        status = i == 0 ? converse_first(options, requests[i], &turn) : converse(options, turn, requests[i]);
+        if (status == HOST_LOST) {
+            status = say_no_answer(requests[i], 0, 0);
         }
     }
     link_end(&turn);

@@ -109,6 +109,10 @@ void link_end(link_turn *turn) {
     }
 }
 
+std::string link_identity(const host_options &options, link_name name) {
+    return kind_of(options).identity(options, path_of(options, name));
+}
+
 void link_discard_input(const link_turn &turn) {
     char buf[4096];  // the pieces are counted: input that never stops is no reason to wait
     for (int pieces = 0; pieces < 16 && read(turn.fd, buf, sizeof(buf)) > 0; ++pieces) {

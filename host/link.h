@@ -31,6 +31,11 @@ bool link_begin(const host_options &options, link_name name, int64_t deadline_ms
 // Ends a turn. Does nothing when there is none.
 void link_end(link_turn *turn);
 
+// Tells one life of a published terminal from the next. Result: a text that changes whenever the agent publishes the name
+// anew, also when the terminal gets the number of an earlier one; empty when the name leads to nothing, or when this kind
+// of link cannot tell.
+std::string link_identity(const host_options &options, link_name name);
+
 // Discards what has arrived in a turn and was not read.
 void link_discard_input(const link_turn &turn);
 

@@ -25,6 +25,8 @@ struct link_kind {
     link_attempt (*take)(const host_options &options, const std::string &path, link_turn *turn);
     // The sentence for a name that is absent. `role` names it ("command channel").
     std::string (*explain_absence)(const host_options &options, const std::string &path, const char *role);
+    // See link_identity.
+    std::string (*identity)(const host_options &options, const std::string &path);
     bool (*open_terminal)(const host_options &options, const link_turn &listener, const std::string &path,
                           link_terminal *terminal);
     void (*set_size)(const host_options &options, const link_terminal &terminal, const struct winsize &size);

@@ -1,5 +1,6 @@
 // What sa-host makes of an agent that answers in pieces, late, wrongly or not at all, and the exact bytes it writes.
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/stat.h>
@@ -14,6 +15,7 @@ namespace {
 class FalseAgent : public ::testing::Test {
   protected:
     void SetUp() override {
+        ASSERT_NO_FATAL_FAILURE(private_terminals());
         endpoint_publish(dir.path + "/channel", &channel);
         endpoint_publish(dir.path + "/listener", &listener);
     }
@@ -68,6 +70,8 @@ TEST_F(FalseAgent, HangUpInsteadOfAnAnswerIsStatusTwoAndNotSentAgain) {
     start({"system", "reboot"});
     EXPECT_EQ(endpoint_read(&channel), "AT SA+SYSTEM=\"reboot\"\r");
     endpoint_close(&channel);
+    endpoint_close(&listener);
+    endpoint_publish(dir.path + "/listener", &listener);
     false_endpoint again;
     endpoint_publish(dir.path + "/channel", &again);
     host_result result = host_finish(&job);
@@ -75,6 +79,37 @@ TEST_F(FalseAgent, HangUpInsteadOfAnAnswerIsStatusTwoAndNotSentAgain) {
     EXPECT_NE(result.err.find("before it answered"), std::string::npos) << result.err;
     EXPECT_EQ(endpoint_read(&again, 0), "");
     endpoint_close(&again);
+}
+
+TEST_F(FalseAgent, HangUpWithoutASuccessorIsStatusTwo) {
+    start({"system", "reboot"});
+    EXPECT_EQ(endpoint_read(&channel), "AT SA+SYSTEM=\"reboot\"\r");
+    endpoint_close(&channel, true);
+    endpoint_close(&listener, true);
+    host_result result = host_finish(&job);
+    EXPECT_EQ(result.status, 2);
+    EXPECT_NE(result.err.find("before it answered"), std::string::npos) << result.err;
+}
+
+// An agent that lives on replaces its channel only when a client has left it. This client opened it after that, so its
+// request was not read.
+TEST_F(FalseAgent, ARequestThatOnlyAReplacedChannelGotIsSentAgain) {
+    start({"send", "AT", "+KERNEL_LOG?"});
+    ASSERT_TRUE(desk_until([&] {
+        struct pollfd arrived = {channel.master, POLLIN, 0};
+        return poll(&arrived, 1, 0) == 1 && (arrived.revents & POLLIN) != 0;
+    }));
+    for (int round = 0; round < 2; round++) {
+        endpoint_close(&channel);
+        endpoint_publish(dir.path + "/channel", &channel);
+    }
+    EXPECT_EQ(endpoint_read(&channel), "AT\r");
+    endpoint_write(&channel, "\r\nOK\r\n");
+    EXPECT_EQ(endpoint_read(&channel), "AT SA+KERNEL_LOG?\r");
+    endpoint_write(&channel, "\r\nKERNEL_LOG: 0\r\n\r\nOK\r\n");
+    host_result result = host_finish(&job);
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(result.out, "OK\nKERNEL_LOG: 0\n");
 }
 
 TEST_F(FalseAgent, SilenceIsATimeOut) {

@@ -4,9 +4,11 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <pty.h>
+#include <sched.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/ioctl.h>
+#include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -297,6 +299,14 @@ temporary_dir::~temporary_dir() {
     if (!path.empty()) {
         EXPECT_EQ(system(("rm -rf " + path).c_str()), 0);
     }
+}
+
+void private_terminals() {
+    if (unshare(CLONE_NEWNS) != 0) {
+        return;
+    }
+    ASSERT_EQ(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+    ASSERT_EQ(mount("devpts", "/dev/pts", "devpts", 0, "newinstance,ptmxmode=0666"), 0);
 }
 
 void endpoint_publish(const std::string &link, false_endpoint *endpoint) {

@@ -83,6 +83,11 @@ struct temporary_dir {
     std::string path;
 };
 
+// Gives this process and the programs that it starts pseudo-terminals of their own: the number behind a link that a test
+// leaves over then cannot become that of another test's terminal. Changes nothing where namespaces are refused, since tests
+// run one at a time there.
+void private_terminals();
+
 // One end of a pseudo-terminal pair published as the agent publishes its own: a link, owner 1000:1001, raw.
 struct false_endpoint {
     std::string link;
