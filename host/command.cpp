@@ -1,293 +1,230 @@
-// The sub-commands' table and options, shared by the command line and the console. Owns no state beyond the tables.
+// Command lines against the tables of sub-commands and options. Owns no state.
 
 #include "command.h"
 
-#include <cstdio>
 #include <cstdlib>
 
-#include "channel.h"
-#include "console.h"
-#include "fetch.h"
-#include "kill.h"
+#include "command_table.h"
+#include "help.h"
 #include "message.h"
-#include "request.h"
-#include "shell.h"
 
 namespace {
 
-typedef std::vector<std::string> word_list;
+enum read_end { READ_OPERANDS, READ_HELP, READ_VERSION, READ_REFUSED };
 
-struct sub_command {
-    const char *word;
-    const char *usage;
-    const char *help;
-    int (*run)(const host_options &options, const word_list &operands);
+// A command line as far as it has been read.
+struct reader {
+    word_list words;
+    size_t at = 0;
+    const command_row *row = nullptr;  // null: before the sub-command
+    host_options options;
+    word_list operands;
 };
 
-int usage_of(const char *word, const char *usage) {
-    say("Usage: sa-host %s %s", word, usage);
-    return HOST_REFUSED;
+std::string own_word(const reader &line) {
+    return line.row != nullptr ? line.row->word : "";
 }
 
-int run_send(const host_options &options, const word_list &operands) {
-    if (operands.empty()) {
-        return usage_of("send", "[--raw] REQUEST...");
+// Whether `word` is this option: "--name", "--name=value", "-x" or "-xvalue". `*value` receives what is attached.
+bool is_option(const option_row &row, const std::string &word, std::string *value, bool *has_value) {
+    const std::string name = row.name;
+    *has_value = false;
+    if (word == name) {
+        return true;
     }
-    std::vector<request> requests;
-    for (const std::string &text : operands) {
-        request made;
-        std::string why;
-        if (!request_from_text(text, &made, &why)) {
-            say("%s", why.c_str());
-            return HOST_REFUSED;
-        }
-        requests.push_back(made);
+    *has_value = true;
+    if (word.compare(0, name.size() + 1, name + "=") == 0) {
+        *value = word.substr(name.size() + 1);
+        return true;
     }
-    return channel_send(options, requests);
-}
-
-int run_shell(const host_options &options, const word_list &operands) {
-    std::string command;
-    for (const std::string &word : operands) {
-        command += (command.empty() ? "" : " ") + word;
+    if (row.letter != 0 && word.size() >= 2 && word[0] == '-' && word[1] == row.letter) {
+        *value = word.substr(2);
+        *has_value = word.size() > 2;
+        return true;
     }
-    return shell_run(options, command);
+    return false;
 }
 
-int run_fetch(const host_options &options, const word_list &operands) {
-    if (operands.empty() || operands.size() > 2) {
-        return usage_of("fetch", "[SET] DIR");
-    }
-    return fetch_set(options, operands.size() == 2 ? operands[0] : "", operands.back());
-}
-
-int run_kill(const host_options &options, const word_list &operands) {
-    return operands.empty() ? kill_agent(options) : usage_of("kill", "");
-}
-
-int run_console(const host_options &options, const word_list &operands) {
-    return operands.empty() ? console_run(options) : usage_of("console", "");
-}
-
-int run_help(const host_options &, const word_list &) {
-    command_help();
-    return HOST_OK;
-}
-
-// What is no request of the agent by a plain name; those have a table of their own.
-const sub_command m_sub_commands[] = {
-    {"send", "[--raw] REQUEST...", "send requests as they are (prefix and end added)", run_send},
-    {"shell", "[-n] [-t] [--no-status] [COMMAND]", "remote shell, or one command", run_shell},
-    {"fetch", "[SET] DIR", "copy a saved log set (the newest) into DIR", run_fetch},
-    {"kill", "", "end the agent", run_kill},
-    {"console", "", "commands line by line, with history", run_console},
-    {"help", "", "this text", run_help},
-};
-
-int run_request(const host_options &options, const request_kind &kind, const word_list &operands) {
-    request made;
-    std::string why;
-    if (!request_build(kind, operands, &made, &why)) {
-        say("%s", why.c_str());
-        return HOST_REFUSED;
-    }
-    if (!options.fetch_dir.empty()) {
-        return fetch_saved(options, options.fetch_dir);
-    }
-    return channel_send(options, {made});
-}
-
-// ---- Options
-
-enum option_kind { OPTION_TEXT, OPTION_SECONDS, OPTION_FLAG };
-
-struct option_row {
-    const char *name;
-    char letter;        // short form, 0 for none
-    const char *owner;  // the sub-command that has it, null: all
-    option_kind kind;
-    std::string host_options::*text;
-    int host_options::*number;
-    bool host_options::*flag;
-};
-
-typedef host_options all;
-
-// clang-format off
-const option_row m_option_rows[] = {
-    {"--root",      'r', nullptr,    OPTION_TEXT,    &all::root,      nullptr,         nullptr},
-    {"--channel",   'c', nullptr,    OPTION_TEXT,    &all::channel,   nullptr,         nullptr},
-    {"--listener",  'l', nullptr,    OPTION_TEXT,    &all::listener,  nullptr,         nullptr},
-    {"--timeout",   'T', nullptr,    OPTION_SECONDS, nullptr,         &all::timeout_s, nullptr},
-    {"--raw",       0,   "send",     OPTION_FLAG,    nullptr,         nullptr,         &all::is_raw},
-    {"--no-status", 0,   "shell",    OPTION_FLAG,    nullptr,         nullptr,         &all::is_bare},
-    {"--no-input",  'n', "shell",    OPTION_FLAG,    nullptr,         nullptr,         &all::is_no_input},
-    {"--terminal",  't', "shell",    OPTION_FLAG,    nullptr,         nullptr,         &all::is_terminal},
-    {"--fetch",     0,   "save-log", OPTION_TEXT,    &all::fetch_dir, nullptr,         nullptr},
-};
-// clang-format on
-
-// Finds the row of an option word, "--name", "--name=value", "-x" or "-xvalue". `*value` receives what is attached.
-const option_row *find_option(const std::string &word, std::string *value, bool *has_value) {
-    for (const option_row &row : m_option_rows) {
-        std::string name = row.name;
-        *has_value = false;
-        if (word == name) {
-            return &row;
-        }
-        *has_value = true;
-        if (word.compare(0, name.size() + 1, name + "=") == 0) {
-            *value = word.substr(name.size() + 1);
-            return &row;
-        }
-        if (row.letter != 0 && word.size() >= 2 && word[0] == '-' && word[1] == row.letter) {
-            *value = word.substr(2);
-            *has_value = word.size() > 2;
+const option_row *find_option(const reader &line, std::string *value, bool *has_value) {
+    for (const option_row &row : option_rows()) {
+        if (option_belongs(row, own_word(line)) && is_option(row, line.words[line.at], value, has_value)) {
             return &row;
         }
     }
     return nullptr;
 }
 
-bool read_seconds(const std::string &text, int *seconds) {
+void say_no_option(const reader &line) {
+    const std::string &word = line.words[line.at];
+    word_list candidates = {"--help", "--version"};
+    for (const option_row &row : option_rows()) {
+        if (option_belongs(row, own_word(line))) {
+            candidates.push_back(row.name);
+        }
+    }
+    std::string nearest = help_nearest(word.substr(0, word.find('=')), candidates);
+    std::string advice = nearest.empty() ? "" : " Did you mean " + nearest + "?";
+    if (line.row == nullptr) {
+        say("\"%s\" is not an option here.%s See sa-host --help.", word.c_str(), advice.c_str());
+    } else {
+        say("\"%s\" is not an option of %s.%s See sa-host help %s.", word.c_str(), line.row->word, advice.c_str(),
+            line.row->word);
+    }
+}
+
+bool read_number(const option_row &row, const std::string &text, int *number) {
     char *end = nullptr;
     long value = strtol(text.c_str(), &end, 10);
-    if (text.empty() || *end != '\0' || value < 1 || value > 86400) {
-        say("\"%s\" is no time-out: give whole seconds from 1 to 86400.", text.c_str());
+    bool is_time = row.kind == OPTION_SECONDS;
+    if (text.empty() || *end != '\0' || value < (is_time ? 1 : 0) || value > (is_time ? 86400 : 1000000)) {
+        say(is_time ? "\"%s\" is no time-out: give whole seconds from 1 to 86400."
+                    : "\"%s\" is no count: give a number from 0 to 1000000.",
+            text.c_str());
         return false;
     }
-    *seconds = static_cast<int>(value);
+    *number = static_cast<int>(value);
     return true;
 }
 
-bool store_option(const option_row &row, const std::string &value, host_options *out) {
-    switch (row.kind) {
-        case OPTION_FLAG: out->*row.flag = true; return true;
-        case OPTION_SECONDS: return read_seconds(value, &(out->*row.number));
-        default: break;
-    }
+bool store_text(const option_row &row, const std::string &value, host_options *out) {
     if (value.empty()) {
         say("The option %s needs a value that is not empty.", row.name);
+        return false;
+    }
+    if (row.choices != nullptr && (" " + std::string(row.choices) + " ").find(" " + value + " ") == std::string::npos) {
+        say("\"%s\" is no value of %s: use one of %s.", value.c_str(), row.name, row.choices);
         return false;
     }
     out->*row.text = value;
     return true;
 }
 
-bool read_option(word_list &words, const char *command, size_t *at, host_options *out) {
-    const std::string word = words[*at];
+bool store_option(const option_row &row, const std::string &value, host_options *out) {
+    switch (row.kind) {
+        case OPTION_FLAG: out->*row.flag = true; return true;
+        case OPTION_SECONDS:
+        case OPTION_COUNT: return read_number(row, value, &(out->*row.number));
+        case OPTION_TEXT: break;
+    }
+    return store_text(row, value, out);
+}
+
+bool read_option(reader *line) {
     std::string value;
     bool has_value = false;
-    const option_row *row = find_option(word, &value, &has_value);
-    if (row == nullptr || (row->owner != nullptr && std::string(row->owner) != command)) {
-        say("\"%s\" is not an option%s%s. See sa-host --help.", word.c_str(), *command != '\0' ? " of " : " here",
-            command);
+    const option_row *row = find_option(*line, &value, &has_value);
+    if (row == nullptr) {
+        say_no_option(*line);
         return false;
     }
+    std::string &word = line->words[line->at];
     if (row->kind == OPTION_FLAG && has_value && word[1] != '-') {
-        words[*at] = "-" + value;  // single letters may share one dash
-        return store_option(*row, "", out);
+        word = "-" + value;  // single letters may share one dash
+        return store_option(*row, "", &line->options);
     }
-    ++*at;
+    ++line->at;
     if (row->kind == OPTION_FLAG && has_value) {
         say("The option %s takes no value.", row->name);
         return false;
     }
     if (row->kind != OPTION_FLAG && !has_value) {
-        if (*at == words.size()) {
+        if (line->at == line->words.size()) {
             say("The option %s needs a value.", row->name);
             return false;
         }
-        value = words[(*at)++];
+        value = line->words[line->at++];
     }
-    return store_option(*row, value, out);
+    return store_option(*row, value, &line->options);
 }
 
-bool read_options(word_list words, const char *command, size_t *at, host_options *out, bool *is_help) {
-    while (*at < words.size() && words[*at].size() > 1 && words[*at][0] == '-') {
-        if (words[*at] == "--") {
-            ++*at;
-            return true;
+// Reads options, and operands among them where the sub-command allows that. What is left begins at line->at.
+read_end read_words(reader *line) {
+    while (line->at < line->words.size()) {
+        const std::string &word = line->words[line->at];
+        if (word == "--") {
+            ++line->at;
+            break;
         }
-        if (words[*at] == "--help" || words[*at] == "-h") {
-            *is_help = true;
-            return true;
+        if (word == "--help" || word == "-h") {
+            return READ_HELP;
         }
-        if (!read_option(words, command, at, out)) {
-            return false;
+        if (word == "--version" || word == "-V") {
+            return READ_VERSION;
         }
+        if (word.size() > 1 && word[0] == '-') {
+            if (!read_option(line)) {
+                return READ_REFUSED;
+            }
+            continue;
+        }
+        if (line->row == nullptr || line->row->is_command_line) {
+            break;
+        }
+        line->operands.push_back(word);
+        ++line->at;
     }
-    return true;
+    line->operands.insert(line->operands.end(), line->words.begin() + static_cast<std::ptrdiff_t>(line->at),
+                          line->words.end());
+    return READ_OPERANDS;
+}
+
+int print_version() {
+    print("sa-host " SA_HOST_VERSION "\n");
+    return HOST_OK;
+}
+
+int say_no_command(const std::string &word) {
+    word_list candidates;
+    for (const command_row &row : command_rows()) {
+        candidates.push_back(row.word);
+    }
+    std::string nearest = help_nearest(word, candidates);
+    say("There is no sub-command \"%s\".%s See sa-host --help.", word.c_str(),
+        nearest.empty() ? "" : (" Did you mean " + nearest + "?").c_str());
+    return HOST_REFUSED;
+}
+
+bool is_count_right(const command_row &row, size_t count) {
+    return count >= static_cast<size_t>(row.least) && (row.most < 0 || count <= static_cast<size_t>(row.most));
 }
 
 }  // namespace
 
-bool options_read(const word_list &words, size_t *at, host_options *out, bool *is_help) {
-    return read_options(words, "", at, out, is_help);
-}
-
 int command_run(const host_options &options, const word_list &words) {
-    const std::string &word = words[0];
-    host_options own = options;
-    size_t at = 1;
-    bool is_help = false;
-    const request_kind *kind = request_find(word);
-    const sub_command *found = nullptr;
-    for (const sub_command &row : m_sub_commands) {
-        if (word == row.word) {
-            found = &row;
-        }
+    reader line;
+    line.words = words;
+    line.at = 1;
+    line.row = command_find(words[0]);
+    line.options = options;
+    if (line.row == nullptr) {
+        return say_no_command(words[0]);
     }
-    if (kind == nullptr && found == nullptr) {
-        say("There is no sub-command \"%s\". See sa-host --help.", word.c_str());
+    switch (read_words(&line)) {
+        case READ_HELP: help_page(*line.row); return HOST_OK;
+        case READ_VERSION: return print_version();
+        case READ_REFUSED: return HOST_REFUSED;
+        case READ_OPERANDS: break;
+    }
+    if (!is_count_right(*line.row, line.operands.size())) {
+        say("Usage: sa-host %s%s%s. See sa-host help %s.", line.row->word, *line.row->usage != '\0' ? " " : "",
+            line.row->usage, line.row->word);
         return HOST_REFUSED;
     }
-    if (!read_options(words, word.c_str(), &at, &own, &is_help)) {
+    return line.row->run(*line.row, line.options, line.operands);
+}
+
+int command_line(const word_list &words) {
+    reader line;
+    line.words = words;
+    switch (read_words(&line)) {
+        case READ_HELP: help_summary(); return HOST_OK;
+        case READ_VERSION: return print_version();
+        case READ_REFUSED: return HOST_REFUSED;
+        case READ_OPERANDS: break;
+    }
+    if (line.operands.empty()) {
+        say("Give a sub-command, for example: sa-host status. See sa-host --help.");
         return HOST_REFUSED;
     }
-    if (is_help) {
-        command_help();
-        return HOST_OK;
-    }
-    word_list operands(words.begin() + static_cast<std::ptrdiff_t>(at), words.end());
-    return found != nullptr ? found->run(own, operands) : run_request(own, *kind, operands);
-}
-
-std::vector<std::string> command_words() {
-    std::vector<std::string> words;
-    for (const request_kind *kind = m_request_kinds; kind->word != nullptr; ++kind) {
-        words.push_back(kind->word);
-    }
-    for (const sub_command &row : m_sub_commands) {
-        words.push_back(row.word);
-    }
-    return words;
-}
-
-void command_help() {
-    puts(
-        "Usage: sa-host [OPTION]... SUB-COMMAND [OPTION]... [OPERAND]...\n"
-        "Talks to the system agent of a handset over its command channel and its remote shell.\n\n"
-        "Requests of the agent:");
-    for (const request_kind *kind = m_request_kinds; kind->word != nullptr; ++kind) {
-        printf("  %-46s %s\n", text_of("%s %s", kind->word, kind->usage).c_str(), kind->help);
-    }
-    puts(
-        "  save-log --fetch DIR                           the same, then fetch the new set into DIR\n\n"
-        "Others:");
-    for (const sub_command &row : m_sub_commands) {
-        printf("  %-46s %s\n", text_of("%s %s", row.word, row.usage).c_str(), row.help);
-    }
-    host_options usual;
-    printf(
-        "\nOptions:\n"
-        "  -c, --channel PATH    command channel (%s)\n"
-        "  -l, --listener PATH   remote-shell listener (%s)\n"
-        "  -r, --root PATH       the handset's root directory as seen from here, for example /proc/PID/root (%s)\n"
-        "  -T, --timeout SEC     how long to wait for an answer (what the request usually needs)\n"
-        "  -h, --help            this text\n\n"
-        "Exit status: 0 answered OK; 1 answered ERROR, or a step failed; 2 no channel, busy or no answer in time;\n"
-        "3 not sent: wrong usage or a request that cannot be written. shell: the remote command's own; 255 when\n"
-        "sa-host itself failed. In a remote shell on a terminal, ~. at the beginning of a line leaves it.\n",
-        usual.channel.c_str(), usual.listener.c_str(), usual.root.c_str());
+    return command_run(line.options, line.operands);
 }

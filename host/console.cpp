@@ -3,16 +3,18 @@
 #include "console.h"
 
 #include <sys/types.h>
+#include <sys/wait.h>
 #include <unistd.h>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 #include "command.h"
+#include "command_table.h"
 #include "message.h"
 #include "remote.h"
-#include "request.h"
 
 #ifdef SA_HOST_READLINE
 #include <readline/history.h>
@@ -63,33 +65,30 @@ bool is_wire_text(const std::string &line) {
     return line[0] == '+' || line.compare(0, 2, "AT") == 0 || line.compare(0, 3, "SA+") == 0;
 }
 
-// Runs one line. Result: false when the console is to end.
-bool run_line(const host_options &options, const std::string &text, int *status) {
+// Takes a line apart. Result: whether there is something to run.
+bool read_line(const std::string &text, std::vector<std::string> *words, int *status) {
     size_t from = text.find_first_not_of(" \t");
     if (from == std::string::npos || text[from] == '#') {
-        return true;
-    }
-    std::string line = text.substr(from);
-    std::vector<std::string> words;
-    if (is_wire_text(line)) {
-        words = {"send", "--", line};
-    } else if (!split_line(line, &words)) {
-        *status = HOST_REFUSED;
-        return true;
-    }
-    if (words[0] == "quit" || words[0] == "exit") {
         return false;
     }
-    if (words[0] == "console") {
-        say("This is the console already.");
+    std::string line = text.substr(from);
+    if (is_wire_text(line)) {
+        *words = {"send", "--", line};
         return true;
     }
-    int result = command_run(options, words);
-    if (result != HOST_OK) {
-        *status = result;
+    if (!split_line(line, words)) {
+        *status = HOST_REFUSED;
+        return false;
     }
-    fflush(stdout);
+    if ((*words)[0] == "console") {
+        say("This is the console already.");
+        return false;
+    }
     return true;
+}
+
+bool is_end(const std::vector<std::string> &words) {
+    return words[0] == "quit" || words[0] == "exit";
 }
 
 int run_script(const host_options &options) {
@@ -102,7 +101,19 @@ int run_script(const host_options &options) {
         if (text.back() == '\n') {
             text.pop_back();
         }
-        if (!run_line(options, text, &status)) {
+        if (options.is_echo) {
+            print("%s\n", text.c_str());
+        }
+        std::vector<std::string> words;
+        int result = HOST_OK;
+        if (read_line(text, &words, &result)) {
+            if (is_end(words)) {
+                break;
+            }
+            result = command_run(options, words);
+        }
+        status = result != HOST_OK ? result : status;
+        if (options.is_stop && status != HOST_OK) {
             break;
         }
     }
@@ -112,8 +123,6 @@ int run_script(const host_options &options) {
 
 #ifdef SA_HOST_READLINE
 
-const char *const KNOWN_SERVICES[] = {"zr-elog",     "zr-auto-test", "zr-qel-mla",  "zr-qel-mla0", "zr-qel-mla1",
-                                      "zr-qel-mla2", "zr-qel-mla3",  "zr-qel-mla4", "zr-qel-mla5"};
 constexpr int ASK_TIMEOUT_S = 3;
 
 const host_options *m_options = nullptr;  // of the running console; readline's callbacks carry no argument
@@ -124,7 +133,7 @@ volatile sig_atomic_t m_is_cancelled = 0;  // SIGINT came while a line was being
 
 // The names that init knows, from the properties that it keeps for each service.
 void ask_services() {
-    m_services.assign(std::begin(KNOWN_SERVICES), std::end(KNOWN_SERVICES));
+    m_services = split_words(KNOWN_SERVICES);
     host_options bounded = *m_options;
     bounded.timeout_s = ASK_TIMEOUT_S;
     std::string out;
@@ -156,26 +165,26 @@ char *next_candidate(const char *text, int state) {
     return nullptr;
 }
 
-bool takes_service(const std::string &word) {
-    return word == "query" || word == "start" || word == "stop" || word == "add" || word == "remove";
+void choose_services() {
+    if (m_services.empty()) {
+        ask_services();
+    }
+    m_candidates = m_services;
 }
 
+// What may stand behind these words. Nothing found means names of files.
 void choose_candidates(const std::vector<std::string> &before) {
     m_candidates.clear();
-    if (before.empty()) {
-        m_candidates = command_words();
-        m_candidates.push_back("quit");
-    } else if (before.back() == "autostart") {
-        m_candidates = {"add", "remove", "query"};
-    } else if (before.back() == "kernel-log" || before.back() == "dmesg-log") {
-        m_candidates = {"on", "off", "?"};
-    } else if (before.back() == "packets") {
-        m_candidates = {"on", "off"};
-    } else if (takes_service(before.back())) {
-        if (m_services.empty()) {
-            ask_services();
+    const command_row *row = before.empty() ? nullptr : command_find(before[0]);
+    if (row == nullptr || row->operand == OPERAND_SUB_COMMAND) {
+        for (const command_row &other : command_rows()) {
+            m_candidates.push_back(other.word);
         }
-        m_candidates = m_services;
+        m_candidates.push_back("quit");
+    } else if (row->choices != nullptr && before.size() == 1) {
+        m_candidates = split_words(row->choices);
+    } else if (row->operand == OPERAND_SERVICE) {
+        choose_services();
     }
 }
 
@@ -187,8 +196,7 @@ char **complete(const char *text, int start, int) {
     return m_candidates.empty() ? nullptr : rl_completion_matches(text, next_candidate);
 }
 
-// Ctrl-C at the prompt gives a fresh line. While a sub-command runs it ends the console, as it would end the
-// sub-command.
+// Ctrl-C at the prompt gives a fresh line.
 int cancel_line() {
     if (m_is_cancelled != 0) {
         m_is_cancelled = 0;
@@ -214,12 +222,43 @@ char *read_terminal_line() {
     return line;
 }
 
+// Runs a sub-command in a process of its own, so that Ctrl-C ends it and not the console.
+int run_aside(const host_options &options, const std::vector<std::string> &words) {
+    struct sigaction ignore = {};
+    struct sigaction former = {};
+    ignore.sa_handler = SIG_IGN;
+    sigaction(SIGINT, &ignore, &former);  // before the fork: Ctrl-C may come at any time
+    pid_t pid = fork();
+    if (pid == 0) {
+        signal(SIGINT, SIG_DFL);
+        int status = command_run(options, words);
+        _exit(print_finish(status));
+    }
+    int raw = 0;
+    while (pid > 0 && waitpid(pid, &raw, 0) < 0 && errno == EINTR) {
+    }
+    sigaction(SIGINT, &former, nullptr);
+    if (pid < 0) {
+        say("No process can be started for the line: %s.", strerror(errno));
+        return HOST_ERROR;
+    }
+    if (WIFEXITED(raw)) {
+        return WEXITSTATUS(raw);
+    }
+    if (WTERMSIG(raw) == SIGINT) {
+        say("Abandoned. The agent still carries out a request that it has begun.");
+    } else {
+        say("The line ended by the signal %d.", WTERMSIG(raw));
+    }
+    return 128 + WTERMSIG(raw);
+}
+
 void keep_history(const std::string &path, const char *line) {
     if (*line != '\0') {
         add_history(line);
     }
     if (!path.empty()) {
-        write_history(path.c_str());  // now, since a signal may end a sub-command and the console with it
+        write_history(path.c_str());  // now, since a signal may end the console
     }
 }
 
@@ -242,15 +281,20 @@ int run_terminal(const host_options &options) {
         read_history(history.c_str());
     }
     int status = HOST_OK;
-    bool is_open = true;
-    while (is_open) {
+    for (bool is_open = true; is_open && !(options.is_stop && status != HOST_OK);) {
         char *line = read_terminal_line();
         if (line == nullptr) {
-            putchar('\n');
+            print("\n");
             break;
         }
         keep_history(history, line);
-        is_open = run_line(options, line, &status);
+        std::vector<std::string> words;
+        int result = HOST_OK;
+        if (read_line(line, &words, &result)) {
+            is_open = !is_end(words);
+            result = is_open ? run_aside(options, words) : HOST_OK;
+        }
+        status = result != HOST_OK ? result : status;
         free(line);
     }
     m_options = nullptr;

@@ -18,9 +18,9 @@
 #include <cstring>
 
 #include "channel.h"
+#include "command_table.h"
 #include "message.h"
 #include "remote.h"
-#include "request.h"
 
 namespace {
 
@@ -402,8 +402,8 @@ int bring(const host_options &options, const std::string &set, const std::string
         close(job.fd);
     }
     if (status == HOST_OK) {
-        printf("%s/%s: %s fetched, size and checksum are right.\n", dir.c_str(), set.c_str(),
-               in_bytes(job.whole.size).c_str());
+        print("%s/%s: %s fetched, size and checksum are right.\n", dir.c_str(), set.c_str(),
+              in_bytes(job.whole.size).c_str());
     }
     return status;
 }
@@ -436,7 +436,7 @@ int fetch_set(const host_options &options, const std::string &set, const std::st
     }
     std::string complete = dir + "/" + chosen;
     if (access(complete.c_str(), F_OK) == 0) {
-        printf("%s is complete already.\n", complete.c_str());
+        print("%s is complete already.\n", complete.c_str());
         return HOST_OK;
     }
     return bring(options, chosen, dir);
@@ -447,7 +447,7 @@ int fetch_saved(const host_options &options, const std::string &dir) {
     std::vector<std::string> after;
     request save;
     std::string why;
-    request_build(*request_find("save-log"), {}, &save, &why);
+    request_build("save-log", command_find("save-log")->request, {}, &save, &why);
     int status = list_sets(options, &before);
     if (status == HOST_OK) {
         status = channel_send(options, {save});

@@ -26,7 +26,7 @@ int kill_agent(const host_options &options) {
     int error = errno;
     link_end(&turn);
     if (got == 0) {
-        puts("The agent has ended.");
+        print("The agent has ended.\n");
         return HOST_OK;
     }
     if (got > 0) {

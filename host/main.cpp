@@ -8,7 +8,6 @@
 
 #include "command.h"
 #include "message.h"
-#include "options.h"
 
 namespace {
 
@@ -25,20 +24,8 @@ bool fill_streams() {
 
 int main(int argc, char **argv) {
     std::vector<std::string> words(argv + (argc > 0 ? 1 : 0), argv + argc);
-    host_options options;
-    size_t at = 0;
-    bool is_help = false;
-    if (!fill_streams() || !options_read(words, &at, &options, &is_help)) {
+    if (!fill_streams()) {
         return HOST_REFUSED;
     }
-    if (is_help) {
-        command_help();
-        return HOST_OK;
-    }
-    if (at == words.size()) {
-        say("Give a sub-command, for example: sa-host send AT. See sa-host --help.");
-        return HOST_REFUSED;
-    }
-    words.erase(words.begin(), words.begin() + static_cast<std::ptrdiff_t>(at));
-    return command_run(options, words);
+    return print_finish(command_line(words));
 }

@@ -1,15 +1,21 @@
-// Sentences for a person and the transient progress line. Owns the knowledge whether such a line is on the screen.
+// Sentences for a person, the transient progress line and standard output. Owns whether such a line is on the screen and
+// the first failure of standard output.
 
 #include "message.h"
 
+#include <poll.h>
 #include <unistd.h>
+#include <cerrno>
+#include <csignal>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 
 namespace {
 
 bool m_is_shown = false;  // a progress line stands on the terminal, without a newline
+int m_output_error = 0;   // errno of the first write that failed
 
 std::string format_text(const char *format, va_list args) __attribute__((format(printf, 1, 0)));
 
@@ -27,6 +33,16 @@ std::string format_text(const char *format, va_list args) {
     return text;
 }
 
+// Ends the process as a program that does not look at SIGPIPE: its reader has what it wanted.
+void end_without_reader() {
+    signal(SIGPIPE, SIG_DFL);
+    sigset_t pipe_signal;
+    sigemptyset(&pipe_signal);
+    sigaddset(&pipe_signal, SIGPIPE);
+    sigprocmask(SIG_UNBLOCK, &pipe_signal, nullptr);
+    raise(SIGPIPE);
+}
+
 }  // namespace
 
 void say(const char *format, ...) {
@@ -36,6 +52,43 @@ void say(const char *format, ...) {
     va_end(args);
     progress_clear();
     fprintf(stderr, "sa-host: %s\n", text.c_str());
+}
+
+void print(const char *format, ...) {
+    va_list args;
+    va_start(args, format);
+    std::string text = format_text(format, args);
+    va_end(args);
+    print_text(text);
+}
+
+void print_text(const std::string &text) {
+    size_t done = 0;
+    while (m_output_error == 0 && done < text.size()) {
+        ssize_t put = write(STDOUT_FILENO, text.data() + done, text.size() - done);
+        if (put >= 0) {
+            done += static_cast<size_t>(put);
+        } else if (errno == EAGAIN) {
+            struct pollfd output = {STDOUT_FILENO, POLLOUT, 0};
+            poll(&output, 1, -1);
+        } else if (errno == EPIPE) {
+            end_without_reader();
+        } else if (errno != EINTR) {
+            m_output_error = errno;
+        }
+    }
+}
+
+bool print_is_good() {
+    return m_output_error == 0;
+}
+
+int print_finish(int status) {
+    if (m_output_error == 0) {
+        return status;
+    }
+    say("Writing the output failed: %s.", strerror(m_output_error));
+    return status == HOST_OK ? HOST_ERROR : status;
 }
 
 void progress_show(const std::string &text) {

@@ -12,5 +12,7 @@ struct host_options {
     bool is_bare = false;                  // shell: send the command as it is, without the part that reports its status
     bool is_no_input = false;              // shell: the command reads nothing
     bool is_terminal = false;              // shell: a command gets the terminal in raw mode, like a shell does
+    bool is_echo = false;                  // console: print each line before it is run
+    bool is_stop = false;                  // console: end at the first line that fails
     std::string fetch_dir;                 // save-log: directory to copy the saved set into, empty for none
 };

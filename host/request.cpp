@@ -1,10 +1,11 @@
-// Plain words to request bytes. Owns the table of the ten sub-commands; everything else is derived from its rows.
+// Plain words to request bytes. Owns no state.
 
 #include "request.h"
 
 #include <strings.h>
 #include <cstring>
 
+#include "command_table.h"
 #include "message.h"
 
 namespace {
@@ -14,8 +15,6 @@ constexpr size_t REQUEST_MAX = 199;
 constexpr size_t NAME_MAX_LEN = 39;  // the agent's name buffers hold 40 with the terminator
 constexpr int UNKNOWN_TIMEOUT_S = 30;
 const char *const PREFIX = "AT SA";
-
-enum shape { NAME, LIST, COMMAND, SWITCH, SETTING, BARE };
 
 bool check_quoted(const char *what, const std::string &text, std::string *why) {
     if (text.empty()) {
@@ -64,34 +63,38 @@ bool argument_switch(bool can_read, const std::string &word, std::string *argume
         *argument = "=1";
     } else if (word == "off" || word == "0") {
         *argument = "=0";
-    } else if (can_read && (word == "?" || word == "query")) {
+    } else if (can_read && (word == "query" || word == "?")) {
         *argument = "?";
     } else {
         *why = text_of("\"%s\" is not a state of the switch: use %s.", word.c_str(),
-                       can_read ? "on, off or ?" : "on or off (this switch cannot be read)");
+                       can_read ? "on, off or query" : "on or off (this switch cannot be read)");
         return false;
     }
     return true;
 }
 
-size_t operand_count(int kind) {
-    return kind == BARE ? 0 : kind == LIST ? 2 : 1;
+// The words of a command line, joined as those of a remote shell command are.
+std::string joined(const std::vector<std::string> &words) {
+    std::string text;
+    for (const std::string &word : words) {
+        text += (&word == words.data() ? "" : " ") + word;
+    }
+    return text;
 }
 
-bool argument_of(const request_kind &kind, const std::vector<std::string> &words, std::string *argument,
-                 std::string *why) {
-    if (words.size() != operand_count(kind.shape)) {
-        *why = text_of("Usage: sa-host %s%s%s", kind.word, *kind.usage != '\0' ? " " : "", kind.usage);
-        return false;
+bool argument_of(request_shape shape, const std::vector<std::string> &words, std::string *argument, std::string *why) {
+    switch (shape) {
+        case SHAPE_NAME: *argument = "=\"" + words[0] + "\""; return check_name(words[0], why);
+        case SHAPE_LIST: return argument_autostart(words, argument, why);
+        case SHAPE_COMMAND:
+            *argument = "=\"" + joined(words) + "\"";
+            return check_quoted("command", joined(words), why);
+        case SHAPE_SWITCH: return argument_switch(true, words[0], argument, why);
+        case SHAPE_SETTING: return argument_switch(false, words[0], argument, why);
+        case SHAPE_READING: *argument = "?"; return true;
+        case SHAPE_BARE: break;
     }
-    switch (kind.shape) {
-        case NAME: *argument = "=\"" + words[0] + "\""; return check_name(words[0], why);
-        case LIST: return argument_autostart(words, argument, why);
-        case COMMAND: *argument = "=\"" + words[0] + "\""; return check_quoted("command", words[0], why);
-        case SWITCH: return argument_switch(true, words[0], argument, why);
-        case SETTING: return argument_switch(false, words[0], argument, why);
-        default: return true;
-    }
+    return true;
 }
 
 bool check_length(const request &made, std::string *why) {
@@ -106,9 +109,9 @@ bool check_length(const request &made, std::string *why) {
 }
 
 int usual_timeout(const std::string &bytes) {
-    for (const request_kind *kind = m_request_kinds; kind->word != nullptr; ++kind) {
-        if (strcasestr(bytes.c_str(), kind->at_name) != nullptr) {
-            return kind->timeout_s;
+    for (const command_row &row : command_rows()) {
+        if (row.request.at_name != nullptr && strcasestr(bytes.c_str(), row.request.at_name) != nullptr) {
+            return row.request.timeout_s;
         }
     }
     return UNKNOWN_TIMEOUT_S;
@@ -116,42 +119,13 @@ int usual_timeout(const std::string &bytes) {
 
 }  // namespace
 
-// Time-outs leave room beyond what the agent itself waits for: 8 s for a start, 10 s for a stop, five runs of a failing
-// command, minutes for the bug report of a saved set.
-// clang-format off
-const request_kind m_request_kinds[] = {
-    {"query",      "NAME",                  "ask whether a service runs",       "+QUERY_SERVICE",      NAME,    30},
-    {"start",      "NAME",                  "start a service and wait for it",  "+START_SERVICE",      NAME,    60},
-    {"stop",       "NAME",                  "stop a service, wait for its end", "+STOP_SERVICE",       NAME,    60},
-    {"autostart",  "add|remove|query NAME", "services started with the agent",  "+AUTO_START_SERVICE", LIST,    30},
-    {"system",     "COMMAND",               "run a command (five tries)",       "+SYSTEM",             COMMAND, 600},
-    {"kernel-log", "on|off|?",              "kernel-message capture",           "+KERNEL_LOG",         SWITCH,  30},
-    {"dmesg-log",  "on|off|?",              "kernel-log snapshots",             "+DMESG_LOG",          SWITCH,  30},
-    {"packets",    "on|off",                "packet-capture switch",            "+DATA_PACKETS_LOG",   SETTING, 30},
-    {"save-log",   "",                      "save all logs to the card",        "+SAVE_LOG",           BARE,    1800},
-    {"delete-log", "",                      "delete the logs, start afresh",    "+DELETE_LOG",         BARE,    120},
-    {nullptr, nullptr, nullptr, nullptr, 0, 0},
-};
-// clang-format on
-
-const request_kind *request_find(const std::string &word) {
-    for (const request_kind *kind = m_request_kinds; kind->word != nullptr; ++kind) {
-        if (word == kind->word) {
-            return kind;
-        }
-    }
-    return nullptr;
-}
-
-bool request_build(const request_kind &kind, const std::vector<std::string> &operands, request *out, std::string *why) {
+bool request_build(const std::string &word, const request_kind &kind, const std::vector<std::string> &operands,
+                   request *out, std::string *why) {
     std::string argument;
-    if (!argument_of(kind, operands, &argument, why)) {
+    if (!argument_of(kind.shape, operands, &argument, why)) {
         return false;
     }
-    out->title = kind.word;
-    for (const std::string &word : operands) {
-        out->title += " " + word;
-    }
+    out->title = word + (operands.empty() ? "" : " ") + joined(operands);
     out->bytes = PREFIX + std::string(kind.at_name) + argument + "\r";
     out->timeout_s = kind.timeout_s;
     return check_length(*out, why);

@@ -10,24 +10,28 @@ struct request {
     int timeout_s;      // how long its answer may take
 };
 
-// One sub-command that stands for a request of the agent.
-struct request_kind {
-    const char *word;     // the sub-command
-    const char *usage;    // its operands
-    const char *help;     // one line
-    const char *at_name;  // name on the wire, with its plus sign
-    int shape;            // how the operands become an argument; private to request.cpp
-    int timeout_s;
+// How the operands of a sub-command become the argument on the wire.
+enum request_shape {
+    SHAPE_BARE,     // none
+    SHAPE_READING,  // none; the request reads a value
+    SHAPE_NAME,     // a service name
+    SHAPE_LIST,     // an action and a service name
+    SHAPE_COMMAND,  // a command line
+    SHAPE_SWITCH,   // on, off or query
+    SHAPE_SETTING,  // on or off
 };
 
-// The ten, ended by a row whose word is null.
-extern const request_kind m_request_kinds[];
+// What the table of sub-commands says about a request of the agent.
+struct request_kind {
+    const char *at_name;  // name on the wire, with its plus sign
+    request_shape shape;
+    int timeout_s;  // how long its answer may take: beyond what the agent itself waits for
+};
 
-// The row of a sub-command, or null.
-const request_kind *request_find(const std::string &word);
-
-// Builds the request of a sub-command from its operands. Result: true, or false with the reason as a sentence in `why`.
-bool request_build(const request_kind &kind, const std::vector<std::string> &operands, request *out, std::string *why);
+// Builds the request of a sub-command from its operands, whose number has been checked.
+// Result: true, or false with the reason as a sentence in `why`.
+bool request_build(const std::string &word, const request_kind &kind, const std::vector<std::string> &operands,
+                   request *out, std::string *why);
 
 // Builds a request from its text on the wire: adds the prefix where the text lacks it, and the carriage return.
 // Result as above.

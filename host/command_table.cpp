@@ -1,0 +1,294 @@
+// The rows of sub-commands and options, with the function that runs each. Owns no state beyond the tables.
+
+#include "command_table.h"
+
+#include <algorithm>
+
+#include "channel.h"
+#include "console.h"
+#include "fetch.h"
+#include "help.h"
+#include "kill.h"
+#include "message.h"
+#include "shell.h"
+
+namespace {
+
+int run_request(const command_row &row, const host_options &options, const word_list &operands) {
+    request made;
+    std::string why;
+    if (!request_build(row.word, row.request, operands, &made, &why)) {
+        say("%s", why.c_str());
+        return HOST_REFUSED;
+    }
+    return channel_send(options, {made});
+}
+
+int run_save_log(const command_row &row, const host_options &options, const word_list &operands) {
+    return options.fetch_dir.empty() ? run_request(row, options, operands) : fetch_saved(options, options.fetch_dir);
+}
+
+int run_send(const command_row &, const host_options &options, const word_list &operands) {
+    std::vector<request> requests;
+    for (const std::string &text : operands) {
+        request made;
+        std::string why;
+        if (!request_from_text(text, &made, &why)) {
+            say("%s", why.c_str());
+            return HOST_REFUSED;
+        }
+        requests.push_back(made);
+    }
+    return channel_send(options, requests);
+}
+
+int run_shell(const command_row &, const host_options &options, const word_list &operands) {
+    std::string command;
+    for (const std::string &word : operands) {
+        command += (command.empty() ? "" : " ") + word;
+    }
+    return shell_run(options, command);
+}
+
+int run_fetch(const command_row &, const host_options &options, const word_list &operands) {
+    return fetch_set(options, operands.size() == 2 ? operands[0] : "", operands.back());
+}
+
+int run_kill(const command_row &, const host_options &options, const word_list &) {
+    return kill_agent(options);
+}
+
+int run_console(const command_row &, const host_options &options, const word_list &) {
+    return console_run(options);
+}
+
+int run_completion(const command_row &, const host_options &, const word_list &operands) {
+    return help_completion(operands[0]);
+}
+
+int run_help(const command_row &, const host_options &, const word_list &operands) {
+    if (operands.empty()) {
+        help_summary();
+        return HOST_OK;
+    }
+    const command_row *row = command_find(operands[0]);
+    if (row == nullptr) {
+        say("There is no sub-command \"%s\". See sa-host --help.", operands[0].c_str());
+        return HOST_REFUSED;
+    }
+    help_page(*row);
+    return HOST_OK;
+}
+
+constexpr request_kind NO_REQUEST = {nullptr, SHAPE_BARE, 0};
+
+}  // namespace
+
+const char *const KNOWN_SERVICES =
+    "zr-elog zr-auto-test zr-qel-mla zr-qel-mla0 zr-qel-mla1 zr-qel-mla2 zr-qel-mla3 zr-qel-mla4 zr-qel-mla5";
+
+const std::vector<command_row> &command_rows() {
+    static const std::vector<command_row> rows = {
+        {"query",
+         "NAME",
+         1,
+         1,
+         nullptr,
+         OPERAND_SERVICE,
+         false,
+         "ask whether a service runs",
+         "A service runs when the first argument of a process contains NAME.\n"
+         "Prints \"QUERY_SERVICE: 1\" when it runs, \"QUERY_SERVICE: 0\" when it does not.",
+         run_request,
+         {"+QUERY_SERVICE", SHAPE_NAME, 30}},
+        {"start",
+         "NAME",
+         1,
+         1,
+         nullptr,
+         OPERAND_SERVICE,
+         false,
+         "start a service and wait for it",
+         "Ends once a process of that name runs, or with ERROR when none has appeared within 8 s.",
+         run_request,
+         {"+START_SERVICE", SHAPE_NAME, 60}},
+        {"stop",
+         "NAME",
+         1,
+         1,
+         nullptr,
+         OPERAND_SERVICE,
+         false,
+         "stop a service and wait for its end",
+         "Ends once no process of that name runs, or with ERROR when one still runs after 10 s.",
+         run_request,
+         {"+STOP_SERVICE", SHAPE_NAME, 60}},
+        {"autostart",
+         "add|remove|query NAME",
+         2,
+         2,
+         "add remove query",
+         OPERAND_SERVICE,
+         false,
+         "services that are started with the agent",
+         "The list has ten entries and survives restarts of the agent and of the handset.\n"
+         "sa-host status prints it.",
+         run_request,
+         {"+AUTO_START_SERVICE", SHAPE_LIST, 30}},
+        {"system",
+         "COMMAND...",
+         1,
+         -1,
+         nullptr,
+         OPERAND_OTHER,
+         true,
+         "run a shell command line (five tries)",
+         "The words are joined with blanks, as those of shell are. OK when one of at most five runs ended with\n"
+         "status 0. The output is not returned: use shell to read it.\n"
+         "The command line cannot contain a double quote.",
+         run_request,
+         {"+SYSTEM", SHAPE_COMMAND, 600}},
+        {"kernel-log",
+         "on|off|query",
+         1,
+         1,
+         "on off query",
+         OPERAND_OTHER,
+         false,
+         "kernel-message capture",
+         "Off whenever the agent starts. Switched on beside the kernel-message collector, each message goes to one of\n"
+         "the two readers.",
+         run_request,
+         {"+KERNEL_LOG", SHAPE_SWITCH, 30}},
+        {"dmesg-log",
+         "on|off|query",
+         1,
+         1,
+         "on off query",
+         OPERAND_OTHER,
+         false,
+         "kernel-log snapshots",
+         "Switching it on takes one snapshot into /data/log/SystemLog/dmesg.log. Off whenever the agent starts.",
+         run_request,
+         {"+DMESG_LOG", SHAPE_SWITCH, 30}},
+        {"packets",
+         "on|off",
+         1,
+         1,
+         "on off",
+         OPERAND_OTHER,
+         false,
+         "packet-capture switch",
+         "The tcpdump collector does not depend on this switch: it follows the property that sa-host status prints.\n"
+         "off after on kills the agent's process group; init starts the agent again.",
+         run_request,
+         {"+DATA_PACKETS_LOG", SHAPE_SETTING, 30}},
+        {"save-log",
+         "",
+         0,
+         0,
+         nullptr,
+         OPERAND_OTHER,
+         false,
+         "save all logs to the card",
+         "Saves the collected logs and the state of the system into a new set on the card.",
+         run_save_log,
+         {"+SAVE_LOG", SHAPE_BARE, 1800}},
+        {"delete-log",
+         "",
+         0,
+         0,
+         nullptr,
+         OPERAND_OTHER,
+         false,
+         "delete the collected logs, start afresh",
+         "Deletes the collectors' files in /data/local/log and starts the collectors again. sa.log and the sets on "
+         "the\n"
+         "card are kept.",
+         run_request,
+         {"+DELETE_LOG", SHAPE_BARE, 120}},
+
+        {"send", "REQUEST...", 1, -1, nullptr, OPERAND_OTHER, false, "send requests as they are",
+         "A request that does not begin with AT gets the prefix, and each gets a carriage return. Ends with the first\n"
+         "request that fails.",
+         run_send, NO_REQUEST},
+        {"shell", "[COMMAND...]", 0, -1, nullptr, OPERAND_OTHER, true, "remote shell, or one command",
+         "Without a command: a shell, on a terminal an interactive one. With one: runs it and ends with its exit\n"
+         "status, or with 255 when sa-host itself failed. In a shell on a terminal, ~. at the beginning of a line\n"
+         "leaves it and ~? lists what else there is.",
+         run_shell, NO_REQUEST},
+        {"fetch", "[SET] DIR", 1, 2, nullptr, OPERAND_DIRECTORY, false, "copy a saved log set (the newest) into DIR",
+         "The copy appears as DIR/SET once its size and checksum are right. A copy that was broken off goes on where\n"
+         "it stopped when the same command is run again.",
+         run_fetch, NO_REQUEST},
+        {"kill", "", 0, 0, nullptr, OPERAND_OTHER, false, "end the agent",
+         "The agent ends at once. The handset's init may start it again.", run_kill, NO_REQUEST},
+        {"console", "", 0, 0, nullptr, OPERAND_OTHER, false, "sub-commands line by line, with history",
+         "A line that begins with +, AT or SA+ is sent as it is. quit ends the console. On a terminal, Ctrl-C\n"
+         "abandons the request under way and keeps the prompt.",
+         run_console, NO_REQUEST},
+        {"completion", "bash|zsh", 1, 1, "bash zsh", OPERAND_OTHER, false, "print a shell's completion script",
+         "Source it: . <(sa-host completion bash). An installed sa-host brings both scripts.", run_completion,
+         NO_REQUEST},
+        {"help", "[SUB-COMMAND]", 0, 1, nullptr, OPERAND_SUB_COMMAND, false, "the summary, or one sub-command's page",
+         nullptr, run_help, NO_REQUEST},
+    };
+    return rows;
+}
+
+const std::vector<option_row> &option_rows() {
+    typedef host_options all;
+    // clang-format off
+    static const std::vector<option_row> rows = {
+        {"--channel", 'c', nullptr, "PATH", nullptr, OPERAND_FILE, "command channel (/dev/ttyCMD0)",
+         OPTION_TEXT, &all::channel, nullptr, nullptr},
+        {"--listener", 'l', nullptr, "PATH", nullptr, OPERAND_FILE, "remote-shell listener (/dev/ttysa1)",
+         OPTION_TEXT, &all::listener, nullptr, nullptr},
+        {"--root", 'r', nullptr, "PATH", nullptr, OPERAND_DIRECTORY, "the handset's root directory as seen from here (/)",
+         OPTION_TEXT, &all::root, nullptr, nullptr},
+        {"--timeout", 'T', nullptr, "SEC", nullptr, OPERAND_OTHER, "how long to wait (what the request usually needs)",
+         OPTION_SECONDS, nullptr, &all::timeout_s, nullptr},
+        {"--raw", 0, " send ", nullptr, nullptr, OPERAND_OTHER, "show the bytes of both directions",
+         OPTION_FLAG, nullptr, nullptr, &all::is_raw},
+        {"--no-input", 'n', " shell ", nullptr, nullptr, OPERAND_OTHER, "the command reads nothing",
+         OPTION_FLAG, nullptr, nullptr, &all::is_no_input},
+        {"--terminal", 't', " shell ", nullptr, nullptr, OPERAND_OTHER, "give the command the terminal in raw mode",
+         OPTION_FLAG, nullptr, nullptr, &all::is_terminal},
+        {"--no-status", 0, " shell ", nullptr, nullptr, OPERAND_OTHER,
+         "send the command as it is: the exit status is 0 whatever happens",
+         OPTION_FLAG, nullptr, nullptr, &all::is_bare},
+        {"--fetch", 0, " save-log ", "DIR", nullptr, OPERAND_DIRECTORY, "then copy the new set into DIR",
+         OPTION_TEXT, &all::fetch_dir, nullptr, nullptr},
+        {"--echo", 'e', " console ", nullptr, nullptr, OPERAND_OTHER, "print each line before it is run",
+         OPTION_FLAG, nullptr, nullptr, &all::is_echo},
+        {"--stop", 's', " console ", nullptr, nullptr, OPERAND_OTHER, "end at the first line that fails",
+         OPTION_FLAG, nullptr, nullptr, &all::is_stop},
+    };
+    // clang-format on
+    return rows;
+}
+
+const command_row *command_find(const std::string &word) {
+    for (const command_row &row : command_rows()) {
+        if (word == row.word) {
+            return &row;
+        }
+    }
+    return nullptr;
+}
+
+bool option_belongs(const option_row &row, const std::string &word) {
+    return row.owners == nullptr || std::string(row.owners).find(" " + word + " ") != std::string::npos;
+}
+
+word_list split_words(const std::string &text) {
+    word_list words;
+    for (size_t at = 0; at < text.size();) {
+        size_t end = std::min(text.find(' ', at), text.size());
+        if (end > at) {
+            words.push_back(text.substr(at, end - at));
+        }
+        at = end + 1;
+    }
+    return words;
+}
