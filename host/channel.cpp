@@ -6,12 +6,12 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 #include "link.h"
 #include "message.h"
+#include "request_log.h"
 #include "stream.h"
 
 namespace {
@@ -67,13 +67,11 @@ void show_elapsed(const request &asked, int64_t start) {
 int say_no_answer(const request &asked, long got, int seconds) {
     if (got == 0) {
         say("The agent closed the channel before it answered \"%s\": it ended or was restarted. Whether the request "
-            "was "
-            "carried out is unknown; check, then try again.",
+            "was carried out is unknown; check, then try again.",
             asked.title.c_str());
     } else if (errno == ETIMEDOUT) {
         say("No answer to \"%s\" within %d s: the agent is still at it, or hangs. Try again with a longer --timeout, "
-            "or look "
-            "into /data/local/log/sa.log on the handset.",
+            "or see sa-host log.",
             asked.title.c_str(), seconds);
     } else {
         say("Reading the answer to \"%s\" failed: %s.", asked.title.c_str(), strerror(errno));
@@ -111,39 +109,33 @@ int read_answer(int fd, const request &asked, int seconds, answer *reply) {
 
 // The bytes of one direction, with everything that is no printable ASCII made visible.
 void print_raw(const char *direction, const std::string &bytes) {
-    printf("%s ", direction);
+    std::string shown;
     for (char byte : bytes) {
         unsigned char c = static_cast<unsigned char>(byte);
         if (c == '\r') {
-            printf("\\r");
+            shown += "\\r";
         } else if (c == '\n') {
-            printf("\\n");
+            shown += "\\n";
         } else if (c == '\\') {
-            printf("\\\\");
-        } else if (isprint(c) != 0) {
-            putchar(c);
+            shown += "\\\\";
         } else {
-            printf("\\x%02x", c);
+            shown += isprint(c) != 0 ? std::string(1, byte) : text_of("\\x%02x", c);
         }
     }
-    putchar('\n');
-    fflush(stdout);
+    print("%s %s\n", direction, shown.c_str());
 }
 
-int print_answer(const request &asked, const answer &reply, bool is_raw) {
-    if (!reply.is_ok) {
-        say("The agent answered ERROR: %ld to \"%s\". The reason stands in /data/local/log/sa.log on the handset.",
-            reply.code, asked.title.c_str());
-        return HOST_ERROR;
+int judge_answer(const host_options &options, const request &asked, const answer &reply) {
+    if (reply.is_ok) {
+        return HOST_OK;
     }
-    if (!is_raw) {
-        puts(reply.result.empty() ? "OK" : reply.result.c_str());
-        fflush(stdout);
-    }
-    return HOST_OK;
+    say("The agent answered ERROR: %ld to \"%s\".%s", reply.code, asked.title.c_str(),
+        options.is_verbose ? "" : " With -v sa-host shows the lines that a request leaves in the handset's log.");
+    return HOST_ERROR;
 }
 
-int converse(const host_options &options, const link_turn &turn, const request &asked) {
+// One request and its answer. Result: a host_status, with failures said.
+int converse(const host_options &options, const link_turn &turn, const request &asked, answer *reply) {
     int seconds = options.timeout_s > 0 ? options.timeout_s : asked.timeout_s;
     link_discard_input(turn);
     if (write_all(turn.fd, asked.bytes.data(), asked.bytes.size(), now_ms() + seconds * INT64_C(1000)) != 0) {
@@ -157,12 +149,14 @@ int converse(const host_options &options, const link_turn &turn, const request &
     if (options.is_raw) {
         print_raw(">", asked.bytes);
     }
-    answer reply;
-    int status = read_answer(turn.fd, asked, seconds, &reply);
-    if (options.is_raw && !reply.bytes.empty()) {
-        print_raw("<", reply.bytes);
+    int status = read_answer(turn.fd, asked, seconds, reply);
+    if (options.is_raw && !reply->bytes.empty()) {
+        print_raw("<", reply->bytes);
     }
-    return status == HOST_OK ? print_answer(asked, reply, options.is_raw) : status;
+    if (options.is_verbose && status != HOST_LOST) {
+        request_log_show(options);  // within the turn: no other request comes in between
+    }
+    return status == HOST_OK ? judge_answer(options, asked, *reply) : status;
 }
 
 // Whether the agent replaced the channel although this client held it open. It does that only when a client before this
@@ -191,7 +185,7 @@ bool begin_turn(const host_options &options, int64_t deadline, link_turn *turn, 
 
 // The first request of a turn, in as many turns as it takes until the agent reads it. One that was answered proves that
 // the agent reads this turn's requests.
-int converse_first(const host_options &options, const request &asked, link_turn *turn) {
+int converse_first(const host_options &options, const request &asked, link_turn *turn, answer *reply) {
     int seconds = options.timeout_s > 0 ? options.timeout_s : asked.timeout_s;
     int64_t deadline = now_ms() + seconds * INT64_C(1000);
     published before;
@@ -199,7 +193,8 @@ int converse_first(const host_options &options, const request &asked, link_turn 
         if (!begin_turn(options, deadline, turn, &before)) {
             return HOST_NO_WAY;
         }
-        int status = converse(options, *turn, asked);
+        *reply = answer();
+        int status = converse(options, *turn, asked, reply);
         if (status != HOST_LOST) {
             return status;
         }
@@ -216,11 +211,25 @@ int channel_send(const host_options &options, const std::vector<request> &reques
     link_turn turn;
     int status = HOST_OK;
     for (size_t i = 0; i < requests.size() && status == HOST_OK; ++i) {
-        status = i == 0 ? converse_first(options, requests[i], &turn) : converse(options, turn, requests[i]);
+        answer reply;
+        status =
+            i == 0 ? converse_first(options, requests[i], &turn, &reply) : converse(options, turn, requests[i], &reply);
         if (status == HOST_LOST) {
             status = say_no_answer(requests[i], 0, 0);
         }
+        if (status == HOST_OK && !options.is_raw) {
+            print("%s\n", reply.result.empty() ? "OK" : reply.result.c_str());
+        }
     }
     link_end(&turn);
+    return status;
+}
+
+int channel_ask(const host_options &options, const request &asked, std::string *result) {
+    link_turn turn;
+    answer reply;
+    int status = converse_first(options, asked, &turn, &reply);
+    link_end(&turn);
+    *result = reply.result;
     return status;
 }

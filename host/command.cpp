@@ -210,6 +210,7 @@ int command_run(const host_options &options, const word_list &words) {
             line.row->usage, line.row->word);
         return HOST_REFUSED;
     }
+    line.options.is_patient = line.options.timeout_s > 0;
     return line.row->run(*line.row, line.options, line.operands);
 }
 

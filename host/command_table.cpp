@@ -9,8 +9,10 @@
 #include "fetch.h"
 #include "help.h"
 #include "kill.h"
+#include "log.h"
 #include "message.h"
 #include "shell.h"
+#include "wait.h"
 
 namespace {
 
@@ -22,6 +24,28 @@ int run_request(const command_row &row, const host_options &options, const word_
         return HOST_REFUSED;
     }
     return channel_send(options, {made});
+}
+
+int run_query(const command_row &row, const host_options &options, const word_list &operands) {
+    if (!options.is_quiet && !options.is_json) {
+        return run_request(row, options, operands);
+    }
+    request made;
+    std::string why;
+    std::string result;
+    if (!request_build(row.word, row.request, operands, &made, &why)) {
+        say("%s", why.c_str());
+        return HOST_REFUSED;
+    }
+    int status = channel_ask(options, made, &result);
+    if (status != HOST_OK) {
+        return status;
+    }
+    bool runs = !result.empty() && result.back() == '1';
+    if (options.is_json) {
+        print("{\"service\": %s, \"runs\": %s}\n", json_quoted(operands[0]).c_str(), runs ? "true" : "false");
+    }
+    return options.is_quiet && !runs ? HOST_STOPPED : HOST_OK;
 }
 
 int run_save_log(const command_row &row, const host_options &options, const word_list &operands) {
@@ -52,6 +76,14 @@ int run_shell(const command_row &, const host_options &options, const word_list 
 
 int run_fetch(const command_row &, const host_options &options, const word_list &operands) {
     return fetch_set(options, operands.size() == 2 ? operands[0] : "", operands.back());
+}
+
+int run_wait(const command_row &, const host_options &options, const word_list &) {
+    return wait_agent(options);
+}
+
+int run_log(const command_row &, const host_options &options, const word_list &) {
+    return log_show(options);
 }
 
 int run_kill(const command_row &, const host_options &options, const word_list &) {
@@ -99,7 +131,7 @@ const std::vector<command_row> &command_rows() {
          "ask whether a service runs",
          "A service runs when the first argument of a process contains NAME.\n"
          "Prints \"QUERY_SERVICE: 1\" when it runs, \"QUERY_SERVICE: 0\" when it does not.",
-         run_request,
+         run_query,
          {"+QUERY_SERVICE", SHAPE_NAME, 30}},
         {"start",
          "NAME",
@@ -208,6 +240,13 @@ const std::vector<command_row> &command_rows() {
          run_request,
          {"+DELETE_LOG", SHAPE_BARE, 120}},
 
+        {"wait", "", 0, 0, nullptr, OPERAND_OTHER, false, "wait until the agent is up, or down",
+         "Up: it answers on its command channel and listens for remote shells. Down: it publishes no command channel.\n"
+         "Without -T it waits for as long as it takes.",
+         run_wait, NO_REQUEST},
+        {"log", "", 0, 0, nullptr, OPERAND_OTHER, false, "the agent's diagnostic log",
+         "With -f it goes on with what the agent writes, over restarts of the agent and of the handset.", run_log,
+         NO_REQUEST},
         {"send", "REQUEST...", 1, -1, nullptr, OPERAND_OTHER, false, "send requests as they are",
          "A request that does not begin with AT gets the prefix, and each gets a carriage return. Ends with the first\n"
          "request that fails.",
@@ -248,6 +287,19 @@ const std::vector<option_row> &option_rows() {
          OPTION_TEXT, &all::root, nullptr, nullptr},
         {"--timeout", 'T', nullptr, "SEC", nullptr, OPERAND_OTHER, "how long to wait (what the request usually needs)",
          OPTION_SECONDS, nullptr, &all::timeout_s, nullptr},
+        {"--verbose", 'v', nullptr, nullptr, nullptr, OPERAND_OTHER,
+         "show the lines that a request leaves in the handset's log",
+         OPTION_FLAG, nullptr, nullptr, &all::is_verbose},
+        {"--for", 0, " wait ", "STATE", "up down", OPERAND_OTHER, "up (what it usually waits for) or down",
+         OPTION_TEXT, &all::wait_for, nullptr, nullptr},
+        {"--follow", 'f', " log ", nullptr, nullptr, OPERAND_OTHER, "go on with what is written from now on",
+         OPTION_FLAG, nullptr, nullptr, &all::is_follow},
+        {"--lines", 'n', " log ", "N", nullptr, OPERAND_OTHER, "begin with the last N lines (all; with -f 10)",
+         OPTION_COUNT, nullptr, &all::line_count, nullptr},
+        {"--quiet", 'q', " query ", nullptr, nullptr, OPERAND_OTHER, "print nothing: exit status 0 runs, 4 does not",
+         OPTION_FLAG, nullptr, nullptr, &all::is_quiet},
+        {"--json", 'j', " query ", nullptr, nullptr, OPERAND_OTHER, "print the result as JSON",
+         OPTION_FLAG, nullptr, nullptr, &all::is_json},
         {"--raw", 0, " send ", nullptr, nullptr, OPERAND_OTHER, "show the bytes of both directions",
          OPTION_FLAG, nullptr, nullptr, &all::is_raw},
         {"--no-input", 'n', " shell ", nullptr, nullptr, OPERAND_OTHER, "the command reads nothing",

@@ -89,13 +89,15 @@ bool link_begin(const host_options &options, link_name name, int64_t deadline_ms
         if (is_waiting) {
             absent_since = now;
         }
-        int64_t limit = is_waiting ? deadline_ms : std::min(deadline_ms, absent_since + ABSENT_MS);
+        bool waits_all_along = is_waiting || options.is_patient;
+        int64_t limit = waits_all_along ? deadline_ms : std::min(deadline_ms, absent_since + ABSENT_MS);
         if (attempt.state == LINK_REFUSED || now >= limit) {
             say("%s", explain(options, name, attempt).c_str());
             return false;
         }
-        if (is_waiting && now - start >= SHOW_WAIT_MS) {
-            progress_show(text_of("waiting for the %s, busy with another client: %s", role_of(name),
+        if (waits_all_along && now - start >= SHOW_WAIT_MS) {
+            progress_show(text_of("waiting for the %s%s: %s", role_of(name),
+                                  is_waiting ? ", busy with another client" : "",
                                   in_time(static_cast<uint64_t>((now - start) / 1000)).c_str()));
         }
         poll(nullptr, 0, wait);
@@ -111,6 +113,13 @@ void link_end(link_turn *turn) {
 
 std::string link_identity(const host_options &options, link_name name) {
     return kind_of(options).identity(options, path_of(options, name));
+}
+
+bool link_is_present(const host_options &options, link_name name) {
+    link_turn turn;
+    link_attempt attempt = kind_of(options).take(options, path_of(options, name), &turn);
+    link_end(&turn);
+    return attempt.state == LINK_TAKEN || attempt.state == LINK_BUSY || attempt.state == LINK_USED;
 }
 
 void link_discard_input(const link_turn &turn) {

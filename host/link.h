@@ -24,7 +24,8 @@ struct link_terminal {
 
 // Takes a turn on a published name: exclusive among all sa-host processes of this machine, raw, and never used by an
 // earlier client, so that no stray answer can be read and no request is lost in an endpoint that is being replaced.
-// Waits a second for a missing endpoint and until `deadline_ms` (now_ms clock) for a busy one.
+// Waits a second for a missing endpoint (with options.is_patient until the deadline) and until `deadline_ms` (now_ms
+// clock) for a busy one.
 // Result: true, and link_end is due; or false with the reason said.
 bool link_begin(const host_options &options, link_name name, int64_t deadline_ms, link_turn *turn);
 
@@ -35,6 +36,9 @@ void link_end(link_turn *turn);
 // anew, also when the terminal gets the number of an earlier one; empty when the name leads to nothing, or when this kind
 // of link cannot tell.
 std::string link_identity(const host_options &options, link_name name);
+
+// Whether the agent publishes the name now, be it free or busy. A free one is taken and given back.
+bool link_is_present(const host_options &options, link_name name);
 
 // Discards what has arrived in a turn and was not read.
 void link_discard_input(const link_turn &turn);

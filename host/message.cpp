@@ -5,6 +5,7 @@
 
 #include <poll.h>
 #include <unistd.h>
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdarg>
@@ -31,6 +32,18 @@ std::string format_text(const char *format, va_list args) {
     vsnprintf(&text[0], text.size(), format, args);
     text.resize(static_cast<size_t>(len));
     return text;
+}
+
+// Length of the UTF-8 character at `at`, 0 when there is none. Does not look for overlong forms and surrogates.
+size_t utf8_length(const std::string &text, size_t at) {
+    unsigned char c = static_cast<unsigned char>(text[at]);
+    size_t len = c < 0x80 ? 1 : c < 0xc2 ? 0 : c < 0xe0 ? 2 : c < 0xf0 ? 3 : c < 0xf5 ? 4 : 0;
+    for (size_t i = 1; i < len; ++i) {
+        if (at + i >= text.size() || (static_cast<unsigned char>(text[at + i]) & 0xc0) != 0x80) {
+            return 0;
+        }
+    }
+    return len;
 }
 
 // Ends the process as a program that does not look at SIGPIPE: its reader has what it wanted.
@@ -133,6 +146,24 @@ std::string text_of(const char *format, ...) {
     std::string text = format_text(format, args);
     va_end(args);
     return text;
+}
+
+std::string json_quoted(const std::string &text) {
+    std::string quoted = "\"";
+    for (size_t i = 0; i < text.size();) {
+        size_t len = utf8_length(text, i);
+        unsigned char c = static_cast<unsigned char>(text[i]);
+        if (len == 0) {
+            quoted += "\\ufffd";
+        } else if (c < 0x20 || c == 0x7f) {
+            quoted += text_of("\\u%04x", c);
+        } else {
+            quoted += c == '"' || c == '\\' ? "\\" : "";
+            quoted += text.substr(i, len);
+        }
+        i += std::max<size_t>(len, 1);
+    }
+    return quoted + "\"";
 }
 
 int64_t now_ms() {

@@ -45,5 +45,8 @@ std::string in_time(uint64_t seconds);
 // printf into a string.
 std::string text_of(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
+// `text` as a string of JSON, in its quotes. Bytes that are no UTF-8 text become U+FFFD.
+std::string json_quoted(const std::string &text);
+
 // Milliseconds of the monotonic clock.
 int64_t now_ms();

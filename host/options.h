@@ -8,6 +8,14 @@ struct host_options {
     std::string channel = "/dev/ttyCMD0";  // published name of the command channel, inside root
     std::string listener = "/dev/ttysa1";  // published name of the remote-shell listener, inside root
     int timeout_s = 0;                     // how long to wait for an answer; 0: what the request usually needs
+    bool is_patient = false;               // the time-out also covers a channel that is not there yet
+    bool is_verbose = false;               // show the lines that a request leaves in the handset's log
+    bool is_json = false;                  // query, sets, status: results as JSON
+    bool is_quiet = false;                 // query: the exit status alone tells the result
+    bool is_follow = false;                // log: go on with what is written from now on
+    int line_count = -1;                   // log: how many lines to begin with, -1: all
+    std::string wait_for = "up";           // wait: up or down
+    bool is_stderr_apart = false;          // shell: the command's standard error comes out on standard error
     bool is_raw = false;                   // send: show the bytes of both directions
     bool is_bare = false;                  // shell: send the command as it is, without the part that reports its status
     bool is_no_input = false;              // shell: the command reads nothing

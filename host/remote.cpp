@@ -229,6 +229,7 @@ std::string script_find(const std::string &index) {
 int run_short(const host_options &options, const std::string &command) {
     host_options bounded = options;
     bounded.timeout_s = SIGNAL_TIMEOUT_S;
+    bounded.is_patient = false;
     link_terminal child;
     if (remote_start(bounded, "shell:" + command, -1, nullptr, &child) != 0) {
         return -1;
