@@ -134,7 +134,7 @@ std::vector<std::string> desk_arguments(desk *h, pid_t pid);
 std::string desk_property(desk *h, const std::string &name);
 // Sets it with root's rights; returns the property service's reply code, 0 for success, -1 when init is gone.
 int desk_set_property(desk *h, const std::string &name, const std::string &value);
-bool desk_wait_property(desk *h, const std::string &name, const std::string &value, int limit_ms = 10000);
+bool desk_wait_property(desk *h, const std::string &name, const std::string &value, int limit_ms = 30000);
 
 // ---- services -------------------------------------------------------------------------------------------------------
 
@@ -144,7 +144,7 @@ int desk_service_stop(desk *h, const std::string &name);
 int desk_service_restart(desk *h, const std::string &name);
 // init.svc.<name>: "running", "stopping", "stopped", "restarting", or "" when it never started.
 std::string desk_service_state(desk *h, const std::string &name);
-bool desk_wait_service(desk *h, const std::string &name, const std::string &state, int limit_ms = 10000);
+bool desk_wait_service(desk *h, const std::string &name, const std::string &state, int limit_ms = 30000);
 // Pid of the service's first process, -1 when it does not run.
 pid_t desk_service_pid(desk *h, const std::string &name);
 // The same for zr-qel-sa.
@@ -156,7 +156,7 @@ pid_t desk_agent_pid(desk *h);
 // is offered when the one before it has been read to its end.
 bool desk_kmsg_feed(desk *h, const std::string &record);
 // Waits until all queued records have been read.
-bool desk_kmsg_drained(desk *h, int limit_ms = 10000);
+bool desk_kmsg_drained(desk *h, int limit_ms = 30000);
 
 // ---- card and terminals ---------------------------------------------------------------------------------------------
 
@@ -164,7 +164,7 @@ bool desk_kmsg_drained(desk *h, int limit_ms = 10000);
 bool desk_set_card(desk *h, bool present);
 // Opens a terminal by its published name ("/dev/ttyCMD0", a link to a slave). O_RDWR|O_NOCTTY|O_CLOEXEC plus `flags`.
 // Waits up to limit_ms for the name to appear. Returns the host descriptor or -1.
-int desk_open_tty(desk *h, const std::string &path, int limit_ms = 10000, int flags = 0);
+int desk_open_tty(desk *h, const std::string &path, int limit_ms = 30000, int flags = 0);
 
 // ---- files (links are followed inside the handset) ------------------------------------------------------------------
 
@@ -227,18 +227,24 @@ std::vector<desk_log_entry> desk_log(desk *h, const std::string &tag = "");
 // `from` count. Returns the entry's sequence number + 1 (feed it back as `from` to wait for the next), or 0 when time
 // is up.
 uint64_t desk_wait_log(desk *h, const std::string &tag, const std::string &text, uint64_t from = 0,
-                       int limit_ms = 10000);
+                       int limit_ms = 30000);
 uint64_t desk_wait_log_part(desk *h, const std::string &tag, const std::string &part, uint64_t from = 0,
-                            int limit_ms = 10000);
+                            int limit_ms = 30000);
 
 // ---- waiting --------------------------------------------------------------------------------------------------------
 
+// The clock of all limits here and in tests, in milliseconds. Between two looks of a thread it advances by 250 ms at most: a
+// machine that stands still for some seconds, or a clock that jumps, does not use up a limit. Wait in slices.
+int64_t desk_now_ms();
+// The next slice of a wait that ends at `end` on that clock: at most 100 ms, 0 when the time is up.
+int desk_slice_ms(int64_t end);
+
 // Calls `condition` until it is true or the time is up (looking again after 1 to 20 ms); tells whether it became true.
-bool desk_until(const std::function<bool()> &condition, int limit_ms = 10000);
-bool desk_wait_path(desk *h, const std::string &path, bool present = true, int limit_ms = 10000);
+bool desk_until(const std::function<bool()> &condition, int limit_ms = 30000);
+bool desk_wait_path(desk *h, const std::string &path, bool present = true, int limit_ms = 30000);
 // Waits until the file contains `part`.
-bool desk_wait_text(desk *h, const std::string &path, const std::string &part, int limit_ms = 10000);
+bool desk_wait_text(desk *h, const std::string &path, const std::string &part, int limit_ms = 30000);
 // Waits until no process has this pid any more.
-bool desk_wait_gone(desk *h, pid_t pid, int limit_ms = 10000);
+bool desk_wait_gone(desk *h, pid_t pid, int limit_ms = 30000);
 
 #endif

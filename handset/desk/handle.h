@@ -32,8 +32,6 @@ bool desk_fail(const std::string &reason);
 // The same with errno's text.
 bool desk_fail_errno(const std::string &what);
 
-int64_t desk_now_ms();
-
 // Tells that a handset in place has not got `what`, and returns false.
 bool desk_lacks(const std::string &what);
 // False, with the reason told, when options ask for what a handset in place has not got.

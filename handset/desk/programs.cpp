@@ -140,10 +140,13 @@ static void exchange(streams *s, desk_child *child, const std::string &input, in
     for (bool ended = false; !ended;) {
         struct pollfd fds[4] = {
             {s->ours[0], POLLOUT, 0}, {s->ours[1], POLLIN, 0}, {s->ours[2], POLLIN, 0}, {child->wait_fd, POLLIN, 0}};
-        int64_t left = end - desk_now_ms();
-        int ready = poll(fds, 4, left > 0 ? static_cast<int>(left) : 0);
-        if (ready == 0 || (ready < 0 && errno != EINTR)) {
+        int slice = desk_slice_ms(end);
+        int ready = poll(fds, 4, slice);
+        if ((ready == 0 && slice == 0) || (ready < 0 && errno != EINTR)) {
             return;
+        }
+        if (ready <= 0) {
+            continue;
         }
         ended = fds[3].revents != 0;
         if (fds[0].revents != 0 && !pump_in(s->ours[0], input, &sent)) {

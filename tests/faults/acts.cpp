@@ -9,12 +9,13 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 
 #include "tests/support/crash.h"
 
 static const int kQuiet = 5000;  // ms without any sign of life
 static const int kLong = 30000;  // ms that the slowest request may take
+static const char kChannelClosed[] =
+    "sa_handle_read_cmd_loop pub_pty_close ret_val[";  // its thread's last platform line
 
 static bool begins(const std::string &text, const std::string &start) {
     return text.compare(0, start.size(), start) == 0;
@@ -30,15 +31,24 @@ static bool has_ended(const subject *s) {
     return s->agent > 0 && !desk_exists(s->h, tasks_of(s));
 }
 
-static bool has_logged(const subject *s, const std::string &start) {
+static size_t count_logged(const subject *s, const std::string &start) {
     const std::vector<desk_log_entry> log = desk_log(s->h, "zr-qel-sa");
-    return std::any_of(log.begin(), log.end(), [&](const desk_log_entry &entry) {
+    return static_cast<size_t>(std::count_if(log.begin(), log.end(), [&](const desk_log_entry &entry) {
         return (s->agent < 0 || entry.pid == s->agent) && begins(entry.text, start);
-    });
+    }));
+}
+
+static bool has_logged(const subject *s, const std::string &start) {
+    return count_logged(s, start) > 0;
 }
 
 static bool has_file_line(const subject *s, const std::string &part) {
     return desk_file_text(s->h, "/data/local/log/sa.log").find(part) != std::string::npos;
+}
+
+// Whether the command thread has logged its end.
+static bool has_left_channel(const subject *s) {
+    return has_logged(s, kChannelClosed) || has_file_line(s, "sa_handle_read_cmd_loop exit ret_val[");
 }
 
 // A crash comes first: it ends as orderly as any request to end.
@@ -108,8 +118,13 @@ static bool is_whole(const std::string &answer) {
 
 // Takes what comes within the time; false when nothing more can come.
 static bool receive(int fd, std::string *text, int limit_ms) {
+    const int64_t end = desk_now_ms() + limit_ms;
     struct pollfd other = {fd, POLLIN, 0};
-    if (poll(&other, 1, limit_ms) != 1) {
+    int ready = 0;
+    for (int slice; ready == 0 && (slice = desk_slice_ms(end)) > 0;) {
+        ready = poll(&other, 1, slice);
+    }
+    if (ready != 1) {
         return true;
     }
     char bytes[1024];
@@ -120,11 +135,27 @@ static bool receive(int fd, std::string *text, int limit_ms) {
     return count > 0;
 }
 
+static std::string last_sent(const subject *s) {
+    const std::string sent = "send ==> ";
+    std::string answer;
+    for (const desk_log_entry &entry : desk_log(s->h, "zr-qel-sa")) {
+        answer = entry.pid == s->agent && begins(entry.text, sent) ? entry.text.substr(sent.size()) : answer;
+    }
+    return answer;
+}
+
+// The command thread that ends right behind its answer hangs up, and takes the answer along when the client has not read
+// it by then. What it sent stands in its log. `requests` were served before.
+static std::string answer_taken_along(const subject *s, const std::string &handled, size_t requests) {
+    desk_until([&] { return has_ended(s) || has_logged(s, kChannelClosed); }, kQuiet);
+    return count_logged(s, handled) > requests ? last_sent(s) : "";
+}
+
 std::string ask(subject *s, const std::string &request) {
-    using clock = std::chrono::steady_clock;
     const std::string bytes = (begins(request, "AT") ? request : "AT SA" + request) + "\r";
     const std::string handled = "sa_handle_read_cmd_loop handle_sa_cmd_req(" + bytes.substr(0, bytes.size() - 1);
-    const clock::time_point start = clock::now();
+    const size_t served = count_logged(s, handled);
+    const int64_t start = desk_now_ms();
     std::string answer;
     if (s->channel < 0 || write(s->channel, bytes.data(), bytes.size()) < 0) {
         return "no answer";
@@ -132,21 +163,15 @@ std::string ask(subject *s, const std::string &request) {
     bool is_open = true;
     while (is_open && !is_whole(answer)) {
         is_open = receive(s->channel, &answer, 100);
-        const auto past = std::chrono::duration_cast<std::chrono::milliseconds>(clock::now() - start).count();
+        const int64_t past = desk_now_ms() - start;
         const bool is_served =
-            has_logged(s, handled) || (past > kQuiet && !has_logged(s, "receive <== " + bytes.substr(0, 4)));
+            count_logged(s, handled) > served || (past > kQuiet && !has_logged(s, "receive <== " + bytes.substr(0, 4)));
         if (has_ended(s) || past > kLong || is_served) {
             receive(s->channel, &answer, 100);
             break;
         }
     }
-    return in_words(answer);
-}
-
-// Whether the command thread has logged its end.
-static bool has_left_channel(const subject *s) {
-    return has_logged(s, "sa_handle_read_cmd_loop pub_pty_close ret_val[") ||
-           has_file_line(s, "sa_handle_read_cmd_loop exit ret_val[");
+    return in_words(is_open || !answer.empty() ? answer : answer_taken_along(s, handled, served));
 }
 
 // Whether a fresh connection is answered. The channel is made anew behind the agent's read: the first try may come early.

@@ -13,14 +13,8 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 
 namespace {
-
-int64_t now_ms() {
-    using namespace std::chrono;
-    return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
-}
 
 std::vector<char *> pointers(const words &argv) {
     std::vector<char *> list;
@@ -120,13 +114,13 @@ void host_start(const words &arguments, bool has_input, host_job *job) {
 
 host_result host_finish(host_job *job, const std::string &input, int limit_ms) {
     signal(SIGPIPE, SIG_IGN);
-    const int64_t deadline = now_ms() + limit_ms;
+    const int64_t deadline = desk_now_ms() + limit_ms;
     size_t fed = 0;
-    while ((job->out >= 0 || job->err >= 0) && now_ms() < deadline) {
+    while ((job->out >= 0 || job->err >= 0) && desk_now_ms() < deadline) {
         pump(job, input, &fed, 100);
     }
     host_result result;
-    result.status = host_wait(job->pid, static_cast<int>(std::max<int64_t>(deadline - now_ms(), 100)));
+    result.status = host_wait(job->pid, static_cast<int>(std::max<int64_t>(deadline - desk_now_ms(), 100)));
     close_one(&job->in);
     close_one(&job->out);
     close_one(&job->err);
@@ -187,7 +181,7 @@ void terminal_resize(host_terminal *terminal, int rows, int columns) {
 }
 
 bool terminal_expect(host_terminal *terminal, const std::string &text, int limit_ms) {
-    const int64_t deadline = now_ms() + limit_ms;
+    const int64_t deadline = desk_now_ms() + limit_ms;
     for (;;) {
         const size_t at = terminal->screen.find(text, terminal->seen);
         if (at != std::string::npos) {
@@ -195,7 +189,7 @@ bool terminal_expect(host_terminal *terminal, const std::string &text, int limit
             return true;
         }
         struct pollfd ready = {terminal->fd, POLLIN, 0};
-        if (now_ms() >= deadline || poll(&ready, 1, 100) < 0 || !read_into(terminal->fd, &terminal->screen)) {
+        if (desk_now_ms() >= deadline || poll(&ready, 1, 100) < 0 || !read_into(terminal->fd, &terminal->screen)) {
             ADD_FAILURE() << "\"" << text << "\" does not appear; since the last find:\n"
                           << terminal->screen.substr(terminal->seen);
             return false;
@@ -327,8 +321,8 @@ void endpoint_publish(const std::string &link, false_endpoint *endpoint) {
 std::string endpoint_read(false_endpoint *endpoint, int limit_ms) {
     char buf[2048];
     ssize_t got = -1;
-    const int64_t deadline = now_ms() + limit_ms;
-    while ((got = read(endpoint->master, buf, sizeof(buf))) < 0 && now_ms() < deadline) {
+    const int64_t deadline = desk_now_ms() + limit_ms;
+    while ((got = read(endpoint->master, buf, sizeof(buf))) < 0 && desk_now_ms() < deadline) {
         struct pollfd ready = {endpoint->master, POLLIN, 0};
         if (errno == EIO || poll(&ready, 1, 100) != 1) {
             usleep(5000);  // EIO: no client has it open now

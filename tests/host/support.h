@@ -50,12 +50,12 @@ void terminal_start(const words &argv, host_terminal *terminal, int rows = 24, i
 void terminal_type(host_terminal *terminal, const std::string &bytes);
 void terminal_resize(host_terminal *terminal, int rows, int columns);
 // Waits until `text` appears behind what earlier calls have found.
-bool terminal_expect(host_terminal *terminal, const std::string &text, int limit_ms = 20000);
+bool terminal_expect(host_terminal *terminal, const std::string &text, int limit_ms = 30000);
 // Whether the terminal is as a shell leaves it to programs: lines, echo and signal keys.
 bool terminal_is_cooked(const host_terminal *terminal);
-bool terminal_wait_cooked(const host_terminal *terminal, int limit_ms = 20000);
+bool terminal_wait_cooked(const host_terminal *terminal, int limit_ms = 30000);
 // Reads until the program has ended and returns its status as host_result does; kills it at the limit.
-int terminal_finish(host_terminal *terminal, int limit_ms = 20000);
+int terminal_finish(host_terminal *terminal, int limit_ms = 30000);
 // Kills what still runs and closes.
 void terminal_end(host_terminal *terminal);
 
@@ -72,8 +72,8 @@ class HostTest : public AgentTest {
     words received();
     // Whether a process with exactly these arguments runs on the handset.
     bool runs(const words &argv);
-    bool wait_gone(const words &argv, int limit_ms = 20000);
-    bool wait_runs(const words &argv, int limit_ms = 20000);
+    bool wait_gone(const words &argv, int limit_ms = 30000);
+    bool wait_runs(const words &argv, int limit_ms = 30000);
 };
 
 // A directory that goes with the test.
@@ -96,10 +96,10 @@ struct false_endpoint {
 
 void endpoint_publish(const std::string &link, false_endpoint *endpoint);
 // Reads one request, from whichever client comes; "" when nothing came.
-std::string endpoint_read(false_endpoint *endpoint, int limit_ms = 20000);
+std::string endpoint_read(false_endpoint *endpoint, int limit_ms = 30000);
 void endpoint_write(false_endpoint *endpoint, const std::string &bytes);
 // Waits until the client has closed.
-bool endpoint_wait_hangup(false_endpoint *endpoint, int limit_ms = 20000);
+bool endpoint_wait_hangup(false_endpoint *endpoint, int limit_ms = 30000);
 // Closes the master: the client is hung up. `keep_link`: as an agent that was killed.
 void endpoint_close(false_endpoint *endpoint, bool keep_link = false);
 

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 
 #include "tests/support/crash.h"
 #include "tests/support/lack.h"
@@ -115,14 +114,17 @@ static bool is_whole(const std::string &answer) {
 }
 
 std::string AgentTest::receive(int limit_ms) {
-    using clock = std::chrono::steady_clock;
-    const clock::time_point end_time = clock::now() + std::chrono::milliseconds(limit_ms);
+    const int64_t end_time = desk_now_ms() + limit_ms;
     std::string answer;
     while (!is_whole(answer)) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end_time - clock::now()).count();
+        const int slice = desk_slice_ms(end_time);
         struct pollfd poll_channel = {channel, POLLIN, 0};
         char bytes[256];
-        if (left <= 0 || poll(&poll_channel, 1, static_cast<int>(left)) != 1) {
+        const int ready = poll(&poll_channel, 1, slice);
+        if (ready == 0 && slice > 0) {
+            continue;
+        }
+        if (ready != 1) {
             break;
         }
         const ssize_t count = read(channel, bytes, sizeof(bytes));

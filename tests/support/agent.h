@@ -32,9 +32,9 @@ class AgentTest : public ::testing::Test {
     // Runs a program of the handset to its end.
     desk_result run(const std::vector<std::string> &argv, const std::string &input = "");
     // Waits until the agent with this pid listens; its command channel is open by then, too, if it can be.
-    bool wait_listening(pid_t pid, int limit_ms = 10000);
+    bool wait_listening(pid_t pid, int limit_ms = 30000);
     // Waits until every child that the agent has started has become its program, or has failed to.
-    bool wait_programs(int limit_ms = 10000);
+    bool wait_programs(int limit_ms = 30000);
     // Takes the handset down and ends the test's use of it. Fails when the agent has crashed, unless `sends_crashes`.
     void end();
 
@@ -44,11 +44,11 @@ class AgentTest : public ::testing::Test {
 
     // Sends exactly these bytes in one write and returns the answer: all up to and including the line end behind OK or
     // ERROR, or what had come when the time was up.
-    std::string ask(const std::string &bytes, int limit_ms = 20000);
+    std::string ask(const std::string &bytes, int limit_ms = 30000);
     // ask("AT SA" + command + "\r").
-    std::string command(const std::string &command, int limit_ms = 20000);
+    std::string command(const std::string &command, int limit_ms = 30000);
     void send(const std::string &bytes);
-    std::string receive(int limit_ms = 20000);
+    std::string receive(int limit_ms = 30000);
 
     // Lines of the diagnostic file without their time stamps: "main pid[5]".
     std::vector<std::string> file_lines();
@@ -59,7 +59,7 @@ class AgentTest : public ::testing::Test {
     // Texts of the platform log that one process wrote, under both of the agent's tags.
     std::vector<std::string> process_lines(pid_t pid);
     // Waits until the diagnostic file has a line with exactly this text behind the time stamp.
-    bool wait_file_line(const std::string &line, int limit_ms = 10000);
+    bool wait_file_line(const std::string &line, int limit_ms = 30000);
     // Open descriptors of a process: number and target, sorted by number, as in "3 -> /dev/null".
     std::vector<std::string> descriptors(pid_t pid);
     // Number of threads of a process.

@@ -36,7 +36,7 @@ void heal_call(desk *h, const std::string &call);
 class CollectorTest : public AgentTest {
   protected:
     // Pid of the process that has exactly this among its arguments, waited for; -1 when there is none in time.
-    pid_t process_with(const std::string &argument, int limit_ms = 10000);
+    pid_t process_with(const std::string &argument, int limit_ms = 30000);
     // The processes whose parent this is, zombies included.
     std::vector<pid_t> children_of(pid_t pid);
     // All arguments of a process, each in angle brackets: "<tcpdump><-p>".

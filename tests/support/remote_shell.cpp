@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 
 static const char kListener[] = "/dev/ttysa1";
 
@@ -77,14 +76,17 @@ void RemoteShellTest::write_all(int fd, const std::string &bytes) {
 // Reads until `is_enough` says so, the other side is closed or the time is up.
 template <typename Condition>
 static std::string read_while(int fd, int limit_ms, Condition is_enough) {
-    using clock = std::chrono::steady_clock;
-    const clock::time_point end = clock::now() + std::chrono::milliseconds(limit_ms);
+    const int64_t end = desk_now_ms() + limit_ms;
     std::string text;
     while (!is_enough(text)) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - clock::now()).count();
+        const int slice = desk_slice_ms(end);
         struct pollfd other = {fd, POLLIN, 0};
         char bytes[16384];
-        if (left <= 0 || poll(&other, 1, static_cast<int>(left)) != 1) {
+        const int ready = poll(&other, 1, slice);
+        if (ready == 0 && slice > 0) {
+            continue;
+        }
+        if (ready != 1) {
             ADD_FAILURE() << "nothing more in time behind: " << text.substr(text.size() > 200 ? text.size() - 200 : 0);
             break;
         }

@@ -21,7 +21,7 @@ class RemoteShellTest : public AgentTest {
     std::string listener_fd();
 
     // Writes a request in one write and returns the device path that the agent announces, or what came in time.
-    std::string request(const std::string &bytes, int limit_ms = 10000);
+    std::string request(const std::string &bytes, int limit_ms = 30000);
     // Writes an acknowledgement and waits until the agent has read it: a request behind it would be taken for a part of it.
     void acknowledge(const std::string &bytes = "ok");
     // Request, path, slave opened, acknowledged: the descriptor, the test's to close, or -1. The path goes to `name`.
@@ -30,17 +30,17 @@ class RemoteShellTest : public AgentTest {
     std::string run_remote(const std::string &command);
 
     // All that comes until the other side is closed, or the time is up.
-    static std::string read_to_end(int fd, int limit_ms = 20000);
+    static std::string read_to_end(int fd, int limit_ms = 30000);
     // What comes until it ends with `text`, or the time is up.
-    static std::string read_until(int fd, const std::string &text, int limit_ms = 10000);
+    static std::string read_until(int fd, const std::string &text, int limit_ms = 30000);
     static void write_all(int fd, const std::string &bytes);
 
     // Whether the agent has logged (in the file) that this child has ended and been reaped.
-    bool wait_reaped(pid_t child, int limit_ms = 10000);
+    bool wait_reaped(pid_t child, int limit_ms = 30000);
     // The pid of the newest shell child that the agent has started.
     pid_t last_child();
     // Whether the agent holds just the descriptors, threads and children that it did at come_up.
-    ::testing::AssertionResult holds_nothing_more(int limit_ms = 10000);
+    ::testing::AssertionResult holds_nothing_more(int limit_ms = 30000);
 
     pid_t agent = -1;
     int listener = -1;

@@ -63,14 +63,19 @@ std::vector<int> open_descriptors() {
 }
 
 bool wait_until(const std::function<bool()> &condition, int limit_ms) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(limit_ms);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() >= end) {
-            return condition();
+    using clock = std::chrono::steady_clock;
+    const clock::duration most = std::chrono::milliseconds(250);  // a machine that stands still uses up no more
+    clock::duration left = std::chrono::milliseconds(limit_ms);
+    for (clock::time_point last = clock::now(); left > clock::duration::zero();) {
+        if (condition()) {
+            return true;
         }
         usleep(1000);
+        const clock::time_point now = clock::now();
+        left -= std::min(now - last, most);
+        last = now;
     }
-    return true;
+    return condition();
 }
 
 static std::vector<std::string> split(const std::string &text, char separator) {
