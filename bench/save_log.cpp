@@ -78,7 +78,7 @@ static figure line_of(const char *peer, const std::vector<double> &ours, const s
 void bench_save_log(const effort &how, report *lines) {
     desk_options options = without_collectors();
     options.data_size = 512u << 20;
-    options.card_size = 512u << 20;
+    options.sd_card_size = 512u << 20;
     desk *h = boot_handset(options);
     make_log_set(h, how.quick ? 20000000 : 200000000);
     desk_write_file(h, kScript, script());

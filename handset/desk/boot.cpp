@@ -1,5 +1,5 @@
-// Booting and ending handsets. /data is held by a mount namespace of the handle's own, so that it outlives a boot; a
-// boot is the sandbox program with our init in it; both end with the descriptors and processes that this file owns.
+// Boots and ends handsets. /data is a file system in a mount namespace that the handle keeps open, so that it outlives a
+// boot. A boot is the program bwrap with the handset's init in it. State: in the handle.
 #include <errno.h>
 #include <fcntl.h>
 #include <linux/close_range.h>
@@ -14,28 +14,33 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "../init/control.h"
-#include "handle.h"
+#include <algorithm>
+
+#include "handset/common/paths.h"
+#include "handset/desk/handle.h"
+
+static const std::string kImage = DESK_IMAGE;  // the tree of /system
+static const int kBootMs = 60000;
 
 // ---- /data
 
-// An existing directory to mount over in a private namespace; the image must not lie below it.
-static std::string place_for_data(const std::string &image) {
-    for (const char *place : {"/media", "/srv", "/opt", "/mnt", "/home", "/root", "/var"}) {
-        std::string below = std::string(place) + "/";
+// An existing directory to mount over in a private namespace; the image must not be below it.
+static std::string mount_point_for_data() {
+    for (const char *path : {"/media", "/srv", "/opt", "/mnt", "/home", "/root", "/var"}) {
+        std::string below = std::string(path) + "/";
         struct stat st;
-        if (lstat(place, &st) == 0 && S_ISDIR(st.st_mode) && image.compare(0, below.size(), below) != 0) {
-            return place;
+        if (lstat(path, &st) == 0 && S_ISDIR(st.st_mode) && kImage.compare(0, below.size(), below) != 0) {
+            return path;
         }
     }
     return "";
 }
 
-// In a forked child: makes the namespace and waits until the parent has it.
-[[noreturn]] static void hold_data(const char *place, const char *mount_options, int ready, int go) {
+// In a forked child: makes the namespace and waits until the parent has opened it.
+[[noreturn]] static void hold_data(const char *mount_point, const char *mount_options, int ready, int go) {
     char byte = 0;
     bool made = unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-                mount("tmpfs", place, "tmpfs", MS_NOSUID | MS_NODEV, mount_options) == 0;
+                mount("tmpfs", mount_point, "tmpfs", MS_NOSUID | MS_NODEV, mount_options) == 0;
     byte = made ? 1 : 0;
     if (write(ready, &byte, 1) == 1 && read(go, &byte, 1) < 0) {
         _exit(1);
@@ -58,7 +63,7 @@ static bool make_data(desk *h) {
     pid_t pid = fork();
     if (pid == 0) {
         close(go[1]);
-        hold_data(h->data_place.c_str(), mount_options.c_str(), ready[1], go[0]);
+        hold_data(h->data_mount.c_str(), mount_options.c_str(), ready[1], go[0]);
     }
     close(ready[1]);
     close(go[0]);
@@ -90,7 +95,7 @@ static void add_host_libraries(std::vector<std::string> *args) {
     }
 }
 
-// All of root's rights but those that reach past every namespace: modules, clock, ports, power.
+// All capabilities of root but those that no namespace confines: modules, clock, ports, power.
 static void add_sandbox(std::vector<std::string> *args, const std::string &image, const std::string &data) {
     args->insert(args->end(), {"bwrap",      "--unshare-pid", "--unshare-ipc",  "--unshare-uts",     "--unshare-net",
                                "--hostname", "localhost",     "--as-pid-1",     "--die-with-parent", "--cap-add",
@@ -102,60 +107,41 @@ static void add_sandbox(std::vector<std::string> *args, const std::string &image
                                "--bind", data, "/data", "--proc", "/proc", "--", "/image/bin/init"});
 }
 
-static std::string flag(const char *name, bool value) {
-    return std::string(name) + (value ? "=1" : "=0");
-}
-
-static std::string number(const char *name, long long value) {
-    return std::string(name) + "=" + std::to_string(value);
-}
-
-static void add_environment(std::vector<std::string> *args, const desk_options &o) {
-    for (const std::string &variable : reports_environment()) {
-        args->push_back("env=" + variable);
+// The options for init. What an earlier boot with the same options has saved is not set again.
+static boot_options options_for_init(const desk *h) {
+    boot_options o = h->options;
+    o.environment = reports_environment();
+    if (!h->options.timezone.empty()) {
+        o.environment.push_back("TZ=" + h->options.timezone);
     }
-    if (!o.timezone.empty()) {
-        args->push_back("env=TZ=" + o.timezone);
-    }
-    for (const std::string &variable : o.environment) {
-        args->push_back("env=" + variable);
-    }
+    o.environment.insert(o.environment.end(), h->options.environment.begin(), h->options.environment.end());
+    const auto is_saved = [h](const std::pair<std::string, std::string> &property) {
+        return h->same_data && property.first.compare(0, 8, "persist.") == 0;
+    };
+    o.properties.erase(std::remove_if(o.properties.begin(), o.properties.end(), is_saved), o.properties.end());
+    return o;
 }
 
-static std::string image_of(const desk_options &o) {
-    return o.image.empty() ? DESK_IMAGE : o.image;
-}
-
-static std::vector<std::string> boot_arguments(const desk *h, int line, int kmsg) {
-    const desk_options &o = h->options;
+static std::vector<std::string> boot_arguments(const desk *h, int init_fd, int kmsg) {
     std::vector<std::string> args;
-    if (h->place >= 0) {
-        args = {"init", "image=" + image_of(o), number("register", h->place), flag("keep_data", h->kept_data)};
+    if (h->register_fd >= 0) {
+        args = {"init", "image=" + kImage, "register=" + std::to_string(h->register_fd),
+                h->kept_data ? "keep_data=1" : "keep_data=0"};
     } else {
-        add_sandbox(&args, image_of(o), h->data_place);
+        add_sandbox(&args, kImage, h->data_mount);
     }
-    args.insert(args.end(),
-                {number("line", line), number("kmsg", kmsg), flag("agent", o.agent), flag("log_dir", o.log_dir),
-                 flag("card", o.card), number("card_size", static_cast<long long>(o.card_size)), flag("tmp", o.tmp),
-                 flag("config", o.config), flag("old_ctl", o.old_ctl), number("protocol", o.property_protocol),
-                 number("restart_ms", o.restart_ms), number("umask", o.umask), flag("closed_stdin", o.closed_stdin),
-                 "output=" + o.output, "printk=" + o.printk, "link=" + o.link});
-    add_environment(&args, o);
-    for (const auto &preset : o.properties) {
-        if (h->same_data && preset.first.compare(0, 8, "persist.") == 0) {
-            continue;
-        }
-        args.push_back("prop=" + preset.first + "=" + preset.second);
-    }
+    args.insert(args.end(), {"booter=" + std::to_string(init_fd), "kmsg=" + std::to_string(kmsg)});
+    const std::vector<std::string> options = boot_options_arguments(options_for_init(h));
+    args.insert(args.end(), options.begin(), options.end());
     return args;
 }
 
 // ---- start and end of the processes
 
-static char *const m_environment[] = {const_cast<char *>("PATH=/usr/bin:/bin:/usr/local/bin"), nullptr};
+static char *const kEnvironment[] = {const_cast<char *>("PATH=/usr/bin:/bin:/usr/local/bin"), nullptr};
 
-// Nothing that our caller has open may appear in a handset but its standard error and what is named here.
-static void take_streams(std::initializer_list<int> passed) {
+// The handset inherits no descriptor of the caller but standard error and `passed`.
+static void close_others(std::initializer_list<int> passed) {
     int null = open("/dev/null", O_RDWR);
     sigset_t none;
     sigemptyset(&none);
@@ -171,74 +157,76 @@ static void take_streams(std::initializer_list<int> passed) {
     }
 }
 
-[[noreturn]] static void become_sandbox(int data_ns, int line, int kmsg, char *const *argv) {
+[[noreturn]] static void become_sandbox(int data_ns, int init_fd, int kmsg, char *const *argv) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (setns(data_ns, CLONE_NEWNS) != 0) {
         _exit(126);
     }
-    take_streams({line, kmsg});
-    execvpe("bwrap", argv, m_environment);
+    close_others({init_fd, kmsg});
+    execvpe("bwrap", argv, kEnvironment);
     _exit(127);
 }
 
-// Init has to clear up: neither our death nor an interrupt key may kill it. The end of the line tells it.
-[[noreturn]] static void become_init(const std::string &image, int line, int place, char *const *argv) {
+// In place init removes files at the end, so neither the death of this process nor an interrupt key may kill it. The end
+// of its socket ends it.
+[[noreturn]] static void become_init(int init_fd, int register_fd, char *const *argv) {
     setsid();
-    take_streams({line, place});
-    execve((image + "/bin/init").c_str(), argv, m_environment);
+    close_others({init_fd, register_fd});
+    execve((kImage + "/bin/init").c_str(), argv, kEnvironment);
     _exit(127);
 }
 
 static bool start_sandbox(desk *h) {
-    int line[2];
-    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, line) != 0) {
+    int ends[2];
+    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) {
         return desk_fail_errno("socketpair");
     }
     int on = 1;
-    setsockopt(line[0], SOL_SOCKET, SO_PASSCRED, &on, sizeof(on));  // init's pid comes with its first word
-    int kmsg = h->options.kmsg_machine && h->place < 0 ? open("/dev/kmsg", O_RDONLY | O_NONBLOCK | O_CLOEXEC) : -1;
-    std::vector<std::string> args = boot_arguments(h, line[1], kmsg);
+    setsockopt(ends[0], SOL_SOCKET, SO_PASSCRED, &on, sizeof(on));  // for the pid of init, which sends first
+    int kmsg =
+        h->options.kmsg_machine && h->register_fd < 0 ? open("/dev/kmsg", O_RDONLY | O_NONBLOCK | O_CLOEXEC) : -1;
+    std::vector<std::string> args = boot_arguments(h, ends[1], kmsg);
     std::vector<char *> argv;
     for (std::string &arg : args) {
         argv.push_back(&arg[0]);
     }
     argv.push_back(nullptr);
     h->sandbox = fork();
-    if (h->sandbox == 0 && h->place >= 0) {
-        become_init(image_of(h->options), line[1], h->place, argv.data());
+    if (h->sandbox == 0 && h->register_fd >= 0) {
+        become_init(ends[1], h->register_fd, argv.data());
     }
     if (h->sandbox == 0) {
-        become_sandbox(h->data_ns, line[1], kmsg, argv.data());
+        become_sandbox(h->data_ns, ends[1], kmsg, argv.data());
     }
-    close(line[1]);
+    close(ends[1]);
     if (kmsg >= 0) {
         close(kmsg);
     }
-    h->line = line[0];
+    h->init_fd = ends[0];
     return h->sandbox > 0 || desk_fail_errno("fork");
 }
 
-// The sandbox program ends when the handset's first process has ended, and that one ends after all others. In place there
-// is no such program, and init ends by itself when its line ends: it has to clear up.
+// bwrap ends when the handset's first process has ended, and that ends after all others. In place there is no bwrap; init
+// removes its files and ends when its socket is closed.
 static void stop_sandbox(desk *h) {
-    if (h->init > 0 && !h->attached && h->place < 0) {
+    if (h->init > 0 && !h->attached && h->register_fd < 0) {
         kill(h->init, SIGKILL);
     }
-    if (h->line >= 0) {
-        close(h->line);
+    if (h->init_fd >= 0) {
+        close(h->init_fd);
     }
     if (h->root >= 0) {
         close(h->root);
     }
     if (h->sandbox > 0) {
-        if (h->init <= 0 && h->place < 0) {
+        if (h->init <= 0 && h->register_fd < 0) {
             kill(h->sandbox, SIGKILL);
         }
         while (waitpid(h->sandbox, nullptr, 0) < 0 && errno == EINTR) {
         }
     }
     reports_close(h);
-    h->line = h->root = -1;
+    h->init_fd = h->root = -1;
     h->sandbox = h->init = -1;
     h->log.clear();
     h->log_offset = 0;
@@ -247,15 +235,15 @@ static void stop_sandbox(desk *h) {
 
 static bool expect(desk *h, const std::string &word, int64_t end, pid_t *sender) {
     int64_t left = end - desk_now_ms();
-    std::string said = control_receive(h->line, left > 0 ? static_cast<int>(left) : 0, sender);
+    std::string said = control_receive(h->init_fd, left > 0 ? static_cast<int>(left) : 0, sender);
     if (said == word) {
         return true;
     }
     return desk_fail(said.empty() ? "the handset did not boot (is bubblewrap installed?): " + desk_error() : said);
 }
 
-// What an earlier boot with the same options has put on /data lives there by itself.
-static bool is_settled(const desk *h, const std::string &path) {
+// Whether an earlier boot with the same options has created or removed it already.
+static bool is_done(const desk *h, const std::string &path) {
     return h->same_data && path.compare(0, 6, "/data/") == 0;
 }
 
@@ -274,7 +262,7 @@ static bool put_file(desk *h, const desk_file &file) {
 
 static bool put_files(desk *h) {
     for (const desk_file &file : h->options.files) {
-        if (is_settled(h, file.path)) {
+        if (is_done(h, file.path)) {
             continue;
         }
         size_t slash = file.path.rfind('/');
@@ -286,20 +274,20 @@ static bool put_files(desk *h) {
         }
     }
     for (const std::string &path : h->options.absent) {
-        if (!is_settled(h, path) && !desk_remove(h, path)) {
+        if (!is_done(h, path) && !desk_remove(h, path)) {
             return false;
         }
     }
-    return h->options.prepare == nullptr || h->options.prepare(h) || desk_fail("prepare refused: " + desk_error());
+    return h->options.prepare == nullptr || h->options.prepare(h) || desk_fail("prepare has failed: " + desk_error());
 }
 
 static bool boot(desk *h) {
-    int64_t end = desk_now_ms() + h->options.boot_ms;
+    int64_t end = desk_now_ms() + kBootMs;
     if (!start_sandbox(h)) {
         return false;
     }
     pid_t init = -1;
-    if (!expect(h, "staged", end, &init)) {
+    if (!expect(h, "ready", end, &init)) {
         return false;
     }
     h->init = init;
@@ -310,20 +298,20 @@ static bool boot(desk *h) {
     if (!reports_open(h) || !put_files(h)) {
         return false;
     }
-    return send(h->line, "go", 2, MSG_NOSIGNAL) == 2 && expect(h, "up", end, nullptr);
+    return send(h->init_fd, "go", 2, MSG_NOSIGNAL) == 2 && expect(h, "up", end, nullptr);
 }
 
 // ---- public
 
-// What a handset needs before its first boot.
-static bool make_room(desk *h) {
+// What a handset needs before its first boot: in place the lock, else /data.
+static bool prepare_first_boot(desk *h) {
     if (desk_in_place()) {
         in_place_hide_name();
-        h->place = in_place_lock(h->options.boot_ms);
-        return h->place >= 0;
+        h->register_fd = in_place_lock(kBootMs);
+        return h->register_fd >= 0;
     }
-    h->data_place = place_for_data(image_of(h->options));
-    if (h->data_place.empty()) {
+    h->data_mount = mount_point_for_data();
+    if (h->data_mount.empty()) {
         return desk_fail("no directory to mount over");
     }
     return make_data(h);
@@ -339,7 +327,7 @@ desk *desk_boot(const desk_options &options) {
     }
     desk *h = new desk;
     h->options = options;
-    if (make_room(h) && boot(h)) {
+    if (prepare_first_boot(h) && boot(h)) {
         return h;
     }
     std::string reason = desk_error();
@@ -369,21 +357,21 @@ void desk_end(desk *h) {
     if (h->data_ns >= 0) {
         close(h->data_ns);
     }
-    if (h->place >= 0) {
-        in_place_unlock(h->place);
+    if (h->register_fd >= 0) {
+        in_place_unlock(h->register_fd);
     }
     delete h;
 }
 
 bool desk_reboot(desk *h, bool keep, const desk_options *options) {
     if (h->attached) {
-        return desk_fail("only its booter can boot it again");
+        return desk_fail("only the program that booted it can reboot it");
     }
-    if (options != nullptr && h->place >= 0 && !in_place_allows(*options)) {
+    if (options != nullptr && h->register_fd >= 0 && !in_place_allows(*options)) {
         return false;
     }
-    if (keep && h->place >= 0) {
-        send(h->line, "keep", 4, MSG_NOSIGNAL);
+    if (keep && h->register_fd >= 0) {
+        send(h->init_fd, "keep", 4, MSG_NOSIGNAL);
     }
     stop_sandbox(h);
     if (options != nullptr) {
@@ -391,7 +379,7 @@ bool desk_reboot(desk *h, bool keep, const desk_options *options) {
     }
     h->same_data = keep && options == nullptr;
     h->kept_data = keep;
-    if (!keep && h->place < 0) {
+    if (!keep && h->register_fd < 0) {
         close(h->data_ns);
         h->data_ns = -1;
         if (!make_data(h)) {
@@ -399,16 +387,4 @@ bool desk_reboot(desk *h, bool keep, const desk_options *options) {
         }
     }
     return boot(h);
-}
-
-const desk_options &desk_booted_with(const desk *h) {
-    return h->options;
-}
-
-pid_t desk_init_pid(const desk *h) {
-    return h->init;
-}
-
-std::string desk_host_path(const desk *h, const std::string &path) {
-    return "/proc/" + std::to_string(h->init) + "/root" + path;
 }

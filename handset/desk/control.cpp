@@ -1,50 +1,24 @@
-// The way to a handset's init: a connection a request over its control socket. No state but the last failure's reason.
-#include "../init/control.h"
-
+// Requests to a handset's init, one connection each. No state.
 #include <errno.h>
 #include <poll.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <time.h>
 #include <unistd.h>
 
-#include "handle.h"
+#include "handset/common/paths.h"
+#include "handset/desk/handle.h"
 
-static thread_local std::string m_error;
-
-const std::string &desk_error() {
-    return m_error;
+pid_t desk_init_pid(const desk *h) {
+    return h->init;
 }
 
-bool desk_fail(const std::string &reason) {
-    m_error = reason;
-    return false;
+std::string desk_host_path(const desk *h, const std::string &path) {
+    return "/proc/" + std::to_string(h->init) + "/root" + path;
 }
 
-bool desk_fail_errno(const std::string &what) {
-    return desk_fail(what + ": " + strerror(errno));
-}
-
-int64_t desk_now_ms() {
-    const int64_t most = 250;  // longer than a look and its wait take on a busy machine
-    thread_local int64_t counted = 0;
-    thread_local int64_t last = 0;
-    struct timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    int64_t look = static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
-    counted += std::min(look - last, most);
-    last = look;
-    return counted;
-}
-
-int desk_slice_ms(int64_t end) {
-    int64_t left = end - desk_now_ms();
-    return static_cast<int>(std::max<int64_t>(0, std::min<int64_t>(left, 100)));
-}
-
-// A socket's file is found through the other root; the namespaces of the network do not matter to it.
+// The path reaches the socket's file in the other mount namespace; the network namespace does not matter for it.
 int control_connect(const desk *h) {
     int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
     struct sockaddr_un addr = {};
@@ -86,7 +60,7 @@ bool control_send(int fd, const std::vector<std::string> &words, const std::vect
     return sendmsg(fd, &message, MSG_NOSIGNAL) >= 0 || desk_fail_errno("handset's init");
 }
 
-static void take_sender(struct msghdr *message, pid_t *sender) {
+static void read_sender(struct msghdr *message, pid_t *sender) {
     for (struct cmsghdr *h = CMSG_FIRSTHDR(message); h != nullptr; h = CMSG_NXTHDR(message, h)) {
         if (h->cmsg_level == SOL_SOCKET && h->cmsg_type == SCM_CREDENTIALS) {
             struct ucred credentials;
@@ -99,9 +73,9 @@ static void take_sender(struct msghdr *message, pid_t *sender) {
 static bool readable(int fd, int limit_ms) {
     int64_t end = desk_now_ms() + limit_ms;
     for (;;) {
-        int slice = desk_slice_ms(end);
+        const int slice = desk_slice_ms(end);
         struct pollfd wanted = {fd, POLLIN, 0};
-        int ready = poll(&wanted, 1, slice);
+        const int ready = poll(&wanted, 1, slice);
         if (ready > 0) {
             return true;
         }
@@ -129,7 +103,7 @@ std::string control_receive(int fd, int limit_ms, pid_t *sender) {
         return "";
     }
     if (sender != nullptr) {
-        take_sender(&message, sender);
+        read_sender(&message, sender);
     }
     return std::string(buf, static_cast<size_t>(got));
 }

@@ -1,4 +1,4 @@
-// Files of a handset, reached from outside through its root directory with links resolved inside it. No state.
+// Files of a handset, opened from outside relative to its root directory. No state.
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -12,15 +12,15 @@
 
 #include <algorithm>
 
-#include "handle.h"
+#include "handset/desk/handle.h"
 
-// In place what is not the handset's is not written.
+// In place only files of the handset may be written.
 static bool may_open(const std::string &path, int flags) {
     if (!desk_in_place()) {
         return true;
     }
     if (path.compare(0, 10, "/proc/sys/") == 0 || path == "/proc/kmsg") {
-        return desk_lacks("settings and messages of the kernel of its own");
+        return in_place_missing("settings and messages of the kernel of its own");
     }
     return (flags & (O_CREAT | O_TRUNC | O_APPEND)) == 0 || in_place_owns(path);
 }
@@ -36,16 +36,15 @@ int desk_open(desk *h, const std::string &path, int flags, mode_t mode) {
     how.resolve = RESOLVE_IN_ROOT;
     for (int tries = 0;; tries++) {
         int fd = static_cast<int>(syscall(SYS_openat2, h->root, path.c_str(), &how, sizeof(how)));
-        if (fd >= 0 || errno != EAGAIN || tries > 100) {  // EAGAIN: something was renamed on the way
+        if (fd >= 0 || errno != EAGAIN || tries > 100) {  // EAGAIN: a directory of the path was renamed meanwhile
             return fd;
         }
     }
 }
 
-static bool read_all(int fd, std::string *text) {
+bool read_all(int fd, std::string *text) {
     char buf[65536];
     ssize_t got;
-    text->clear();
     while ((got = read(fd, buf, sizeof(buf))) > 0) {
         text->append(buf, static_cast<size_t>(got));
     }
@@ -57,7 +56,8 @@ bool desk_read_file(desk *h, const std::string &path, std::string *text) {
     if (fd < 0) {
         return desk_fail_errno(path);
     }
-    bool got = read_all(fd, text) || desk_fail_errno(path);
+    text->clear();
+    const bool got = read_all(fd, text) || desk_fail_errno(path);
     close(fd);
     return got;
 }
@@ -171,7 +171,6 @@ std::string desk_owner(desk *h, const std::string &path) {
     return text;
 }
 
-// Names in an open directory; takes the descriptor.
 std::vector<std::string> names_in(int fd) {
     std::vector<std::string> names;
     DIR *dir = fdopendir(fd);
@@ -195,7 +194,7 @@ std::vector<std::string> desk_list(desk *h, const std::string &path) {
     return fd < 0 ? std::vector<std::string>() : names_in(fd);
 }
 
-// The directory part opened, and the name in it.
+// Opens the parent directory; `name` becomes the last part of the path.
 static int open_parent(desk *h, const std::string &path, std::string *name) {
     size_t slash = path.rfind('/');
     *name = slash == std::string::npos ? path : path.substr(slash + 1);
@@ -273,7 +272,7 @@ bool desk_remove(desk *h, const std::string &path) {
 
 bool desk_fill_data(desk *h, uint64_t available) {
     if (desk_in_place()) {
-        return desk_lacks("file systems of a chosen size");
+        return in_place_missing("file systems of a chosen size");
     }
     if (!desk_remove(h, "/data/.fill")) {
         return false;
@@ -308,9 +307,14 @@ int desk_open_tty(desk *h, const std::string &path, int limit_ms, int flags) {
     return fd;
 }
 
-bool desk_set_card(desk *h, bool present) {
-    if (desk_in_place()) {
-        return desk_lacks("card that can be pulled");
-    }
-    return control_number(control_ask(h, {"card", present ? "1" : "0"}), "error", -1) == 0 || desk_fail("card");
+bool desk_wait_path(desk *h, const std::string &path, bool present, int limit_ms) {
+    return desk_until([&] { return desk_exists(h, path) == present; }, limit_ms);
+}
+
+bool desk_wait_text(desk *h, const std::string &path, const std::string &part, int limit_ms) {
+    return desk_until([&] { return desk_file_text(h, path).find(part) != std::string::npos; }, limit_ms);
+}
+
+bool desk_wait_gone(desk *h, pid_t pid, int limit_ms) {
+    return desk_wait_path(h, "/proc/" + std::to_string(pid), false, limit_ms);
 }

@@ -1,71 +1,82 @@
-// What the desk library's files share: the handle and the way to a handset's init. Not for users of the library.
+// What the files of the desk library share: the handle, and functions that are not for users of the library. A file
+// calls those listed before it: base, in_place, control, files, journals, programs, services, reports, boot.
 #ifndef HANDSET_DESK_HANDLE_H
 #define HANDSET_DESK_HANDLE_H
 
 #include <mutex>
 
-#include "desk.h"
-#include "in_place.h"
+#include "handset/desk/desk.h"
+#include "handset/desk/in_place.h"
 
-// One handset. The descriptors are open while it is booted, -1 else; `data_ns` stays over reboots.
+// One handset. The descriptors are open while it is booted, -1 else; `data_ns` is kept over reboots.
 struct desk {
     desk_options options;
-    int place = -1;          // in place: the register, locked for as long as the handle lives
+    int register_fd = -1;    // in place: the register, locked while the handle exists
     int data_ns = -1;        // mount namespace that holds the file system of /data
-    std::string data_place;  // where in it
-    bool attached = false;   // booted by another process: not ours to end
+    std::string data_mount;  // its mount point there
+    bool attached = false;   // booted by another process
     bool same_data = false;  // this boot found the /data of an earlier boot with the same options
     bool kept_data = false;  // this boot found the /data of an earlier boot
-    pid_t sandbox = -1;      // the sandbox program, our child; in place: init itself
+    pid_t sandbox = -1;      // bwrap, a child of this process; in place: init itself
     pid_t init = -1;         // the handset's first process
-    int line = -1;           // to init: closing it ends the handset
+    int init_fd = -1;        // socket to init, which ends the handset when this is closed
     int root = -1;           // the handset's root directory
     int reports = -1;        // the directory of sanitizers' reports
-    std::mutex log_mutex;    // over the three below: what has been read of the log journal
+    std::mutex log_mutex;    // guards the three below: what has been read of the log journal
     std::vector<desk_log_entry> log;
-    uint64_t log_offset = 0;
+    off_t log_offset = 0;
     std::string log_rest;
 };
 
-// Notes a failure's reason and returns false.
+// ---- base.cpp -------------------------------------------------------------------------------------------------------
+
+// Stores the reason of a failure and returns false; the second adds errno's text.
 bool desk_fail(const std::string &reason);
-// The same with errno's text.
 bool desk_fail_errno(const std::string &what);
 
-// Tells that a handset in place has not got `what`, and returns false.
-bool desk_lacks(const std::string &what);
-// False, with the reason told, when options ask for what a handset in place has not got.
+// ---- in_place.cpp ---------------------------------------------------------------------------------------------------
+
+// Reports that a handset in place does not have `what`, and returns false.
+bool in_place_missing(const std::string &what);
+// False, with the reason stored, when the options ask for what a handset in place does not have.
 bool in_place_allows(const desk_options &options);
-// Whether a path belongs to a handset in place; tells when it does not.
+// Whether a path belongs to a handset in place; false with the reason stored.
 bool in_place_owns(const std::string &path);
-// Opens and locks the register; -1 when another handset has kept it for that long.
+// Opens and locks the register; -1 when another handset still holds the lock after the limit.
 int in_place_lock(int limit_ms);
 void in_place_unlock(int fd);
-// For the agent, which takes every process in whose first argument its name appears for another agent: takes the name
-// out of ours.
+// Overwrites the agent's name in this process' first argument. The agent would take this process for another agent.
 void in_place_hide_name();
+
+// ---- control.cpp: requests to a handset's init ----------------------------------------------------------------------
 
 // Opens a connection to init's control socket; -1 on failure.
 int control_connect(const desk *h);
 // Sends one request, with descriptors.
 bool control_send(int fd, const std::vector<std::string> &words, const std::vector<int> &fds = {});
-// Next answer; "" when the connection ended or the limit passed. `sender`, when given, gets the pid that came along
-// (the socket must have asked for it before the answer was sent: SO_PASSCRED).
+// The next answer; "" when the connection has ended or the limit has passed. `sender`, if given, receives the sender's
+// pid (SO_PASSCRED must be set on the socket before the answer is sent).
 std::string control_receive(int fd, int limit_ms, pid_t *sender = nullptr);
 // One request, one answer.
 std::string control_ask(const desk *h, const std::vector<std::string> &words, int limit_ms = 30000);
-// Number behind the first blank of an answer that starts with `word`, else `fallback`.
+// The number after `word` and a blank in an answer; `fallback` for another answer.
 int control_number(const std::string &answer, const std::string &word, int fallback);
+
+// ---- files.cpp ------------------------------------------------------------------------------------------------------
 
 // Names in the directory that `fd` has open, sorted; closes it.
 std::vector<std::string> names_in(int fd);
+// Appends all that can be read from `fd`; false on an error.
+bool read_all(int fd, std::string *text);
 
-// Instructions to sanitizers for everything inside, our own environment's included: NAME=VALUE. None in a build without.
+// ---- reports.cpp ----------------------------------------------------------------------------------------------------
+
+// NAME=VALUE for sanitizers of everything inside, with the values of this process' environment. None in other builds.
 std::vector<std::string> reports_environment();
-// Makes the place of the reports; before anything but init runs.
+// Makes the directory of the reports. To be called before anything but init runs.
 bool reports_open(desk *h);
-// After the handset has ended: prints all reports on standard error, and aborts if there are any. What a sanitizer
-// finds must not pass for success.
+// To be called after the handset has ended. Prints all reports on standard error and aborts if there are any, so that no
+// test passes.
 void reports_close(desk *h);
 
 #endif

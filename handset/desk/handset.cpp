@@ -9,7 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "handset.h"
+#include "handset/desk/handset.h"
 
 // Starts over with root's rights; returns only when that cannot be done.
 static int become_root(int argc, char **argv) {

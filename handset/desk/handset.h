@@ -2,7 +2,7 @@
 #ifndef HANDSET_DESK_HANDSET_H
 #define HANDSET_DESK_HANDSET_H
 
-#include "desk.h"
+#include "handset/desk/desk.h"
 
 // One call of `handset`.
 struct handset_call {
@@ -18,7 +18,7 @@ struct handset_call {
 // Reads the command line. Returns -1 to go on, else the status to end with (help or a mistake, already told).
 int handset_parse(int argc, char **argv, handset_call *call);
 
-// Runs a shell, or `argv`, on a terminal of the handset joined to ours; returns its exit status.
+// Runs a shell, or `argv`, on a terminal of the handset that is connected to this process' own; returns its status.
 int handset_shell(desk *h, const std::vector<std::string> &argv);
 
 #endif

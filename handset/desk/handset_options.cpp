@@ -1,72 +1,58 @@
-// The command line of `handset`. State: none but the tables of options.
+// The command line of `handset`. No state.
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
-#include "handset.h"
+#include "handset/desk/handset.h"
 
-static const char *const m_help =
+static const char kHelp[] =
     "usage: handset run [OPTION]... -- PROGRAM [ARGUMENT]...\n"
     "       handset boot [OPTION]...\n"
     "       handset shell [OPTION]... [-- PROGRAM [ARGUMENT]...]\n"
     "       handset enter PID [-- PROGRAM [ARGUMENT]...]\n"
     "\n"
-    "Boots a private desk handset; it ends with this program and leaves nothing behind.\n"
+    "Boots a private desk handset. It ends with this program, which removes everything of it.\n"
     "  run     run PROGRAM in it (no agent unless --agent) and end with its status\n"
     "  boot    keep it running until end of input, SIGINT, SIGTERM or SIGHUP\n"
     "  shell   root shell on this terminal\n"
-    "  enter   the same in a handset that runs already; PID as `handset boot` tells it\n"
+    "  enter   the same in a running handset; PID is what `handset boot` prints\n"
     "\n"
     "  --agent, --no-agent    start zr-qel-sa at boot (boot and shell do, run does not)\n"
-    "  --image DIR            tree of /system\n"
-    "  --state DIR            /data is copied from DIR at boot and back at an orderly end\n"
-    "  --bring FILE:DEST      put a file of this machine into the handset\n"
-    "  --write DEST:TEXT      put a file with this text into the handset\n"
-    "  --remove PATH          remove a path before services start\n"
+    "  --state DIR            copy /data from DIR at boot, and back at the end\n"
+    "  --bring FILE:DEST      copy a file of this machine into the handset\n"
+    "  --write DEST:TEXT      create a file with this text\n"
+    "  --remove PATH          remove a path before the services start\n"
     "  --data BYTES           size of /data (suffixes k, m, g)\n"
     "  --no-log-dir           without /data/local/log\n"
-    "  --no-card              without /storage/real_sd\n"
-    "  --card BYTES           size of the card\n"
+    "  --no-sd-card           without /storage/real_sd\n"
+    "  --sd-card BYTES        size of the SD card\n"
     "  --no-tmp               without /tmp\n"
     "  --no-config            without /system/etc/zr-qel-sa.cfg\n"
     "  --prop NAME=VALUE      property set before anything starts\n"
     "  --env NAME=VALUE       environment of everything started inside\n"
     "  --timezone TZ          time zone of everything started inside\n"
-    "  --old-ctl              control of unknown services succeeds\n"
-    "  --property-protocol N  1 or 2\n"
+    "  --old-ctl              ctl.start and ctl.stop of unknown services succeed\n"
     "  --restart MS           shortest time between two starts of a service\n"
     "  --umask OCTAL          of services (077)\n"
     "  --closed-stdin         services start without descriptor 0\n"
-    "  --output FILE          services write stdout and stderr there\n"
-    "  --printk TEXT          first content of /proc/sys/kernel/printk\n"
-    "  --kmsg machine         /proc/kmsg copies this machine's log\n"
-    "  --link dummy|veth      further network links\n"
-    "  --user UID[:GID]       run: as whom\n"
+    "  --output FILE          services append stdout and stderr to FILE\n"
+    "  --kmsg machine         copy this machine's kernel log to /proc/kmsg\n"
+    "  --user UID[:GID]       run: identity of PROGRAM\n"
     "  --help                 this text\n";
 
-struct flag_row {
+static const struct {
     const char *name;
-    bool desk_options::*flag;
+    bool boot_options::*flag;
     bool value;
-};
-static const flag_row m_flags[] = {
-    {"--agent", &desk_options::agent, true},         {"--no-agent", &desk_options::agent, false},
-    {"--no-log-dir", &desk_options::log_dir, false}, {"--no-card", &desk_options::card, false},
-    {"--no-tmp", &desk_options::tmp, false},         {"--no-config", &desk_options::config, false},
-    {"--old-ctl", &desk_options::old_ctl, true},     {"--closed-stdin", &desk_options::closed_stdin, true},
-};
-
-struct text_row {
-    const char *name;
-    std::string desk_options::*text;
-};
-static const text_row m_texts[] = {
-    {"--image", &desk_options::image},   {"--timezone", &desk_options::timezone}, {"--output", &desk_options::output},
-    {"--printk", &desk_options::printk}, {"--link", &desk_options::link},
+} kFlags[] = {
+    {"--agent", &boot_options::agent, true},         {"--no-agent", &boot_options::agent, false},
+    {"--no-log-dir", &boot_options::log_dir, false}, {"--no-sd-card", &boot_options::sd_card, false},
+    {"--no-tmp", &boot_options::tmp, false},         {"--no-config", &boot_options::config, false},
+    {"--old-ctl", &boot_options::old_ctl, true},     {"--closed-stdin", &boot_options::closed_stdin, true},
 };
 
 static bool take_flag(const std::string &name, desk_options *o) {
-    for (const flag_row &row : m_flags) {
+    for (const auto &row : kFlags) {
         if (name == row.name) {
             o->*row.flag = row.value;
             return true;
@@ -86,13 +72,13 @@ static uint64_t bytes_of(const std::string &text) {
     }
 }
 
-static bool take_number(const std::string &name, const std::string &value, desk_options *o) {
+static bool take_simple(const std::string &name, const std::string &value, desk_options *o) {
     if (name == "--data") {
         o->data_size = bytes_of(value);
-    } else if (name == "--card") {
-        o->card_size = bytes_of(value);
-    } else if (name == "--property-protocol") {
-        o->property_protocol = atoi(value.c_str());
+    } else if (name == "--sd-card") {
+        o->sd_card_size = bytes_of(value);
+    } else if (name == "--output") {
+        o->output = value;
     } else if (name == "--restart") {
         o->restart_ms = atoi(value.c_str());
     } else if (name == "--umask") {
@@ -134,14 +120,12 @@ static bool take_user(const std::string &value, handset_call *call) {
 }
 
 static bool take_value(const std::string &name, const std::string &value, handset_call *call) {
-    for (const text_row &row : m_texts) {
-        if (name == row.name) {
-            call->options.*row.text = value;
-            return true;
-        }
-    }
     if (name == "--state") {
         call->state = value;
+        return true;
+    }
+    if (name == "--timezone") {
+        call->options.timezone = value;
         return true;
     }
     if (name == "--user") {
@@ -151,33 +135,33 @@ static bool take_value(const std::string &name, const std::string &value, handse
         call->options.kmsg_machine = value == "machine";
         return call->options.kmsg_machine;
     }
-    return take_number(name, value, &call->options) || take_list(name, value, &call->options);
+    return take_simple(name, value, &call->options) || take_list(name, value, &call->options);
 }
 
-static int mistake(const std::string &what) {
+static int usage_error(const std::string &what) {
     fprintf(stderr, "handset: %s\nTry 'handset --help'.\n", what.c_str());
     return 2;
 }
 
 static int check(const handset_call &call) {
     if (call.verb != "run" && call.verb != "boot" && call.verb != "shell" && call.verb != "enter") {
-        return mistake("unknown command " + call.verb);
+        return usage_error("unknown command " + call.verb);
     }
     if (call.verb == "enter" && call.entered <= 0) {
-        return mistake("enter needs the pid of a handset");
+        return usage_error("enter needs the pid of a handset");
     }
     if (call.verb == "run" && call.program.empty()) {
-        return mistake("run needs a program");
+        return usage_error("run needs a program");
     }
     if (call.options.data_size == 0 || call.options.data_size % 4096 != 0) {
-        return mistake("the size of /data must be a multiple of 4096");
+        return usage_error("the size of /data must be a multiple of 4096");
     }
     return -1;
 }
 
 int handset_parse(int argc, char **argv, handset_call *call) {
     if (argc < 2 || strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0) {
-        fputs(m_help, argc < 2 ? stderr : stdout);
+        fputs(kHelp, argc < 2 ? stderr : stdout);
         return argc < 2 ? 2 : 0;
     }
     call->verb = argv[1];
@@ -193,14 +177,14 @@ int handset_parse(int argc, char **argv, handset_call *call) {
             break;
         }
         if (name == "--help") {
-            fputs(m_help, stdout);
+            fputs(kHelp, stdout);
             return 0;
         }
         if (take_flag(name, &call->options)) {
             continue;
         }
         if (i + 1 == argc || !take_value(name, argv[i + 1], call)) {
-            return mistake("bad option " + name);
+            return usage_error("bad option " + name);
         }
         i++;
     }

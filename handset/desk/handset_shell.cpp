@@ -10,7 +10,7 @@
 #include <termios.h>
 #include <unistd.h>
 
-#include "handset.h"
+#include "handset/desk/handset.h"
 
 static struct termios m_before;
 static bool m_raw = false;

@@ -1,4 +1,4 @@
-// Programs run inside a handset by its init, and looking at its processes. No state: a child belongs to its caller.
+// Runs programs inside a handset, through its init, and reads its processes. No state: the caller owns a child.
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -10,7 +10,7 @@
 
 #include <algorithm>
 
-#include "handle.h"
+#include "handset/desk/handle.h"
 
 bool desk_start(desk *h, const desk_program &program, desk_child *child) {
     std::vector<std::string> words = {"spawn",
@@ -56,7 +56,7 @@ int desk_wait(desk *h, desk_child *child, int limit_ms) {
     return control_number(answer, "exit", -1);
 }
 
-// Three pipes between us and a program: what we hold, and what it gets.
+// Three pipes to a program: the ends of this process and the program's.
 struct streams {
     int ours[3] = {-1, -1, -1};
     int theirs[3] = {-1, -1, -1};
@@ -90,8 +90,8 @@ static bool open_streams(streams *s) {
     return true;
 }
 
-// A program need not read its input: no SIGPIPE for that, and the caller's own way with the signal stays as it is.
-static ssize_t write_quietly(int fd, const char *data, size_t size) {
+// A program may end without reading its input. Blocks the SIGPIPE of that without changing the caller's disposition.
+static ssize_t write_without_signal(int fd, const char *data, size_t size) {
     sigset_t pipe_signal;
     sigset_t before;
     sigemptyset(&pipe_signal);
@@ -108,12 +108,12 @@ static ssize_t write_quietly(int fd, const char *data, size_t size) {
     return put;
 }
 
-// Moves what can be moved now. False on the stream's end.
+// Writes or reads what is possible without blocking. False at the end of the stream.
 static bool pump_in(int fd, const std::string &input, size_t *sent) {
     if (*sent == input.size()) {
         return false;
     }
-    ssize_t put = write_quietly(fd, input.data() + *sent, input.size() - *sent);
+    ssize_t put = write_without_signal(fd, input.data() + *sent, input.size() - *sent);
     if (put > 0) {
         *sent += static_cast<size_t>(put);
     }
@@ -121,16 +121,11 @@ static bool pump_in(int fd, const std::string &input, size_t *sent) {
 }
 
 static bool pump_out(int fd, std::string *text) {
-    char buf[65536];
-    ssize_t got = read(fd, buf, sizeof(buf));
-    if (got > 0) {
-        text->append(buf, static_cast<size_t>(got));
-    }
-    return got > 0 || (got < 0 && (errno == EAGAIN || errno == EINTR));
+    return !read_all(fd, text) && (errno == EAGAIN || errno == EINTR);
 }
 
-// Until the program has ended and its output is read, or the time is up. What a surviving grandchild holds open is not
-// waited for: only what is there when the program has ended still counts.
+// Until the program has ended, or the limit has passed. A surviving grandchild may keep the pipes open: its output after
+// the program's end does not count.
 static void exchange(streams *s, desk_child *child, const std::string &input, int limit_ms, desk_result *result) {
     int64_t end = desk_now_ms() + limit_ms;
     size_t sent = 0;
@@ -161,13 +156,6 @@ static void exchange(streams *s, desk_child *child, const std::string &input, in
     }
 }
 
-static void take_rest(int fd, std::string *text) {
-    char buf[65536];
-    for (ssize_t got; fd >= 0 && (got = read(fd, buf, sizeof(buf))) > 0;) {
-        text->append(buf, static_cast<size_t>(got));
-    }
-}
-
 desk_result desk_run(desk *h, const desk_program &program, const std::string &input, int limit_ms) {
     desk_result result;
     streams s;
@@ -184,8 +172,8 @@ desk_result desk_run(desk *h, const desk_program &program, const std::string &in
     if (started) {
         exchange(&s, &child, input, limit_ms, &result);
         result.status = desk_wait(h, &child, 0);
-        take_rest(s.ours[1], &result.output);
-        take_rest(s.ours[2], &result.errors);
+        read_all(s.ours[1], &result.output);
+        read_all(s.ours[2], &result.errors);
         if (result.status < 0 && child.wait_fd >= 0) {
             desk_kill(h, child.pid, SIGKILL);
             desk_wait(h, &child, 5000);
@@ -221,7 +209,7 @@ pid_t desk_host_pid(const desk *h, pid_t pid) {
     }
     pid_t host = -1;
     int on = 1;
-    // Asked for before the request, or the answer could come without it.
+    // Set before the request, or the answer could arrive without the credentials.
     bool got = setsockopt(fd, SOL_SOCKET, SO_PASSCRED, &on, sizeof(on)) == 0 &&
                control_send(fd, {"hostpid", std::to_string(pid)}) && control_receive(fd, 30000, &host) == "pid";
     close(fd);

@@ -1,6 +1,5 @@
-// What the run-time parts of sanitizers report inside a handset: nobody sees the standard error of a service, so the
-// reports go to files, and end up with the program that booted the handset. In a build without sanitizers there is
-// nothing to do. State: the handle's directory of reports.
+// Reports of sanitizers inside a handset. A service has no visible standard error, so the reports are written to files,
+// which the program that booted the handset prints. Other builds have none. State: in the handle, the directory.
 #include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -8,23 +7,23 @@
 
 #include <sstream>
 
-#include "handle.h"
+#include "handset/common/paths.h"
+#include "handset/desk/handle.h"
 
-#define REPORTS "/dev/.desk/reports"
-#define OWN_SIGNALS "handle_segv=0:handle_sigbus=0:handle_sigfpe=0"
+#define REPORTS DESK_DIR "/reports"
+#define DEFAULT_SIGNALS "handle_segv=0:handle_sigbus=0:handle_sigfpe=0"
 
-// What a test preloads stands in front of the sanitizer's library, which would not have it; and signals that a process may be
-// sent from outside do what they do without a sanitizer.
-static const char *const m_sanitizers[][2] = {
-    {"ASAN_OPTIONS", "verify_asan_link_order=0:" OWN_SIGNALS},
+// A test may preload a library before the sanitizer's own, and tests send signals that the sanitizer would handle.
+static const char *const kSanitizers[][2] = {
+    {"ASAN_OPTIONS", "verify_asan_link_order=0:" DEFAULT_SIGNALS},
     {"UBSAN_OPTIONS", "print_stacktrace=1"},
     {"LSAN_OPTIONS", ""},
-    {"TSAN_OPTIONS", "history_size=4:" OWN_SIGNALS},
+    {"TSAN_OPTIONS", "history_size=4:" DEFAULT_SIGNALS},
 };
 
 std::vector<std::string> reports_environment() {
     std::vector<std::string> all;
-    for (const auto &sanitizer : m_sanitizers) {
+    for (const auto &sanitizer : kSanitizers) {
         const char *own = getenv(sanitizer[0]);
         all.push_back(std::string(sanitizer[0]) + "=" + sanitizer[1] + ":" + (own != nullptr ? own : "") +
                       ":log_path=" REPORTS "/report");
@@ -46,18 +45,15 @@ bool reports_open(desk *h) {
 static std::string text_of(int directory, const std::string &name) {
     std::string text;
     const int fd = openat(directory, name.c_str(), O_RDONLY | O_CLOEXEC);
-    char buf[4096];
-    for (ssize_t got = 0; fd >= 0 && (got = read(fd, buf, sizeof(buf))) > 0;) {
-        text.append(buf, static_cast<size_t>(got));
-    }
     if (fd >= 0) {
+        read_all(fd, &text);
         close(fd);
     }
     return text;
 }
 
-// Leaks are looked for at the end of a process, by tracing it. Where that fails, because a test traces it already or a
-// thread ends meanwhile, the sanitizer says so: lines that are no finding.
+// At the end of a process the sanitizer traces it to find leaks. When a test traces it already, or a thread ends
+// meanwhile, the sanitizer reports that it could not: such lines are no finding.
 static bool is_note(const std::string &line) {
     for (const char *part : {"LeakSanitizer has encountered a fatal error", "HINT: ", "was not suspended"}) {
         if (line.find(part) != std::string::npos) {

@@ -2,7 +2,7 @@
 #include <ctype.h>
 #include <stdlib.h>
 
-#include "init.h"
+#include "handset/init/init.h"
 
 struct account {
     const char *name;

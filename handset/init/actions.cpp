@@ -1,11 +1,11 @@
-// Actions of the rc files: commands that run on boot events and whenever a property gets a value.
-// State: the actions in the order they were read, and whether property triggers are live yet.
+// Actions of the rc files: commands that run on boot events and whenever a property is set.
+// State: the actions in the order they were read, and whether property triggers are enabled.
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "init.h"
+#include "handset/init/init.h"
 
 struct action {
     std::string trigger;
@@ -13,17 +13,17 @@ struct action {
 };
 
 static std::vector<action> m_actions;
-static bool m_properties_live = false;
+static bool m_properties_enabled = false;
 static int m_depth = 0;
 
-enum { DEEPEST = 16 };  // actions that set properties may run further actions; a circle must end
+static const std::string kPropertyPrefix = "property:";
+static const int kMaxDepth = 16;  // an action that sets a property may trigger others, also itself
 
 void action_add(const std::string &trigger, const std::vector<command_line> &commands) {
     m_actions.push_back({trigger, commands});
 }
 
-// Waits, as the platform's `wait` does, with the whole init standing still; in vain when no service could make the
-// file.
+// Blocks init until the file exists, as the platform's `wait` does. Gives up when no service runs that could make it.
 static void wait_for(const std::string &path, int ms) {
     int64_t end = loop_now() + ms;
     while (access(path.c_str(), F_OK) != 0 && loop_now() < end && services_any_running()) {
@@ -75,17 +75,21 @@ static void run_command(const command_line &words) {
     }
 }
 
+static void run_commands(const action &of) {
+    for (const command_line &words : of.commands) {
+        run_command(words);
+    }
+}
+
 static void run_matching(const std::string &trigger, const std::string &other) {
-    if (m_depth >= DEEPEST) {
-        fprintf(stderr, "init: actions run in circles at %s\n", trigger.c_str());
+    if (m_depth >= kMaxDepth) {
+        fprintf(stderr, "init: actions trigger each other without end: %s\n", trigger.c_str());
         return;
     }
     m_depth++;
-    for (size_t i = 0; i < m_actions.size(); i++) {
-        if (m_actions[i].trigger == trigger || m_actions[i].trigger == other) {
-            for (const command_line &words : m_actions[i].commands) {
-                run_command(words);
-            }
+    for (const action &each : m_actions) {
+        if (each.trigger == trigger || each.trigger == other) {
+            run_commands(each);
         }
     }
     m_depth--;
@@ -96,13 +100,13 @@ void actions_run_event(const std::string &event) {
     run_matching(event, event);
 }
 
-void actions_property_set(const std::string &name, const std::string &value) {
-    if (m_properties_live) {
-        run_matching("property:" + name + "=" + value, "property:" + name + "=*");
+void actions_property_changed(const std::string &name, const std::string &value) {
+    if (m_properties_enabled) {
+        run_matching(kPropertyPrefix + name + "=" + value, kPropertyPrefix + name + "=*");
     }
 }
 
-static bool holds(const std::string &condition) {
+static bool is_true(const std::string &condition) {
     size_t mark = condition.find('=');
     if (mark == std::string::npos) {
         return false;
@@ -113,12 +117,10 @@ static bool holds(const std::string &condition) {
 }
 
 void actions_enable_properties() {
-    m_properties_live = true;
-    for (size_t i = 0; i < m_actions.size(); i++) {
-        if (text_starts(m_actions[i].trigger, "property:") && holds(m_actions[i].trigger.substr(9))) {
-            for (const command_line &words : m_actions[i].commands) {
-                run_command(words);
-            }
+    m_properties_enabled = true;
+    for (const action &each : m_actions) {
+        if (text_starts(each.trigger, kPropertyPrefix) && is_true(each.trigger.substr(kPropertyPrefix.size()))) {
+            run_commands(each);
         }
     }
 }

@@ -1,10 +1,10 @@
-// Everything that init starts goes through child_start, and every end of a process comes back through children_reap.
-// State: the descriptor that reports SIGCHLD.
-#include <ctype.h>
+// Starts every program of a handset and reaps every process that ends.
+// State: the descriptor that reports SIGCHLD, and the callback of each process started here that has not ended.
 #include <errno.h>
 #include <fcntl.h>
 #include <grp.h>
 #include <signal.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <sys/epoll.h>
 #include <sys/ioctl.h>
@@ -14,19 +14,23 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "init.h"
+#include <map>
 
-#define PLATFORM_PATH \
-    "/product/bin:/apex/com.android.runtime/bin:/system/bin:/system/xbin:/odm/bin:/vendor/bin:/vendor/xbin"
+#include "handset/init/init.h"
+
+static const char kPath[] =
+    "PATH=/product/bin:/apex/com.android.runtime/bin:/system/bin:/system/xbin:/odm/bin:/vendor/bin:/vendor/xbin";
 
 static int m_signals = -1;
+static std::map<pid_t, std::function<void(pid_t, int)>> m_ended;
 
 std::vector<std::string> platform_environment() {
-    return {
-        "PATH=" PLATFORM_PATH,         "ANDROID_ROOT=/system",     "ANDROID_DATA=/data",
-        "ANDROID_STORAGE=/storage",    "EXTERNAL_STORAGE=/sdcard",
-        "LD_LIBRARY_PATH=/system/lib",  // the platform's linker looks there by itself
-    };
+    return {kPath,
+            "ANDROID_ROOT=/system",
+            "ANDROID_DATA=/data",
+            "ANDROID_STORAGE=/storage",
+            "EXTERNAL_STORAGE=/sdcard",
+            "LD_LIBRARY_PATH=/system/lib"};  // the platform's linker needs no variable for that
 }
 
 std::vector<std::string> child_environment() {
@@ -53,7 +57,7 @@ static void default_signals() {
     sigprocmask(SIG_SETMASK, &none, nullptr);
 }
 
-// The three streams. Given descriptors are above 2 already: init itself has 0 to 2 taken.
+// Given descriptors are above 2, since init itself has 0 to 2 open.
 static bool set_streams(const child_setup &setup) {
     for (int i = 0; i < 3; i++) {
         int fd = setup.fds[i];
@@ -72,21 +76,21 @@ static bool set_streams(const child_setup &setup) {
     return true;
 }
 
-static bool take_identity(const child_setup &setup) {
+static bool set_identity(const child_setup &setup) {
     return setgroups(setup.groups.size(), setup.groups.data()) == 0 && setgid(setup.gid) == 0 && setuid(setup.uid) == 0;
 }
 
-static bool take_session(const child_setup &setup) {
+static bool set_session(const child_setup &setup) {
     if (!setup.terminal) {
         return setpgid(0, 0) == 0;
     }
     return setsid() >= 0 && ioctl(setup.fds[0], TIOCSCTTY, 0) == 0;
 }
 
-[[noreturn]] static void become(const child_setup &setup) {
+[[noreturn]] static void run_child(const child_setup &setup) {
     default_signals();
     umask(static_cast<mode_t>(setup.umask));
-    if (!take_session(setup) || !set_streams(setup) || chdir(setup.cwd.c_str()) != 0 || !take_identity(setup)) {
+    if (!set_session(setup) || !set_streams(setup) || chdir(setup.cwd.c_str()) != 0 || !set_identity(setup)) {
         _exit(126);
     }
     std::vector<char *> argv = pointers(setup.argv);
@@ -95,7 +99,7 @@ static bool take_session(const child_setup &setup) {
         clearenv();
         for (char *variable : env) {
             if (variable != nullptr) {
-                putenv(variable);
+                putenv(variable);  // execvpe looks argv[0] up in the caller's PATH
             }
         }
         execvpe(argv[0], argv.data(), env.data());
@@ -106,7 +110,7 @@ static bool take_session(const child_setup &setup) {
 }
 
 // Waits for the end of a pipe whose other end closes when the child executes its program or dies.
-static void wait_settled(const int *ends) {
+static void wait_for_exec(const int *ends) {
     char byte;
     close(ends[1]);
     while (read(ends[0], &byte, 1) < 0 && errno == EINTR) {
@@ -116,16 +120,19 @@ static void wait_settled(const int *ends) {
 
 pid_t child_start(const child_setup &setup) {
     int ends[2];
-    bool settled = setup.settled && pipe2(ends, O_CLOEXEC) == 0;
-    pid_t pid = fork();
+    const bool waits = setup.waits_exec && pipe2(ends, O_CLOEXEC) == 0;
+    const pid_t pid = fork();
     if (pid == 0) {
-        become(setup);
+        run_child(setup);
     }
-    if (settled) {
-        wait_settled(ends);
+    if (waits) {
+        wait_for_exec(ends);
     }
     if (pid > 0 && !setup.terminal) {
-        setpgid(pid, pid);  // whoever is first: the group must exist when the caller goes on
+        setpgid(pid, pid);  // the child does the same; the group must exist when the caller continues
+    }
+    if (pid > 0) {
+        m_ended[pid] = setup.ended;
     }
     return pid;
 }
@@ -133,39 +140,52 @@ pid_t child_start(const child_setup &setup) {
 void children_reap() {
     int status;
     for (pid_t pid; (pid = waitpid(-1, &status, WNOHANG)) > 0;) {
-        if (!service_ended(pid, status) && !control_ended(pid, status)) {
+        const auto found = m_ended.find(pid);
+        if (found == m_ended.end()) {
             journal({"exit", "-", std::to_string(pid), std::to_string(status)});
+            continue;
         }
+        const std::function<void(pid_t, int)> ended = std::move(found->second);
+        m_ended.erase(found);
+        ended(pid, status);
     }
 }
 
-// In place nothing but descent tells who belongs here; who lost its parent has become our child.
-static void kill_children() {
-    std::string own = std::to_string(getpid());
+std::vector<process> processes() {
+    std::vector<process> all;
     for (const std::string &name : text_names("/proc")) {
+        process p = {atoi(name.c_str()), 0, 0};
         std::string stat;
-        if (isdigit(static_cast<unsigned char>(name[0])) == 0 || !text_read_file("/proc/" + name + "/stat", &stat)) {
+        char state;
+        if (p.pid <= 1 || !text_read_file("/proc/" + name + "/stat", &stat)) {
             continue;
         }
-        size_t close = stat.rfind(')');  // "pid (name) state parent ..."
-        if (close != std::string::npos && close + 4 < stat.size() && text_starts(stat.substr(close + 4), own + " ")) {
-            kill(atoi(name.c_str()), SIGKILL);
+        const size_t close = stat.rfind(')');  // "pid (name) state parent group ..."
+        if (close != std::string::npos &&
+            sscanf(stat.c_str() + close + 1, " %c %d %d", &state, &p.parent, &p.group) == 3 && state != 'Z' &&
+            state != 'X') {
+            all.push_back(p);
         }
     }
+    return all;
 }
 
 void children_end_all() {
     do {
-        if (place_used()) {
-            kill_children();
-        } else {
+        if (!is_in_place()) {
             kill(-1, SIGKILL);  // everything in this pid namespace
+            continue;
+        }
+        for (const process &p : processes()) {
+            if (p.parent == getpid()) {  // orphans become our children
+                kill(p.pid, SIGKILL);
+            }
         }
     } while (wait(nullptr) > 0);
 }
 
 bool children_open() {
-    // The first process of a pid namespace inherits orphans anyway.
+    // In place, orphans would go to the container's init. The first process of a pid namespace inherits them anyway.
     prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0);
     sigset_t chld;
     sigemptyset(&chld);

@@ -1,8 +1,6 @@
-// The desk library's way in: a socket below /dev/.desk that only root can open. One packet is one request, its words
-// separated by NUL; answers go to the same connection, now or when the awaited thing has happened.
-// State: the listener and the programs started for clients; a connection lives until its client closes it.
-#include "control.h"
-
+// Requests of the desk library, on a socket that only root can open. One packet is one request, its words separated by
+// NUL. Answers go to the same connection, at once or when the awaited event has happened. A connection is kept until
+// its client closes it. State: none but the descriptors in the loop.
 #include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
@@ -14,17 +12,15 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <map>
 #include <memory>
 
-#include "init.h"
+#include "handset/common/journal.h"
+#include "handset/init/init.h"
 
 struct connection {
     int fd = -1;  // -1 once the client has gone
 };
 using connection_ptr = std::shared_ptr<connection>;
-
-static std::map<pid_t, connection_ptr> m_programs;
 
 static void answer(const connection_ptr &c, const std::string &text) {
     if (c->fd >= 0) {
@@ -32,7 +28,7 @@ static void answer(const connection_ptr &c, const std::string &text) {
     }
 }
 
-// Sends `text` with `pid` as the sender's: the kernel translates it into the receiver's numbers.
+// Sends `text` with `pid` as the sender's pid, which the kernel translates into the receiver's namespace.
 static void answer_as(const connection_ptr &c, pid_t pid, const std::string &text) {
     struct iovec part = {const_cast<char *>(text.data()), text.size()};
     alignas(struct cmsghdr) char space[CMSG_SPACE(sizeof(struct ucred))] = {};
@@ -77,26 +73,18 @@ static void spawn(const connection_ptr &c, const std::vector<std::string> &words
     setup.environment.insert(setup.environment.end(), first, argv);
     setup.argv.assign(argv, words.end());
     setup.search = true;
-    setup.settled = true;
-    pid_t pid = child_start(setup);
+    setup.waits_exec = true;
+    setup.ended = [c](pid_t pid, int status) {
+        journal({"exit", "+", std::to_string(pid), std::to_string(status)});
+        answer(c, text_format("exit %d", status));
+    };
+    const pid_t pid = child_start(setup);
     if (pid < 0) {
         answer(c, text_format("error %d", errno));
         return;
     }
     journal({"start", setup.argv[0], std::to_string(pid)});
-    m_programs[pid] = c;
     answer(c, text_format("pid %d", pid));
-}
-
-bool control_ended(pid_t pid, int status) {
-    auto found = m_programs.find(pid);
-    if (found == m_programs.end()) {
-        return false;
-    }
-    journal({"exit", "+", std::to_string(pid), std::to_string(status)});
-    answer(found->second, text_format("exit %d", status));
-    m_programs.erase(found);
-    return true;
 }
 
 static std::string error_text(bool done) {
@@ -121,14 +109,14 @@ static void serve(const connection_ptr &c, const std::vector<std::string> &words
     } else if (verb == "service" && words.size() == 2) {
         service *sv = service_find(words[1]);
         answer(c, text_format("pid %d", sv != nullptr && sv->pid > 0 ? sv->pid : -1));
-    } else if (verb == "card" && words.size() == 2) {
-        answer(c, text_format("error %d", card_set(words[1] == "1")));
+    } else if (verb == "sd_card" && words.size() == 2) {
+        answer(c, text_format("error %d", sd_card_set(words[1] == "1")));
     } else {
         answer(c, "error 22");
     }
 }
 
-static std::vector<int> taken_descriptors(struct msghdr *message) {
+static std::vector<int> received_descriptors(struct msghdr *message) {
     std::vector<int> fds;
     for (struct cmsghdr *h = CMSG_FIRSTHDR(message); h != nullptr; h = CMSG_NXTHDR(message, h)) {
         if (h->cmsg_level == SOL_SOCKET && h->cmsg_type == SCM_RIGHTS) {
@@ -158,7 +146,7 @@ static void request_ready(const connection_ptr &c) {
         c->fd = -1;
         return;
     }
-    std::vector<int> fds = taken_descriptors(&message);
+    std::vector<int> fds = received_descriptors(&message);
     serve(c, text_split(std::string(buf, static_cast<size_t>(got)), '\0'), fds);
     for (int fd : fds) {
         close(fd);

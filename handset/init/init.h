@@ -1,45 +1,44 @@
-// The stand-in for the platform's init: what its rooms offer each other. Init is one thread around one loop; nothing
-// here is called from another thread or from a signal handler, so no state is guarded.
-#ifndef HANDSET_INIT_H
-#define HANDSET_INIT_H
+// The stand-in for the platform's init: what its files offer each other, lowest layer first. A file calls its own layer
+// or lower ones; a higher one is reached through a callback that it has registered. Init has one thread and one event
+// loop, and no signal handler, so no state needs a lock.
+#ifndef HANDSET_INIT_INIT_H
+#define HANDSET_INIT_INIT_H
 
 #include <stdint.h>
 #include <sys/types.h>
 
 #include <functional>
 #include <string>
-#include <utility>
 #include <vector>
 
-// ---- options.cpp: how this boot differs from a plain one; filled from the argument vector, constant afterwards ------
+#include "handset/common/boot_options.h"
+#include "handset/common/paths.h"
 
-struct init_options {
-    int line_fd = -1;        // to the program that booted us; its end is ours
-    int kmsg_fd = -1;        // the machine's kernel log to copy, -1: none
-    int register_fd = -1;    // the register of handsets in place; -1: this one has namespaces of its own
+// ---- text.cpp -------------------------------------------------------------------------------------------------------
+
+std::string text_format(const char *format, ...) __attribute__((format(printf, 1, 2)));
+bool text_starts(const std::string &text, const std::string &start);
+// Whole files. False with errno.
+bool text_read_file(const std::string &path, std::string *text);
+bool text_write_file(const std::string &path, const std::string &text, mode_t mode);
+// Names in a directory, sorted, without "." and ".."; none when it cannot be read.
+std::vector<std::string> text_names(const std::string &directory);
+
+// ---- options.cpp: filled from the argument vector, constant afterwards ----------------------------------------------
+
+struct init_options : boot_options {
+    int booter_fd = -1;      // socket to the program that boots this handset; the handset ends when it is closed
+    int kmsg_fd = -1;        // /dev/kmsg of the machine, whose records are copied; -1: none
+    int register_fd = -1;    // the register of handsets in place; -1: this handset has its own namespaces
     bool keep_data = false;  // in place: /data is an earlier boot's
-    bool agent = true;       // the agent's service starts with its class
-    bool log_dir = true;     // the agent's log directory exists
-    bool card = true;        // the card is in
-    bool tmp = true;         // there is a /tmp
-    bool config = true;      // the agent's configuration file exists
-    bool old_ctl = false;    // control of an unknown service succeeds
-    bool closed_stdin = false;
-    int protocol = 2;  // version of the property protocol that clients shall use
-    int restart_ms = 5000;
-    int umask = 077;
-    uint64_t card_size = 64u << 20;
     std::string image = "/image";
-    std::string output;
-    std::string printk;
-    std::string link;
-    std::vector<std::string> environment;
-    std::vector<std::pair<std::string, std::string>> properties;
 };
 
-// Reads "key=value" arguments; false at the first that it does not know.
+// Reads "key=value" arguments; false at the first unknown one.
 bool options_parse(int argc, char **argv);
 const init_options &options();
+// Whether this handset runs in the root file system of a container, without namespaces.
+bool is_in_place();
 
 // ---- loop.cpp: descriptors and timers -------------------------------------------------------------------------------
 
@@ -60,37 +59,47 @@ int64_t loop_now();
 // ---- journal.cpp ----------------------------------------------------------------------------------------------------
 
 bool journal_open();
-// One line: time stamp, then the fields, tab-separated and escaped.
+// Appends one line to INIT_JOURNAL: the time, then the fields.
 void journal(const std::vector<std::string> &fields);
 
-// ---- stage.cpp, links.cpp, card.cpp: the root file system and the network -------------------------------------------
+// ---- accounts.cpp ---------------------------------------------------------------------------------------------------
 
+// Number of a user or group name, or of digits; `fallback` for anything else.
+unsigned account_id(const std::string &name, unsigned fallback);
+// Writes /etc/passwd and its companions.
+bool accounts_write();
+
+// ---- in_place.cpp: a handset without namespaces, in the root file system of a container -----------------------------
+
+// Creates the handset's directories, after removing what a killed handset has left. Returns "" or the reason.
+std::string in_place_create();
+// Drops the rights that reach the machine's kernel log, settings, mounts and clock, for this process and its
+// descendants. Returns "" or what cannot be protected.
+std::string in_place_protect();
+// Removes everything that in_place_create and the handset have created, except /data with `keep_data`.
+void in_place_remove(bool keep_data);
+
+// ---- sd_card.cpp, root_fs.cpp ---------------------------------------------------------------------------------------
+
+// Mounts or unmounts the SD card; 0 or an errno.
+int sd_card_set(bool present);
 // Makes /proc, /dev, /system, /etc, /data, /storage and /tmp. Returns "" or what failed.
-std::string stage_run();
-// Mounts or unmounts the card; 0 or an errno.
-int card_set(bool present);
-// Brings up the extra network link "dummy" or "veth". Returns "" or what failed.
-std::string links_up(const std::string &kind);
+std::string root_fs_make();
 
-// ---- place.cpp: a handset without namespaces, in the root of a container --------------------------------------------
+#define KMSG_FIFO DESK_DIR "/kmsg"  // bound over /proc/kmsg
 
-// Whether this handset is one.
-bool place_used();
-// Takes the handset's places, clearing away what a killed handset has left in them. Returns "" or why it cannot be.
-std::string place_claim();
-// Keeps this process and all that it starts from what is the machine's. Returns "" or what cannot be protected.
-std::string place_protect();
-// Removes everything that place_claim took, /data on demand not.
-void place_leave(bool keep_data);
+// ---- kmsg.cpp -------------------------------------------------------------------------------------------------------
 
-// Names of the places that more than one room knows.
-#define DESK_DIR "/dev/.desk"
-#define KMSG_FIFO DESK_DIR "/kmsg"
+bool kmsg_open();
+// Queues one record; false when it is empty, too long or the queue is full.
+bool kmsg_feed(const std::string &record);
+// Calls `done` as soon as everything queued has been read.
+void kmsg_when_drained(std::function<void()> done);
 
 // ---- properties.cpp: the store, its rules and what survives a boot --------------------------------------------------
 
 // Replies of the property service.
-enum {
+enum property_reply : uint32_t {
     PROPERTY_OK = 0,
     PROPERTY_READ_COMMAND = 0x4,
     PROPERTY_READ_DATA = 0x8,
@@ -102,24 +111,54 @@ enum {
     PROPERTY_FAILED = 0x24,
 };
 
-// Creates the shared area.
-bool properties_open();
+// Creates the shared area. `changed` is called after every change of a property.
+bool properties_open(std::function<void(const std::string &name, const std::string &value)> changed);
 // Loads the persist.* properties; from here on they are saved too.
 void properties_load_saved();
 // "" when unset.
 std::string property_value(const std::string &name);
-// Sets without rules, saving or actions: for init's own state.
+// Whether the rules for names and values allow the pair.
+property_reply property_check(const std::string &name, const std::string &value);
+// Sets without rules and saving: for init's own state.
 bool property_store(const std::string &name, const std::string &value);
-// What a client's request does: rules, ctl.*, saving, journal, actions. Returns a reply code.
-uint32_t property_request(const std::string &name, const std::string &value, uid_t uid);
+// Sets within the rules, except for ctl.*, and saves persist.* properties.
+property_reply property_set_checked(const std::string &name, const std::string &value);
 
-// ---- property_socket.cpp --------------------------------------------------------------------------------------------
+// ---- children.cpp: starting and reaping programs --------------------------------------------------------------------
 
-bool property_socket_open();
-
-// ---- rc.cpp: reads the *.rc files into services and actions ---------------------------------------------------------
-
-void rc_read_directory(const std::string &directory);
+struct child_setup {
+    std::vector<std::string> argv;
+    std::vector<std::string> environment;  // complete
+    std::string cwd = "/";
+    std::string output;  // file for 1 and 2, "": /dev/null
+    uid_t uid = 0;
+    gid_t gid = 0;
+    std::vector<gid_t> groups;
+    int umask = 022;
+    int fds[3] = {-1, -1, -1};  // descriptors for 0, 1 and 2; -1: /dev/null or `output`
+    bool closed_stdin = false;
+    bool terminal = false;                         // a session of its own with fds[0] as its controlling terminal
+    bool search = false;                           // look argv[0] up in PATH
+    bool waits_exec = false;                       // child_start returns only after the exec, successful or not
+    std::function<void(pid_t, int status)> ended;  // called once when the process has been reaped
+};
+// The environment that the platform gives to every program; and the same with the variables of the options.
+std::vector<std::string> platform_environment();
+std::vector<std::string> child_environment();
+// Forks and executes; returns the pid or -1 with errno.
+pid_t child_start(const child_setup &setup);
+bool children_open();
+// Reaps all ended processes. The loop calls it on SIGCHLD.
+void children_reap();
+// All processes but init and zombies.
+struct process {
+    pid_t pid;
+    pid_t parent;
+    pid_t group;
+};
+std::vector<process> processes();
+// Kills and reaps every process of the handset but init.
+void children_end_all();
 
 // ---- services.cpp ---------------------------------------------------------------------------------------------------
 
@@ -132,7 +171,7 @@ struct service {
     std::vector<std::string> groups;
     bool oneshot = false;
     bool disabled = false;  // not started with its class; also set by a stop, cleared by a start
-    bool restart = false;   // start again as soon as it is gone, whatever else holds
+    bool restart = false;   // start again as soon as it has ended
     pid_t pid = 0;          // 0: not running
     int64_t started = 0;
     int timer = 0;  // of the delayed restart, 0: none
@@ -140,13 +179,17 @@ struct service {
 
 void service_add(const service &added);
 service *service_find(const std::string &name);
-// "start", "stop" or "restart". Returns a reply code of the property service.
-uint32_t service_control(const std::string &verb, const std::string &name);
+// `verb`: "start", "stop" or "restart".
+property_reply service_control(const std::string &verb, const std::string &name);
 void services_start_class(const std::string &name);
 void services_stop_class(const std::string &name);
 bool services_any_running();
-// Takes note of a child's end; false when it was no service.
-bool service_ended(pid_t pid, int status);
+
+// ---- property_service.cpp: requests of clients ----------------------------------------------------------------------
+
+// Sets a property or, for ctl.*, controls a service, and notes refusals in the journal.
+property_reply property_request(const std::string &name, const std::string &value, uid_t uid);
+bool property_service_open();
 
 // ---- actions.cpp ----------------------------------------------------------------------------------------------------
 
@@ -154,67 +197,17 @@ using command_line = std::vector<std::string>;
 // `trigger` is an event's name or "property:NAME=VALUE" (VALUE "*": any).
 void action_add(const std::string &trigger, const std::vector<command_line> &commands);
 void actions_run_event(const std::string &event);
-// A property was set: runs its actions once property triggers are live.
-void actions_property_set(const std::string &name, const std::string &value);
-// Makes property triggers live and runs those that hold already.
+// Runs the actions of a property that has been set, once property triggers are enabled.
+void actions_property_changed(const std::string &name, const std::string &value);
+// Enables property triggers and runs those whose condition is true already.
 void actions_enable_properties();
 
-// ---- children.cpp: what every started program gets, and the reaping -------------------------------------------------
+// ---- rc.cpp: reads the *.rc files into services and actions ---------------------------------------------------------
 
-struct child_setup {
-    std::vector<std::string> argv;
-    std::vector<std::string> environment;  // complete
-    std::string cwd = "/";
-    std::string output;  // file for 1 and 2, "": /dev/null
-    uid_t uid = 0;
-    gid_t gid = 0;
-    std::vector<gid_t> groups;
-    int umask = 022;
-    int fds[3] = {-1, -1, -1};  // given descriptors; -1: /dev/null or `output`
-    bool closed_stdin = false;
-    bool terminal = false;
-    bool search = false;   // look argv[0] up in PATH
-    bool settled = false;  // come back only when the child has become its program, or failed to
-};
-// What the platform gives to every program; and that with what the handset's options add for the programs under test.
-std::vector<std::string> platform_environment();
-std::vector<std::string> child_environment();
-// Forks and executes; returns the pid or -1.
-pid_t child_start(const child_setup &setup);
-bool children_open();
-// Called by the loop on SIGCHLD; tells services.cpp and control.cpp.
-void children_reap();
-// Ends everything that lives in the handset, whatever it ignores, and waits for it.
-void children_end_all();
-
-// ---- accounts.cpp ---------------------------------------------------------------------------------------------------
-
-// Number of a user or group name, or of digits; `fallback` for anything else.
-unsigned account_id(const std::string &name, unsigned fallback);
-bool accounts_write();
-
-// ---- kmsg.cpp -------------------------------------------------------------------------------------------------------
-
-bool kmsg_open();
-// Queues one record; false when it is empty, too long or the queue is full.
-bool kmsg_feed(const std::string &record);
-// Calls `done` as soon as everything queued has been read.
-void kmsg_when_drained(std::function<void()> done);
+void rc_read_directory(const std::string &directory);
 
 // ---- control.cpp: requests of the desk library ----------------------------------------------------------------------
 
 bool control_open();
-// A started program ended; false when it was none of control's.
-bool control_ended(pid_t pid, int status);
-
-// ---- text.cpp -------------------------------------------------------------------------------------------------------
-
-std::string text_format(const char *format, ...) __attribute__((format(printf, 1, 2)));
-bool text_read_file(const std::string &path, std::string *text);
-bool text_write_file(const std::string &path, const std::string &text, mode_t mode);
-std::vector<std::string> text_split(const std::string &text, char separator);
-// Names in a directory, without "." and "..".
-std::vector<std::string> text_names(const std::string &directory);
-bool text_starts(const std::string &text, const std::string &start);
 
 #endif

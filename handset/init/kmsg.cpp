@@ -1,8 +1,7 @@
-// Kernel messages: the FIFO that stands in /proc/kmsg's place. Like the kernel's stream it never ends, a record is read
-// once, and the rest of a record that a short read has split is never joined with the next record: the pipe is one page
-// long, so it takes one record, and reports room again only when that record has been read to its end. State: both ends
-// of the FIFO (the reading end keeps it open without readers), the queue, who waits for it to drain, the machine's log
-// when that is copied.
+// Kernel messages: a FIFO bound over /proc/kmsg. As with the kernel's stream there is no end of file, each record is read
+// once, and a short read never joins the rest of one record with the next: the pipe holds one page, and the next record
+// is written only when the pipe is empty. State: the FIFO (open for reading too, so that it stays open without readers),
+// the queue, and the callbacks that wait until it is read.
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
@@ -13,15 +12,16 @@
 
 #include <deque>
 
-#include "init.h"
+#include "handset/init/init.h"
 
-enum { LONGEST_RECORD = 4096, LONGEST_QUEUE = 100000 };
+static const size_t kMaxRecord = 4096;   // bytes
+static const size_t kMaxQueue = 100000;  // records
 
 static int m_fifo = -1;
 static std::deque<std::string> m_queue;
 static std::vector<std::function<void()>> m_waiting;
 
-static bool unread() {
+static bool is_unread() {
     int bytes = 0;
     return ioctl(m_fifo, FIONREAD, &bytes) != 0 || bytes > 0;
 }
@@ -35,12 +35,12 @@ static void tell_drained() {
 }
 
 static void offer_next(uint32_t) {
-    if (!unread() && !m_queue.empty()) {
+    if (!is_unread() && !m_queue.empty()) {
         if (write(m_fifo, m_queue.front().data(), m_queue.front().size()) > 0) {
             m_queue.pop_front();
         }
     }
-    bool idle = m_queue.empty() && !unread();
+    bool idle = m_queue.empty() && !is_unread();
     if (idle) {
         tell_drained();
     }
@@ -48,7 +48,7 @@ static void offer_next(uint32_t) {
 }
 
 bool kmsg_feed(const std::string &record) {
-    if (record.empty() || record.size() > LONGEST_RECORD || m_queue.size() >= LONGEST_QUEUE) {
+    if (record.empty() || record.size() > kMaxRecord || m_queue.size() >= kMaxQueue) {
         return false;
     }
     journal({"kmsg", record});
@@ -62,7 +62,7 @@ void kmsg_when_drained(std::function<void()> done) {
     offer_next(0);
 }
 
-// "6,339,5140900,-;text" and further lines of attributes, as /dev/kmsg tells a record.
+// Converts a record of /dev/kmsg, "6,339,5140900,-;text" and lines of attributes.
 static std::string as_proc_kmsg(char *record) {
     unsigned priority;
     unsigned long long number;
@@ -75,13 +75,13 @@ static std::string as_proc_kmsg(char *record) {
     return text_format("<%u>[%5llu.%06llu] %s\n", priority, micros / 1000000, micros % 1000000, text + 1);
 }
 
-// The machine's log is only looked at: each reader of /dev/kmsg has a position of its own.
+// Reading /dev/kmsg takes nothing away: each of its readers has its own position.
 static void copy_machine(uint32_t) {
     char record[8192];
     for (int i = 0; i < 64; i++) {
         ssize_t got = read(options().kmsg_fd, record, sizeof(record) - 1);
         if (got < 0 && errno == EPIPE) {
-            continue;  // overwritten before we came to it; the next read goes on behind
+            continue;  // overwritten before it was read; the next read continues with the oldest record left
         }
         if (got <= 0) {
             return;

@@ -7,7 +7,7 @@
 #include <map>
 #include <memory>
 
-#include "init.h"
+#include "handset/init/init.h"
 
 struct timer {
     int64_t due;

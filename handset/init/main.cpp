@@ -1,6 +1,6 @@
-// The handset's first process. Makes the root file system, says so to the program that boots the handset, waits for its
-// word, then brings up properties, rc files and services and serves until the line to that program ends. State: what that
-// program wants of the end.
+// The handset's first process. Makes the root file system, reports "ready" to the program that boots the handset, starts
+// properties, rc files and services at its "go", reports "up", and serves until the socket to that program is closed.
+// State: whether /data is to be kept at the end.
 #include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>
@@ -10,12 +10,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "init.h"
+#include "handset/init/init.h"
 
 static bool m_keep_data = false;
 
-static void say(const std::string &text) {
-    send(options().line_fd, text.data(), text.size(), MSG_NOSIGNAL);
+static void report(const std::string &text) {
+    send(options().booter_fd, text.data(), text.size(), MSG_NOSIGNAL);
 }
 
 static void first_properties() {
@@ -24,7 +24,7 @@ static void first_properties() {
     property_store("ro.build.fingerprint", "desk/handset/handset:11/DESK/1:userdebug/test-keys");
     property_store("ro.debuggable", "1");
     property_store("ro.hardware", "desk");
-    property_store("ro.property_service.version", std::to_string(options().protocol));
+    property_store("ro.property_service.version", "2");
 }
 
 static void bring_up() {
@@ -39,13 +39,13 @@ static void bring_up() {
     actions_enable_properties();
     journal({"boot", "completed"});
     property_store("sys.boot_completed", "1");
-    say("up");
+    report("up");
 }
 
-// "go" brings the handset up; the end of the line ends it, "keep" before that lets the next boot find /data.
-static void line_ready(uint32_t) {
+// "go" starts the handset, end of file ends it, "keep" before that keeps /data for the next boot.
+static void booter_ready(uint32_t) {
     char word[16];
-    ssize_t got = recv(options().line_fd, word, sizeof(word), MSG_DONTWAIT);
+    ssize_t got = recv(options().booter_fd, word, sizeof(word), MSG_DONTWAIT);
     if (got <= 0) {
         loop_end();
     } else if (got == 2 && memcmp(word, "go", 2) == 0) {
@@ -55,24 +55,24 @@ static void line_ready(uint32_t) {
     }
 }
 
-static std::string open_rooms() {
+static std::string open_modules() {
     if (!loop_open() || !journal_open() || !children_open()) {
         return "loop";
     }
-    if (!properties_open() || !property_socket_open()) {
+    if (!properties_open(actions_property_changed) || !property_service_open()) {
         return "properties";
     }
     if (!kmsg_open()) {
         return "kernel messages";
     }
-    if (!control_open() || !loop_watch(options().line_fd, EPOLLIN, line_ready)) {
+    if (!control_open() || !loop_watch(options().booter_fd, EPOLLIN, booter_ready)) {
         return "control";
     }
     return "";
 }
 
-// Nothing of the booting program's streams is kept but its standard error, for what goes wrong here.
-static void own_streams() {
+// Keeps only the standard error of the booting program, for messages of init.
+static void drop_streams() {
     int null = open("/dev/null", O_RDWR | O_CLOEXEC);
     if (null >= 0) {
         dup2(null, 0);
@@ -82,32 +82,29 @@ static void own_streams() {
 }
 
 int main(int argc, char **argv) {
-    if (!options_parse(argc, argv) || (getpid() != 1 && !place_used())) {
-        fprintf(stderr, "init: not started by the desk\n");
+    if (!options_parse(argc, argv) || (getpid() != 1 && !is_in_place())) {
+        fprintf(stderr, "init: not started by the desk library\n");
         return 2;
     }
     signal(SIGPIPE, SIG_IGN);
-    fcntl(options().line_fd, F_SETFD, FD_CLOEXEC);
+    fcntl(options().booter_fd, F_SETFD, FD_CLOEXEC);
     fcntl(options().kmsg_fd, F_SETFD, FD_CLOEXEC);
     fcntl(options().register_fd, F_SETFD, FD_CLOEXEC);
     umask(022);
-    std::string reason = stage_run();
-    own_streams();
-    if (reason.empty() && !place_used()) {
-        reason = links_up(options().link);
-    }
+    std::string reason = root_fs_make();
+    drop_streams();
     if (reason.empty()) {
-        reason = open_rooms();
+        reason = open_modules();
     }
     if (!reason.empty()) {
-        say(place_used() ? reason : "failed " + reason);
-        place_leave(options().keep_data);
+        report(is_in_place() ? reason : "failed " + reason);
+        in_place_remove(options().keep_data);
         return 1;
     }
     first_properties();
-    say("staged");
+    report("ready");
     loop_run();
     children_end_all();
-    place_leave(m_keep_data);
+    in_place_remove(m_keep_data);
     return 0;
 }

@@ -1,23 +1,25 @@
 // The property store: the shared area, the rules for names and values, and the files of persist.* properties, one a
-// property below /data/property. State: the area, whose only writer is this process, and whether saving has begun.
-#include "../platform/property_area.h"
+// property below /data/property. State: the area, whose only writer is this process, the callback for changes, and
+// whether persist.* properties are saved yet.
+#include "handset/platform/property_area.h"
 
 #include <ctype.h>
 #include <cutils/properties.h>
-#include <dirent.h>
 #include <fcntl.h>
 #include <stdio.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include "init.h"
+#include "handset/init/init.h"
 
-#define SAVED_DIR "/data/property"
+static const std::string kSavedDir = "/data/property/";
 
 static property_area *m_area = nullptr;
-static bool m_saving = false;
+static std::function<void(const std::string &, const std::string &)> m_changed;
+static bool m_is_saving = false;
 
-bool properties_open() {
+bool properties_open(std::function<void(const std::string &name, const std::string &value)> changed) {
+    m_changed = std::move(changed);
     int fd = open("/dev/__properties__", O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0444);
     if (fd < 0 || ftruncate(fd, sizeof(property_area)) != 0) {
         return false;
@@ -52,7 +54,7 @@ static property_slot *new_slot(const std::string &name) {
     return slot;
 }
 
-bool property_store(const std::string &name, const std::string &value) {
+static bool store(const std::string &name, const std::string &value) {
     if (name.size() >= PROPERTY_NAME_SIZE || value.size() >= PROPERTY_VALUE_SIZE) {
         return false;
     }
@@ -73,7 +75,15 @@ bool property_store(const std::string &name, const std::string &value) {
     return true;
 }
 
-static bool legal_name(const std::string &name) {
+bool property_store(const std::string &name, const std::string &value) {
+    const bool is_stored = store(name, value);
+    if (is_stored) {
+        m_changed(name, value);
+    }
+    return is_stored;
+}
+
+static bool is_legal_name(const std::string &name) {
     if (name.empty() || name.size() >= PROPERTY_NAME_SIZE || name.front() == '.' || name.back() == '.') {
         return false;
     }
@@ -104,13 +114,13 @@ static size_t utf8_length(const unsigned char *text, size_t left) {
             return 0;
         }
     }
-    // Over-long forms, surrogates and what lies beyond the last code point.
+    // Overlong forms, surrogates and numbers above the last code point.
     bool bad = (c == 0xE0 && text[1] < 0xA0) || (c == 0xED && text[1] >= 0xA0) || (c == 0xF0 && text[1] < 0x90) ||
                (c == 0xF4 && text[1] >= 0x90);
     return bad ? 0 : length;
 }
 
-static bool legal_value(const std::string &name, const std::string &value) {
+static bool is_legal_value(const std::string &name, const std::string &value) {
     if (value.size() >= PROPERTY_VALUE_SIZE || (value.size() >= PROPERTY_VALUE_MAX && !text_starts(name, "ro."))) {
         return false;
     }
@@ -125,16 +135,23 @@ static bool legal_value(const std::string &name, const std::string &value) {
     return true;
 }
 
-// Through a temporary file, so that a power loss leaves the old value or the new one.
+property_reply property_check(const std::string &name, const std::string &value) {
+    if (!is_legal_name(name)) {
+        return PROPERTY_NAME;
+    }
+    return is_legal_value(name, value) ? PROPERTY_OK : PROPERTY_VALUE;
+}
+
+// Writes a temporary file and renames it, so that a power loss leaves the old value or the new one.
 static bool save(const std::string &name, const std::string &value) {
-    std::string temporary = std::string(SAVED_DIR "/.temp.") + name;
+    std::string temporary = kSavedDir + ".temp." + name;
     int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     if (fd < 0) {
         return false;
     }
     bool saved = write(fd, value.data(), value.size()) == static_cast<ssize_t>(value.size()) && fsync(fd) == 0;
     close(fd);
-    saved = saved && rename(temporary.c_str(), (std::string(SAVED_DIR "/") + name).c_str()) == 0;
+    saved = saved && rename(temporary.c_str(), (kSavedDir + name).c_str()) == 0;
     if (!saved) {
         unlink(temporary.c_str());
     }
@@ -142,57 +159,31 @@ static bool save(const std::string &name, const std::string &value) {
 }
 
 void properties_load_saved() {
-    m_saving = true;
-    DIR *dir = opendir(SAVED_DIR);
-    if (dir == nullptr) {
-        return;
-    }
-    for (struct dirent *entry; (entry = readdir(dir)) != nullptr;) {
-        std::string name = entry->d_name;
+    m_is_saving = true;
+    for (const std::string &name : text_names(kSavedDir)) {
         std::string value;
-        if (text_starts(name, "persist.") && text_read_file(std::string(SAVED_DIR "/") + name, &value) &&
-            legal_name(name) && legal_value(name, value)) {
+        if (text_starts(name, "persist.") && text_read_file(kSavedDir + name, &value) &&
+            property_check(name, value) == PROPERTY_OK) {
             property_store(name, value);
         }
     }
-    closedir(dir);
 }
 
-static uint32_t refuse(const std::string &name, const std::string &value, uint32_t code, uid_t uid) {
-    journal({"refused", name, value, text_format("0x%x", code), std::to_string(uid)});
-    return code;
-}
-
-static uint32_t request_control(const std::string &name, const std::string &value, uid_t uid) {
-    journal({"prop", name, value});
-    uint32_t code = service_control(name.substr(4), value);
-    if (code == PROPERTY_OK) {
-        return PROPERTY_OK;
-    }
-    refuse(name, value, code, uid);
-    return options().old_ctl ? static_cast<uint32_t>(PROPERTY_OK) : code;  // an old init answers before it looks
-}
-
-uint32_t property_request(const std::string &name, const std::string &value, uid_t uid) {
-    if (!legal_name(name)) {
-        return refuse(name, value, PROPERTY_NAME, uid);
-    }
-    if (!legal_value(name, value)) {
-        return refuse(name, value, PROPERTY_VALUE, uid);
-    }
-    if (text_starts(name, "ctl.")) {
-        return request_control(name, value, uid);
+property_reply property_set_checked(const std::string &name, const std::string &value) {
+    const property_reply reply = property_check(name, value);
+    if (reply != PROPERTY_OK) {
+        return reply;
     }
     if (text_starts(name, "ro.") && find(name) != nullptr) {
-        return refuse(name, value, PROPERTY_READ_ONLY, uid);
+        return PROPERTY_READ_ONLY;
     }
-    if (!property_store(name, value)) {
-        return refuse(name, value, PROPERTY_FAILED, uid);
+    if (!store(name, value)) {
+        return PROPERTY_FAILED;
     }
-    // A full /data loses the value at the next boot; the set itself has succeeded.
-    if (m_saving && text_starts(name, "persist.") && !save(name, value)) {
+    // On a full /data the next boot has the old value; the set itself succeeds.
+    if (m_is_saving && text_starts(name, "persist.") && !save(name, value)) {
         journal({"unsaved", name});
     }
-    actions_property_set(name, value);
+    m_changed(name, value);
     return PROPERTY_OK;
 }

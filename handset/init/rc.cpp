@@ -1,13 +1,10 @@
-// Reads *.rc files: services with their options, actions with their commands. No state: what it reads belongs to
-// services.cpp and actions.cpp.
-#include <dirent.h>
+// Reads *.rc files: services with their options, actions with their commands. No state.
 #include <stdio.h>
 
-#include <algorithm>
+#include "handset/common/journal.h"
+#include "handset/init/init.h"
 
-#include "init.h"
-
-// Words of one line: separated by blanks, with double quotes around words that hold blanks; `#` starts a comment.
+// Splits a line into words. Double quotes enclose blanks; `#` starts a comment.
 static std::vector<std::string> words(const std::string &line) {
     std::vector<std::string> result;
     size_t i = 0;
@@ -33,7 +30,7 @@ static std::vector<std::string> words(const std::string &line) {
     return result;
 }
 
-// What the lines after a `service` or `on` line belong to.
+// The service or action that is being read.
 struct section {
     bool in_service = false;
     service being_read;
@@ -85,7 +82,7 @@ static void read_line(section *s, const std::vector<std::string> &line, const st
     } else if (!s->trigger.empty()) {
         s->commands.push_back(line);
     } else {
-        fprintf(stderr, "init: %s: \"%s\" belongs nowhere\n", file.c_str(), line[0].c_str());
+        fprintf(stderr, "init: %s: \"%s\" is outside of a section\n", file.c_str(), line[0].c_str());
     }
 }
 
@@ -106,20 +103,9 @@ static void read_rc(const std::string &path) {
 }
 
 void rc_read_directory(const std::string &directory) {
-    std::vector<std::string> names;
-    DIR *dir = opendir(directory.c_str());
-    if (dir == nullptr) {
-        return;
-    }
-    for (struct dirent *entry; (entry = readdir(dir)) != nullptr;) {
-        std::string name = entry->d_name;
+    for (const std::string &name : text_names(directory)) {
         if (name.size() > 3 && name.compare(name.size() - 3, 3, ".rc") == 0) {
-            names.push_back(name);
+            read_rc(directory + "/" + name);
         }
-    }
-    closedir(dir);
-    std::sort(names.begin(), names.end());
-    for (const std::string &name : names) {
-        read_rc(directory + "/" + name);
     }
 }

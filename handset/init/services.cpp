@@ -1,22 +1,18 @@
-// Services: starting, stopping with everything they left behind, restarting. State: the table of services.
-// A service's processes are told by an environment variable that all descendants inherit, by its process group and by
-// descent; the platform uses a control group for it.
-#include <dirent.h>
+// Services: start, stop and restart. State: the table of services.
+// A stop kills all processes of a service. They are recognised by an environment variable that descendants inherit, by
+// the process group and by descent; the platform uses a control group.
 #include <signal.h>
 #include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <list>
 #include <set>
 
-#include "init.h"
+#include "handset/init/init.h"
 
-#define MARK "DESK_SERVICE="
-#define AGENT "zr-qel-sa"
+static const std::string kVariable = "DESK_SERVICE=";
+static const char kAgent[] = "zr-qel-sa";
 
 static std::list<service> m_services;  // a list: pointers to its elements stay valid
 
@@ -26,7 +22,7 @@ void service_add(const service &added) {
         return;
     }
     m_services.push_back(added);
-    if (added.name == AGENT && !options().agent) {
+    if (added.name == kAgent && !options().agent) {
         m_services.back().disabled = true;
     }
 }
@@ -43,68 +39,25 @@ service *service_find(const std::string &name) {
 static void set_state(const service &sv, const char *state) {
     journal({"svc", sv.name, state, std::to_string(sv.pid)});
     property_store("init.svc." + sv.name, state);
-    actions_property_set("init.svc." + sv.name, state);
 }
 
 // ---- the processes of a service
 
-struct process {
-    pid_t pid;
-    pid_t parent;
-    pid_t group;
-    bool marked;
-};
-
-// True when the process' environment holds exactly this variable.
-static bool has_mark(pid_t pid, const std::string &mark) {
+// Whether the process' environment holds exactly this variable.
+static bool has_variable(pid_t pid, const std::string &variable) {
     std::string environment;
     if (!text_read_file("/proc/" + std::to_string(pid) + "/environ", &environment)) {
         return false;
     }
-    environment.insert(0, 1, '\0');
-    environment += '\0';
-    return environment.find(std::string(1, '\0') + mark + std::string(1, '\0')) != std::string::npos;
+    const std::string end(1, '\0');
+    return (end + environment + end).find(end + variable + end) != std::string::npos;
 }
 
-// Reads one process; false when it is gone, a zombie or init.
-static bool read_process(pid_t pid, const std::string &mark, process *p) {
-    std::string stat;
-    if (pid <= 1 || !text_read_file("/proc/" + std::to_string(pid) + "/stat", &stat)) {
-        return false;
-    }
-    size_t close = stat.rfind(')');
-    char state;
-    int parent;
-    int group;
-    if (close == std::string::npos || sscanf(stat.c_str() + close + 1, " %c %d %d", &state, &parent, &group) != 3 ||
-        state == 'Z' || state == 'X') {
-        return false;
-    }
-    *p = {pid, parent, group, has_mark(pid, mark)};
-    return true;
-}
-
-static std::vector<process> all_processes(const std::string &mark) {
-    std::vector<process> all;
-    DIR *dir = opendir("/proc");
-    if (dir == nullptr) {
-        return all;
-    }
-    for (struct dirent *entry; (entry = readdir(dir)) != nullptr;) {
-        process p;
-        if (read_process(atoi(entry->d_name), mark, &p)) {
-            all.push_back(p);
-        }
-    }
-    closedir(dir);
-    return all;
-}
-
-static std::set<pid_t> members(pid_t leader, const std::string &mark) {
-    std::vector<process> all = all_processes(mark);
+static std::set<pid_t> members(pid_t leader, const std::string &variable) {
+    const std::vector<process> all = processes();
     std::set<pid_t> found;
     for (const process &p : all) {
-        if (p.marked || p.pid == leader || (leader > 0 && p.group == leader)) {
+        if (p.pid == leader || (leader > 0 && p.group == leader) || has_variable(p.pid, variable)) {
             found.insert(p.pid);
         }
     }
@@ -119,12 +72,12 @@ static std::set<pid_t> members(pid_t leader, const std::string &mark) {
     return found;
 }
 
-// Kills until a look around finds nobody new: whoever was killed cannot fork any more.
+// Repeats until no new process is found: a process may fork before its own signal arrives, but not afterwards.
 static void kill_tree(const service &sv, pid_t leader) {
     std::set<pid_t> killed;
     for (bool more = true; more;) {
         more = false;
-        for (pid_t pid : members(leader, MARK + sv.name)) {
+        for (pid_t pid : members(leader, kVariable + sv.name)) {
             if (killed.insert(pid).second) {
                 kill(pid, SIGKILL);
                 more = true;
@@ -136,12 +89,12 @@ static void kill_tree(const service &sv, pid_t leader) {
 // ---- start, stop, end
 
 static child_setup setup_of(const service &sv) {
-    const bool is_logd = sv.name == "logd";  // the journal's source: what a test does to services must not reach it
+    const bool is_logd = sv.name == "logd";  // writes the log journal: options for services do not affect it
     child_setup setup;
     setup.argv = sv.argv;
     setup.environment = is_logd ? platform_environment() : child_environment();
     setup.environment.insert(setup.environment.end(), sv.environment.begin(), sv.environment.end());
-    setup.environment.push_back(MARK + sv.name);
+    setup.environment.push_back(kVariable + sv.name);
     setup.uid = account_id(sv.user, 0);
     setup.gid = sv.groups.empty() ? 0 : account_id(sv.groups[0], 0);
     for (size_t i = 1; i < sv.groups.size(); i++) {
@@ -160,7 +113,9 @@ static void forget_timer(service *sv) {
     sv->timer = 0;
 }
 
-static uint32_t start(service *sv) {
+static void service_ended(service *sv, pid_t pid, int status);
+
+static property_reply start(service *sv) {
     sv->disabled = false;
     sv->restart = false;
     if (sv->pid > 0) {
@@ -171,7 +126,9 @@ static uint32_t start(service *sv) {
         sv->disabled = true;
         return PROPERTY_CONTROL;
     }
-    pid_t pid = child_start(setup_of(*sv));
+    child_setup setup = setup_of(*sv);
+    setup.ended = [sv](pid_t pid, int status) { service_ended(sv, pid, status); };
+    const pid_t pid = child_start(setup);
     if (pid < 0) {
         return PROPERTY_CONTROL;
     }
@@ -181,7 +138,7 @@ static uint32_t start(service *sv) {
     return PROPERTY_OK;
 }
 
-static uint32_t stop(service *sv, bool restart) {
+static property_reply stop(service *sv, bool restart) {
     sv->disabled = !restart;
     sv->restart = restart;
     forget_timer(sv);
@@ -198,7 +155,7 @@ static uint32_t stop(service *sv, bool restart) {
     return PROPERTY_OK;
 }
 
-uint32_t service_control(const std::string &verb, const std::string &name) {
+property_reply service_control(const std::string &verb, const std::string &name) {
     service *sv = service_find(name);
     if (sv == nullptr) {
         return PROPERTY_CONTROL;
@@ -209,7 +166,7 @@ uint32_t service_control(const std::string &verb, const std::string &name) {
     if (verb == "stop") {
         return stop(sv, false);
     }
-    return verb == "restart" ? stop(sv, true) : static_cast<uint32_t>(PROPERTY_CONTROL);
+    return verb == "restart" ? stop(sv, true) : PROPERTY_CONTROL;
 }
 
 static void restart_later(service *sv) {
@@ -221,12 +178,7 @@ static void restart_later(service *sv) {
     });
 }
 
-bool service_ended(pid_t pid, int status) {
-    auto found = std::find_if(m_services.begin(), m_services.end(), [pid](const service &sv) { return sv.pid == pid; });
-    if (found == m_services.end()) {
-        return false;
-    }
-    service *sv = &*found;
+static void service_ended(service *sv, pid_t pid, int status) {
     journal({"exit", sv->name, std::to_string(pid), std::to_string(status)});
     sv->pid = 0;
     if (!sv->oneshot || sv->restart) {
@@ -240,7 +192,6 @@ bool service_ended(pid_t pid, int status) {
     } else {
         restart_later(sv);
     }
-    return true;
 }
 
 static bool in_class(const service &sv, const std::string &name) {

@@ -1,4 +1,4 @@
-// Small functions over texts and whole files. No state.
+// Functions for text and whole files. No state.
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -6,7 +6,9 @@
 #include <stdio.h>
 #include <unistd.h>
 
-#include "init.h"
+#include <algorithm>
+
+#include "handset/init/init.h"
 
 std::string text_format(const char *format, ...) {
     char buf[4096];
@@ -45,16 +47,6 @@ bool text_write_file(const std::string &path, const std::string &text, mode_t mo
     return written;
 }
 
-std::vector<std::string> text_split(const std::string &text, char separator) {
-    std::vector<std::string> parts;
-    size_t start = 0;
-    for (size_t end; (end = text.find(separator, start)) != std::string::npos; start = end + 1) {
-        parts.push_back(text.substr(start, end - start));
-    }
-    parts.push_back(text.substr(start));
-    return parts;
-}
-
 std::vector<std::string> text_names(const std::string &directory) {
     std::vector<std::string> names;
     DIR *dir = opendir(directory.c_str());
@@ -68,6 +60,7 @@ std::vector<std::string> text_names(const std::string &directory) {
         }
     }
     closedir(dir);
+    std::sort(names.begin(), names.end());
     return names;
 }
 

@@ -1,12 +1,10 @@
-// System properties for programs of a handset: reading maps the property area, setting asks init over its socket.
-// State: the mapping, made at the first read and kept; it is published by one atomic store, so threads, forked children and
-// signal handlers may all read properties.
+// System properties for programs of a handset: a read maps the property area, a set is a request to init.
+// State: the mapping, made at the first read and kept. It is published by one atomic store, so that threads, forked
+// children and signal handlers can read properties.
 #include <cutils/properties.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <poll.h>
 #include <stdint.h>
-#include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
@@ -15,17 +13,13 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include "property_area.h"
+#include "handset/platform/property_area.h"
 
-enum {
-    SET_COMMAND_OLD = 1,
-    SET_COMMAND = 0x00020001,
-    OLD_REPLY_MS = 250,  // the old protocol has no reply: init hangs up when it is done, or never mind
-};
+static const uint32_t kSetCommand = 0x00020001;
 
-static const property_area *m_area = nullptr;  // written once, by whichever thread reads first
+static const property_area *m_area = nullptr;  // written by the first read of the process
 
-// Maps the area; null while there is none (outside of a handset, or before init has made it).
+// Maps the area; null when it does not exist (outside of a handset, or before init has created it).
 static const property_area *map_area() {
     const property_area *area = __atomic_load_n(&m_area, __ATOMIC_ACQUIRE);
     if (area != nullptr) {
@@ -49,7 +43,7 @@ static const property_area *map_area() {
         munmap(memory, sizeof(property_area));
         return nullptr;
     }
-    // Two first readers may both map; the later store wins and the other mapping stays for its reader.
+    // Two threads may both map the area at their first read. Neither mapping is ever removed.
     __atomic_store_n(&m_area, area, __ATOMIC_RELEASE);
     return area;
 }
@@ -99,34 +93,6 @@ static bool send_parts(int fd, const struct iovec *parts, int count, size_t tota
     return sent == static_cast<ssize_t>(total);
 }
 
-// One fixed record and no reply: the hang-up says that init is done, and after a while that counts as done too.
-static int set_old(const char *key, const char *value) {
-    if (strlen(key) >= PROPERTY_KEY_MAX) {
-        return -1;
-    }
-    struct {
-        uint32_t command;
-        char name[PROPERTY_KEY_MAX];
-        char value[PROPERTY_VALUE_MAX];
-    } record;
-    memset(&record, 0, sizeof(record));
-    record.command = SET_COMMAND_OLD;
-    memcpy(record.name, key, strlen(key));
-    memcpy(record.value, value, strlen(value));
-    int fd = connect_init();
-    if (fd < 0) {
-        return -1;
-    }
-    struct iovec part = {&record, sizeof(record)};
-    bool sent = send_parts(fd, &part, 1, sizeof(record));
-    if (sent) {
-        struct pollfd hangup = {fd, 0, 0};
-        poll(&hangup, 1, OLD_REPLY_MS);
-    }
-    close(fd);
-    return sent ? 0 : -1;
-}
-
 static int receive_reply(int fd) {
     uint32_t reply = 0;
     ssize_t got;
@@ -136,12 +102,12 @@ static int receive_reply(int fd) {
     return got == static_cast<ssize_t>(sizeof(reply)) && reply == 0 ? 0 : -1;
 }
 
-static int set_with_reply(const char *key, const char *value) {
+static int request_set(const char *key, const char *value) {
     int fd = connect_init();
     if (fd < 0) {
         return -1;
     }
-    uint32_t command = SET_COMMAND;
+    uint32_t command = kSetCommand;
     uint32_t key_length = static_cast<uint32_t>(strlen(key));
     uint32_t value_length = static_cast<uint32_t>(strlen(value));
     struct iovec parts[] = {{&command, sizeof(command)},
@@ -162,11 +128,8 @@ int property_set(const char *key, const char *value) {
     if (value == nullptr) {
         value = "";
     }
-    char version[PROPERTY_VALUE_MAX];
-    bool replies = property_get("ro.property_service.version", version, "1") > 0 && atoi(version) >= 2;
-    bool may_be_long = replies && strncmp(key, "ro.", 3) == 0;
-    if (strlen(value) >= PROPERTY_VALUE_MAX && !may_be_long) {
+    if (strlen(value) >= PROPERTY_VALUE_MAX && strncmp(key, "ro.", 3) != 0) {
         return -1;
     }
-    return replies ? set_with_reply(key, value) : set_old(key, value);
+    return request_set(key, value);
 }

@@ -22,7 +22,7 @@
 
 #include <atomic>
 
-#include "../init/control.h"
+#include "handset/common/paths.h"
 
 static constexpr size_t kTextSize = 1024;    // of a formatted text, its NUL included
 static constexpr size_t kPayloadMax = 4068;  // of one record, all but its header
@@ -138,7 +138,7 @@ static void report_lost(int fd) {
 // container's kernel has it, and a full one is waited for.
 static bool wait_in_place(int fd) {
     struct pollfd queue = {fd, POLLOUT, 0};
-    return access(PLACE_REGISTER, F_OK) == 0 && poll(&queue, 1, kInPlaceMs) == 1;
+    return access(IN_PLACE_REGISTER, F_OK) == 0 && poll(&queue, 1, kInPlaceMs) == 1;
 }
 
 static void deliver(struct iovec *parts, size_t count) {

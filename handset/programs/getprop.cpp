@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "../platform/property_area.h"
+#include "handset/platform/property_area.h"
 
 static int print_all() {
     int fd = open("/dev/__properties__", O_RDONLY | O_CLOEXEC);

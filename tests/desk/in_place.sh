@@ -140,7 +140,7 @@ decides "killed" "$(printf '3333\nremoved')" "$(container $read_only_settings --
 
 # ---- what it leaves alone
 
-foreign_data="handset: /data exists here and is not a handset's: a handset in place needs it for itself"
+foreign_data="handset: /data exists and does not belong to a handset: a handset in place needs this path"
 
 cat >"$scratch/foreign" <<'EOF'
 echo mine >/data/file
@@ -196,7 +196,7 @@ for path in /data/.. /data/../etc /system/. /dev/tty /dev/ttyMINE; do
 done
 ls -AR /dev /etc /test | cmp - /tmp/before && echo untouched
 EOF
-refusal="handset: a handset in place has no files of its own outside of its directories"
+refusal="handset: a handset in place has no files outside of its directories"
 # shellcheck disable=SC2086 # a list
 decides "names that lead out, and devices" \
     "$(printf "$refusal (%s)\n" /data/.. /data/../etc /system/. /dev/tty /dev/ttyMINE && echo untouched)" \

@@ -77,32 +77,6 @@ TEST(Property, BrokenRequestsHaveTheirCodes) {
     EXPECT_EQ(property_exchange(set.h, endless), code(0x08)) << "a string of 65536 bytes";
 }
 
-TEST(Property, OldProtocolHasNoReply) {
-    handset set;
-    BOOTED(set);
-    struct {
-        uint32_t command;
-        char name[32];
-        char value[92];
-    } record = {1, "desk.old", "way"};
-    std::string bytes(reinterpret_cast<char *>(&record), sizeof(record));
-    ASSERT_EQ(bytes.size(), 128u);
-    EXPECT_EQ(property_exchange(set.h, bytes), "") << "init hangs up when it is done";
-    EXPECT_EQ(desk_property(set.h, "desk.old"), "way");
-}
-
-TEST(Property, ClientsFollowTheAnnouncedProtocol) {
-    desk_options options = handset::no_agent();
-    options.property_protocol = 1;
-    handset set(options);
-    BOOTED(set);
-    EXPECT_EQ(desk_shell(set.h, "setprop desk.x y; getprop desk.x").output, "y\n");
-    desk_result refused = desk_shell(set.h, "setprop a..b x");
-    EXPECT_EQ(refused.status, 0) << "without a reply nobody learns of a refusal";
-    desk_result long_name = desk_shell(set.h, "setprop " + std::string(32, 'n') + " x");
-    EXPECT_EQ(WEXITSTATUS(long_name.status), 1);
-}
-
 TEST(Property, PersistIsOnDiskBeforeTheReply) {
     handset set;
     BOOTED(set);

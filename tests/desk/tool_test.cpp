@@ -68,7 +68,7 @@ TEST(Tool, FilesAreBrought) {
 
 TEST(Tool, OptionsReachTheHandset) {
     outcome result = call(
-        "run --no-tmp --no-card --data 8m --prop a.b=c=d --timezone X-1 -- "
+        "run --no-tmp --no-sd-card --data 8m --prop a.b=c=d --timezone X-1 -- "
         "sh -c 'ls -d /tmp /storage/real_sd 2>/dev/null; stat -f -c %b /data; getprop a.b; echo $TZ'");
     EXPECT_EQ(result.output, "2048\nc=d\nX-1\n");
     EXPECT_EQ(call("run --user 2000:1007 -- id -u").output, "2000\n");

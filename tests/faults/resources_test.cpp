@@ -217,12 +217,12 @@ TEST_F(Scarce, CardIsPulledInTheMiddleOfASave) {
     ASSERT_NO_FATAL_FAILURE(come_up(options));
     begin("AT SA+SAVE_LOG\r");
     ASSERT_TRUE(desk_wait_path(h, "/dev/.desk/half"));
-    ASSERT_TRUE(desk_set_card(h, false));
+    ASSERT_TRUE(desk_set_sd_card(h, false));
     ASSERT_TRUE(desk_write_file(h, "/dev/.desk/go", ""));
     EXPECT_EQ(finish(), kOk) << "once begun, a save tries everything";
     const std::string first = destination();
     EXPECT_EQ(request("+SAVE_LOG"), kError) << "no card, no directory";
-    ASSERT_TRUE(desk_set_card(h, true));
+    ASSERT_TRUE(desk_set_sd_card(h, true));
     EXPECT_TRUE(desk_exists(h, first + "/zr3360regs.log")) << "what came before the card was pulled";
     EXPECT_EQ(desk_file_text(h, first + "/getprop.log"), "all\n") << "its file was open";
     EXPECT_FALSE(desk_exists(h, first + "/bugreport.log"));

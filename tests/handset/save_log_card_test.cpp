@@ -41,7 +41,7 @@ static lines given_up_steps(const std::string &path, int error) {
 
 TEST_F(SaveLogCard, WithoutOneIsAnError) {
     desk_options options = quiet_options();
-    options.card = false;
+    options.sd_card = false;
     ASSERT_NO_FATAL_FAILURE(boot_quick(options));
     EXPECT_EQ(request("+SAVE_LOG"), kError);
     const std::string missing = "No such file or directory";
@@ -67,14 +67,14 @@ TEST_F(SaveLogCard, WithoutOneIsAnError) {
 
 TEST_F(SaveLogCard, PutInLaterIsUsed) {
     desk_options options = quiet_options();
-    options.card = false;
+    options.sd_card = false;
     ASSERT_NO_FATAL_FAILURE(boot_quick(options));
     EXPECT_EQ(request("+SAVE_LOG"), kError);
-    ASSERT_TRUE(desk_set_card(h, true));
+    ASSERT_TRUE(desk_set_sd_card(h, true));
     EXPECT_EQ(request("+SAVE_LOG"), kOk);
     EXPECT_EQ(shell_lines(), save_lines(destination()));
     EXPECT_TRUE(desk_exists(h, destination() + "/bugreport.log"));
-    ASSERT_TRUE(desk_set_card(h, false));
+    ASSERT_TRUE(desk_set_sd_card(h, false));
     EXPECT_EQ(request("+SAVE_LOG"), kError);
 }
 
@@ -94,7 +94,7 @@ TEST_F(SaveLogCard, WithAFileInTheRootsPlaceIsAnError) {
 // Directories take no room on this card: every copy and every dump fails, and the host is told OK all the same.
 TEST_F(SaveLogCard, FullIsNoError) {
     desk_options options = quiet_options();
-    options.card_size = 64 << 10;
+    options.sd_card_size = 64 << 10;
     ASSERT_NO_FATAL_FAILURE(boot_quick(options));
     ASSERT_NE(run({"/system/bin/dd", "if=/dev/zero", "of=/storage/real_sd/filler"}).status, 0);
     ASSERT_TRUE(desk_write_file(h, "/data/rec_dump.txt", "recorded\n"));

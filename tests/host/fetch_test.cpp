@@ -47,7 +47,7 @@ class Fetch : public HostTest {
     }
     desk_options roomy() {
         desk_options options = quiet_options();
-        options.card_size = 256u << 20;
+        options.sd_card_size = 256u << 20;
         return options;
     }
 
@@ -118,7 +118,7 @@ TEST_F(Fetch, NothingToFetchIsSaid) {
     EXPECT_EQ(host({"fetch", "x; rm -r y", dir.path}).status, 3);
     EXPECT_EQ(host({"fetch", "../etc", dir.path}).status, 3);
     EXPECT_EQ(entries(), words{});
-    desk_set_card(h, false);
+    desk_set_sd_card(h, false);
     EXPECT_EQ(host({"save-log", "--fetch", dir.path}).status, 1);
 }
 

@@ -22,6 +22,6 @@ void skip_in_place(const std::string &what) {
 }
 
 bool skip_what_lacks() {
-    desk_on_lack(skip);
+    desk_on_missing(skip);
     return true;
 }
