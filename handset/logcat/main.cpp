@@ -54,7 +54,8 @@ static void go_to_background() {
     if (sched_setscheduler(0, SCHED_BATCH, &none) == -1) {
         fprintf(stderr, "failed to set to batch scheduler\n");
     }
-    if (setpriority(PRIO_PROCESS, 0, kBackgroundPriority) == -1) {
+    const bool is_lower = getpriority(PRIO_PROCESS, 0) >= kBackgroundPriority;  // whoever is lower stays there
+    if (!is_lower && setpriority(PRIO_PROCESS, 0, kBackgroundPriority) == -1) {
         fprintf(stderr, "failed set to priority\n");
     }
 }
