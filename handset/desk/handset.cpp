@@ -1,10 +1,13 @@
 // handset: boots a desk handset for a person or for a test that needs its paths. State: none beyond main's.
 #include <errno.h>
+#include <fcntl.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/signalfd.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -61,13 +64,102 @@ static int run(desk *h, const handset_call &call) {
     return status >= 0 && WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-// Until a signal or the end of input; the signals were blocked before the boot.
-static int stay(desk *h, int signals) {
-    printf("handset is up: pid %d\n", static_cast<int>(desk_init_pid(h)));
-    printf("  shell in it: handset enter %d\n", static_cast<int>(desk_init_pid(h)));
-    printf("  its files:   %s\n", desk_host_path(h, "/").c_str());
+// Leaves the streams of whoever has detached this process.
+static void give_up_streams() {
+    int null = open("/dev/null", O_RDWR | O_CLOEXEC);
+    for (int fd = 0; fd < 3; fd++) {
+        dup2(null, fd);
+    }
+    close(null);
+}
+
+// Boots in a process of its own, which this one leaves behind; its output is passed on until it is up. Comes back in
+// that process alone.
+static void detach() {
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0) {
+        perror("handset: pipe");
+        _exit(125);
+    }
+    const pid_t pid = fork();
+    if (pid == 0) {
+        setsid();
+        dup2(ends[1], STDOUT_FILENO);
+        close(ends[0]);
+        close(ends[1]);
+        return;
+    }
+    close(ends[1]);
+    char buf[4096];
+    bool is_up = false;
+    ssize_t got;
+    while ((got = read(ends[0], buf, sizeof(buf))) > 0) {
+        is_up = fwrite(buf, 1, static_cast<size_t>(got), stdout) > 0;
+    }
     fflush(stdout);
-    struct pollfd fds[2] = {{0, POLLIN, 0}, {signals, POLLIN, 0}};
+    _exit(is_up ? 0 : 125);
+}
+
+// The adb daemon of the handset, on a port of this machine. It ends with the handset.
+static bool start_adbd(desk *h, int port) {
+    struct sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const int on = 1;
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+    desk_program program;
+    program.argv = {"/system/bin/adbd"};
+    program.fds[0] = fd;
+    desk_child child;
+    bool is_started =
+        bind(fd, reinterpret_cast<struct sockaddr *>(&address), sizeof(address)) == 0 && listen(fd, 4) == 0;
+    if (!is_started) {
+        fprintf(stderr, "handset: no adb daemon on port %d: %s\n", port, strerror(errno));
+    } else if (!desk_start(h, program, &child)) {
+        fprintf(stderr, "handset: no adb daemon: %s\n", desk_error().c_str());
+        is_started = false;
+    }
+    close(fd);
+    return is_started;
+}
+
+// The program of the same build, or else the one in PATH.
+static std::string sibling(const std::string &path) {
+    char self[4096];
+    const ssize_t length = readlink("/proc/self/exe", self, sizeof(self) - 1);
+    const std::string own(self, length > 0 ? static_cast<size_t>(length) : 0);
+    const size_t at = own.rfind("/handset/desk/");
+    const std::string built = at == std::string::npos ? "" : own.substr(0, at) + "/" + path;
+    return access(built.c_str(), X_OK) == 0 ? built : path.substr(path.rfind('/') + 1);
+}
+
+static void tell_how_to_reach(desk *h, const handset_call &call) {
+    const int pid = static_cast<int>(desk_init_pid(h));
+    const std::string root = desk_host_path(h, "/");
+    const std::string sa_host = sibling("host/sa-host");
+    printf("handset is up: pid %d\n", pid);
+    printf("  shell in it: %s enter %d\n", sibling("handset/desk/handset").c_str(), pid);
+    printf("  its files:   %s\n", root.c_str());
+    printf("  its agent:   %s --root %s send AT\n", sa_host.c_str(), root.c_str());
+    if (call.adb_port != 0) {
+        printf("  through adb: adb connect 127.0.0.1:%d && %s --serial 127.0.0.1:%d send AT\n", call.adb_port,
+               sa_host.c_str(), call.adb_port);
+    }
+    if (call.detach) {
+        printf("  to end it:   kill %d\n", static_cast<int>(getpid()));
+    }
+    fflush(stdout);
+}
+
+// Until a signal or, unless detached, the end of input; the signals were blocked before the boot.
+static int stay(desk *h, const handset_call &call, int signals) {
+    tell_how_to_reach(h, call);
+    if (call.detach) {
+        give_up_streams();
+    }
+    struct pollfd fds[2] = {{call.detach ? -1 : 0, POLLIN, 0}, {signals, POLLIN, 0}};
     for (;;) {
         if (poll(fds, 2, -1) < 0 && errno != EINTR) {
             return 1;
@@ -101,6 +193,9 @@ int main(int argc, char **argv) {
     if (geteuid() != 0) {
         return become_root(argc, argv);
     }
+    if (call.detach) {
+        detach();
+    }
     int signals = open_signals(call);
     if (!call.state.empty()) {
         call.options.prepare = [&call](desk *h) { return load_state(h, call.state); };
@@ -110,10 +205,12 @@ int main(int argc, char **argv) {
         fprintf(stderr, "handset: %s\n", desk_error().c_str());
         return 125;
     }
-    if (call.verb == "run") {
+    if (call.adb_port != 0 && !start_adbd(h, call.adb_port)) {
+        status = 125;
+    } else if (call.verb == "run") {
         status = run(h, call);
     } else {
-        status = call.verb == "boot" ? stay(h, signals) : handset_shell(h, call.program);
+        status = call.verb == "boot" ? stay(h, call, signals) : handset_shell(h, call.program);
     }
     if (!call.state.empty() && !copy_tree(desk_host_path(h, "/data") + "/.", call.state)) {
         fprintf(stderr, "handset: /data could not be kept in %s\n", call.state.c_str());

@@ -11,6 +11,8 @@ struct handset_call {
     std::vector<std::string> program;  // run: what stands behind "--"
     std::string state;                 // host directory that keeps /data between boots, "": none
     int entered = 0;                   // enter: init's pid
+    bool detach = false;               // boot: come back once it is up, and leave it running
+    int adb_port = 0;                  // boot, shell: TCP port of this machine for its adb daemon, 0: none
     int uid = 0;
     int gid = 0;
 };

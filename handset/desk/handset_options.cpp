@@ -14,9 +14,11 @@ static const char kHelp[] =
     "Boots a private desk handset. It ends with this program, which removes everything of it.\n"
     "  run     run PROGRAM in it (no agent unless --agent) and end with its status\n"
     "  boot    keep it running until end of input, SIGINT, SIGTERM or SIGHUP\n"
+    "          (--detach: come back when it is up; signals alone end it)\n"
     "  shell   root shell on this terminal\n"
     "  enter   the same in a running handset; PID is what `handset boot` prints\n"
     "\n"
+    "  --adb PORT             an adb daemon on this TCP port of the machine (127.0.0.1)\n"
     "  --agent, --no-agent    start zr-qel-sa at boot (boot and shell do, run does not)\n"
     "  --state DIR            copy /data from DIR at boot, and back at the end\n"
     "  --bring FILE:DEST      copy a file of this machine into the handset\n"
@@ -124,6 +126,10 @@ static bool take_value(const std::string &name, const std::string &value, handse
         call->state = value;
         return true;
     }
+    if (name == "--adb") {
+        call->adb_port = atoi(value.c_str());
+        return call->adb_port > 0 && call->adb_port < 65536;
+    }
     if (name == "--timezone") {
         call->options.timezone = value;
         return true;
@@ -179,6 +185,10 @@ int handset_parse(int argc, char **argv, handset_call *call) {
         if (name == "--help") {
             fputs(kHelp, stdout);
             return 0;
+        }
+        if (name == "--detach" && call->verb == "boot") {
+            call->detach = true;
+            continue;
         }
         if (take_flag(name, &call->options)) {
             continue;
