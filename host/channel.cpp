@@ -64,8 +64,11 @@ void show_elapsed(const request &asked, int64_t start) {
     }
 }
 
-int say_no_answer(const request &asked, long got, int seconds) {
-    if (got == 0) {
+int say_no_answer(const host_options &options, const request &asked, long got, int seconds) {
+    std::string loss = got == 0 ? link_loss(options) : "";
+    if (!loss.empty()) {
+        say("%s Whether the request \"%s\" was carried out is unknown.", loss.c_str(), asked.title.c_str());
+    } else if (got == 0) {
         say("The agent closed the channel before it answered \"%s\": it ended or was restarted. Whether the request "
             "was carried out is unknown; check, then try again.",
             asked.title.c_str());
@@ -81,7 +84,7 @@ int say_no_answer(const request &asked, long got, int seconds) {
 
 // Reads until the answer is complete. Result: HOST_OK when it is, HOST_LOST when the agent hung up before it answered
 // anything, else HOST_NO_WAY with the sentence said.
-int read_answer(int fd, const request &asked, int seconds, answer *reply) {
+int read_answer(const host_options &options, int fd, const request &asked, int seconds, answer *reply) {
     int64_t start = now_ms();
     int64_t deadline = start + seconds * INT64_C(1000);
     while (!parse_answer(reply)) {
@@ -95,7 +98,7 @@ int read_answer(int fd, const request &asked, int seconds, answer *reply) {
             return HOST_LOST;
         }
         if (got <= 0) {
-            return say_no_answer(asked, got, seconds);
+            return say_no_answer(options, asked, got, seconds);
         }
         reply->bytes.append(buf, static_cast<size_t>(got));
         if (reply->bytes.size() > ANSWER_MAX) {
@@ -139,7 +142,7 @@ int converse(const host_options &options, const link_turn &turn, const request &
     int seconds = options.timeout_s > 0 ? options.timeout_s : asked.timeout_s;
     link_discard_input(turn);
     if (write_all(turn.fd, asked.bytes.data(), asked.bytes.size(), now_ms() + seconds * INT64_C(1000)) != 0) {
-        if (errno == EIO) {
+        if (errno == EIO || errno == EPIPE || errno == ECONNRESET) {
             return HOST_LOST;
         }
         say("The request \"%s\" could not be written: %s. Check that the agent runs, then try again.",
@@ -149,7 +152,7 @@ int converse(const host_options &options, const link_turn &turn, const request &
     if (options.is_raw) {
         print_raw(">", asked.bytes);
     }
-    int status = read_answer(turn.fd, asked, seconds, reply);
+    int status = read_answer(options, turn.fd, asked, seconds, reply);
     if (options.is_raw && !reply->bytes.empty()) {
         print_raw("<", reply->bytes);
     }
@@ -163,6 +166,9 @@ int converse(const host_options &options, const link_turn &turn, const request &
 // one left the channel and this one opened it before the agent noticed: then nothing of this client's request has been
 // read. An agent that was started anew has published its listener anew, too, and may have read the request before.
 bool is_replaced_unread(const host_options &options, const published &before) {
+    if (before.channel.empty()) {
+        return false;  // this kind of link cannot tell
+    }
     int64_t deadline = now_ms() + REPLACE_MS;
     std::string channel;
     while ((channel = link_identity(options, LINK_CHANNEL)).empty() || channel == before.channel) {
@@ -200,7 +206,7 @@ int converse_first(const host_options &options, const request &asked, link_turn 
         }
         link_end(turn);
         if (!is_replaced_unread(options, before)) {
-            return say_no_answer(asked, 0, seconds);
+            return say_no_answer(options, asked, 0, seconds);
         }
     }
 }
@@ -215,7 +221,7 @@ int channel_send(const host_options &options, const std::vector<request> &reques
         status =
             i == 0 ? converse_first(options, requests[i], &turn, &reply) : converse(options, turn, requests[i], &reply);
         if (status == HOST_LOST) {
-            status = say_no_answer(requests[i], 0, 0);
+            status = say_no_answer(options, requests[i], 0, 0);
         }
         if (status == HOST_OK && !options.is_raw) {
             print("%s\n", reply.result.empty() ? "OK" : reply.result.c_str());

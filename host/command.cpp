@@ -6,6 +6,7 @@
 
 #include "command_table.h"
 #include "help.h"
+#include "link.h"
 #include "message.h"
 
 namespace {
@@ -211,6 +212,9 @@ int command_run(const host_options &options, const word_list &words) {
         return HOST_REFUSED;
     }
     line.options.is_patient = line.options.timeout_s > 0;
+    if (!link_choose(&line.options)) {
+        return HOST_REFUSED;
+    }
     return line.row->run(*line.row, line.options, line.operands);
 }
 

@@ -25,6 +25,11 @@ int kill_agent(const host_options &options) {
         write_all(turn.fd, request, sizeof(request) - 1, deadline) != 0 ? -1 : read_some(turn.fd, &byte, 1, deadline);
     int error = errno;
     link_end(&turn);
+    std::string loss = got == 0 ? link_loss(options) : "";
+    if (!loss.empty()) {
+        say("%s Whether the agent has ended is unknown.", loss.c_str());
+        return HOST_NO_WAY;
+    }
     if (got == 0) {
         print("The agent has ended.\n");
         return HOST_OK;

@@ -8,6 +8,7 @@
 #include <unistd.h>
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 
 #include "link_kind.h"
@@ -20,11 +21,17 @@ constexpr int RETRY_FIRST_MS = 1;
 constexpr int RETRY_LAST_MS = 20;
 constexpr int SHOW_WAIT_MS = 1000;
 
-const link_kind &kind_of(const host_options &) {
-    return m_link_local;
+const link_kind &kind_of(const host_options &options) {
+    if (!options.tty.empty()) {
+        return m_link_tty;
+    }
+    return options.is_adb || !options.serial.empty() ? m_link_adb : m_link_local;
 }
 
-const std::string &path_of(const host_options &options, link_name name) {
+std::string path_of(const host_options &options, link_name name) {
+    if (!options.tty.empty()) {
+        return name == LINK_CHANNEL ? link_tty_device(options.tty) : "";
+    }
     return name == LINK_CHANNEL ? options.channel : options.listener;
 }
 
@@ -45,7 +52,7 @@ std::string explain_refusal(const std::string &path, const char *role, int error
 }
 
 std::string explain(const host_options &options, link_name name, const link_attempt &last) {
-    const std::string &path = path_of(options, name);
+    std::string path = path_of(options, name);
     const char *role = role_of(name);
     if (!last.reason.empty()) {
         return last.reason;
@@ -73,7 +80,54 @@ std::string explain(const host_options &options, link_name name, const link_atte
     return explain_refusal(path, role, last.error);
 }
 
+// Reads SA_HOST_LINK: "local", "local:ROOT", "adb", "adb:SERIAL", "tty:DEVICE" or "tty:DEVICE,SPEED".
+bool take_environment(const char *text, host_options *options) {
+    const char *colon = strchr(text, ':');
+    std::string kind(text, colon != nullptr ? static_cast<size_t>(colon - text) : strlen(text));
+    std::string rest = colon != nullptr ? colon + 1 : "";
+    bool is_empty = colon != nullptr && rest.empty();
+    if (kind == "local" && !is_empty) {
+        options->root = colon != nullptr ? rest : options->root;
+    } else if (kind == "adb" && !is_empty) {
+        options->is_adb = true;
+        options->serial = rest;
+    } else if (kind == "tty" && !rest.empty()) {
+        options->tty = rest;
+    } else {
+        say("SA_HOST_LINK is \"%s\": write local:ROOT, adb, adb:SERIAL, tty:DEVICE or tty:DEVICE,SPEED.", text);
+        return false;
+    }
+    return true;
+}
+
 }  // namespace
+
+bool link_choose(host_options *options) {
+    bool is_adb = options->is_adb || !options->serial.empty();
+    int kinds = (options->root != "/" ? 1 : 0) + (is_adb ? 1 : 0) + (!options->tty.empty() ? 1 : 0);
+    if (kinds > 1) {
+        say("Give one of --root, --adb or --serial, and --tty: a handset is reached one way.");
+        return false;
+    }
+    const char *environment = getenv("SA_HOST_LINK");
+    if (kinds == 0 && environment != nullptr && *environment != '\0' && !take_environment(environment, options)) {
+        return false;
+    }
+    const char *serial = getenv("ANDROID_SERIAL");
+    if (options->is_adb && options->serial.empty() && serial != nullptr) {
+        options->serial = serial;
+    }
+    speed_t speed = 0;
+    if (!link_tty_speed(options->tty, &speed)) {
+        say("\"%s\" does not end in the speed of a serial line, such as 115200.", options->tty.c_str());
+        return false;
+    }
+    return true;
+}
+
+std::string link_loss(const host_options &options) {
+    return kind_of(options).loss(options);
+}
 
 bool link_begin(const host_options &options, link_name name, int64_t deadline_ms, link_turn *turn) {
     int64_t start = now_ms();
@@ -105,9 +159,11 @@ bool link_begin(const host_options &options, link_name name, int64_t deadline_ms
 }
 
 void link_end(link_turn *turn) {
-    if (turn->fd >= 0) {
-        close(turn->fd);
-        turn->fd = -1;
+    for (int *fd : {&turn->fd, &turn->lock}) {
+        if (*fd >= 0) {
+            close(*fd);
+            *fd = -1;
+        }
     }
 }
 

@@ -13,7 +13,8 @@ enum link_name { LINK_CHANNEL, LINK_LISTENER };
 
 // One client's exclusive use of a published name, from link_begin to link_end.
 struct link_turn {
-    int fd = -1;  // non-blocking stream of bytes, close-on-exec
+    int fd = -1;    // non-blocking stream of bytes, close-on-exec
+    int lock = -1;  // lock file of a kind of link whose stream cannot be locked, else -1
 };
 
 // A terminal that the agent has announced, opened by this client.
@@ -21,6 +22,14 @@ struct link_terminal {
     int fd = -1;       // raw, non-blocking, close-on-exec; owned by whoever opened it
     std::string path;  // its device path on the handset
 };
+
+// Completes the choice of a link from the options: SA_HOST_LINK where none is given, ANDROID_SERIAL where adb is.
+// Result: true, or false with the sentence said (two kinds at once, or a text that names none).
+bool link_choose(host_options *options);
+
+// Tells whether the way to the handset itself is lost, to be asked when a stream has ended unasked.
+// Result: a whole sentence, or "" when the handset is still reached.
+std::string link_loss(const host_options &options);
 
 // Takes a turn on a published name: exclusive among all sa-host processes of this machine, raw, and never used by an
 // earlier client, so that no stray answer can be read and no request is lost in an endpoint that is being replaced.

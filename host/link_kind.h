@@ -27,6 +27,8 @@ struct link_kind {
     std::string (*explain_absence)(const host_options &options, const std::string &path, const char *role);
     // See link_identity.
     std::string (*identity)(const host_options &options, const std::string &path);
+    // See link_loss.
+    std::string (*loss)(const host_options &options);
     bool (*open_terminal)(const host_options &options, const link_turn &listener, const std::string &path,
                           link_terminal *terminal);
     void (*set_size)(const host_options &options, const link_terminal &terminal, const struct winsize &size);
@@ -39,3 +41,10 @@ constexpr unsigned AGENT_PTY_UID = 1000;
 constexpr unsigned AGENT_PTY_GID = 1001;
 
 extern const link_kind m_link_local;
+extern const link_kind m_link_adb;
+extern const link_kind m_link_tty;  // its path is the device; "" for the listener, which no serial line carries
+
+// The two parts of "DEVICE" or "DEVICE,SPEED". The second result tells whether the speed is one; it is left as it was
+// where none is given.
+std::string link_tty_device(const std::string &line);
+bool link_tty_speed(const std::string &line, speed_t *code);

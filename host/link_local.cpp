@@ -168,6 +168,11 @@ bool set_raw(int fd) {
     return tcsetattr(fd, TCSANOW, &attr) == 0;
 }
 
+// The handset's files are this machine's: what ends is the agent.
+std::string no_loss(const host_options &) {
+    return "";
+}
+
 // Whether the announced terminal stands beside the listener and is the agent's. A listener that is relayed from another
 // machine announces paths of that machine, where the same path of this one is somebody else's terminal.
 bool is_announced_here(const link_turn &listener, const struct stat &st) {
@@ -212,4 +217,4 @@ bool get_attributes(const host_options &, const link_terminal &terminal, struct 
 
 }  // namespace
 
-const link_kind m_link_local = {take, explain_absence, identity, open_terminal, set_size, get_attributes};
+const link_kind m_link_local = {take, explain_absence, identity, no_loss, open_terminal, set_size, get_attributes};

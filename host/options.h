@@ -5,6 +5,9 @@
 
 struct host_options {
     std::string root = "/";                // the handset's root directory as this process sees it
+    bool is_adb = false;                   // reach the handset through adb
+    std::string serial;                    // the handset's serial number for adb, empty for the only one there is
+    std::string tty;                       // reach it over this serial line, "DEVICE" or "DEVICE,SPEED"; empty for none
     std::string channel = "/dev/ttyCMD0";  // published name of the command channel, inside root
     std::string listener = "/dev/ttysa1";  // published name of the remote-shell listener, inside root
     int timeout_s = 0;                     // how long to wait for an answer; 0: what the request usually needs

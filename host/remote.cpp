@@ -357,7 +357,10 @@ int remote_run(const host_options &options, const std::string &command, int quie
     link_close_terminal(&child);
     progress_clear();
     if (result == 0 && !mark.is_over) {
-        say("The connection ended before the command did: the agent ended or was restarted. Try again.");
+        std::string loss = link_loss(options);
+        say("%s", loss.empty()
+                      ? "The connection ended before the command did: the agent ended or was restarted. Try again."
+                      : loss.c_str());
         return -1;
     }
     return result == 0 ? mark.status : -1;

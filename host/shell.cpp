@@ -97,14 +97,17 @@ void take_leave(const host_options &options, const shell_plan &plan, const link_
     }
 }
 
-int tell_end(const shell_plan &plan) {
+int tell_end(const host_options &options, const shell_plan &plan) {
     if (!plan.bridge.has_mark) {
         return HOST_OK;
     }
     if (plan.bridge.mark.is_over) {
         return plan.bridge.mark.status;
     }
-    say("The command ended without reporting its exit status: its shell was killed, or the agent ended.");
+    std::string loss = link_loss(options);
+    say("%s", loss.empty()
+                  ? "The command ended without reporting its exit status: its shell was killed, or the agent ended."
+                  : loss.c_str());
     return HOST_SHELL;
 }
 
@@ -116,7 +119,7 @@ int finish(const host_options &options, shell_plan *plan, link_terminal *child, 
     }
     local_signals_release();
     if (end == BRIDGE_OVER) {
-        return tell_end(*plan);
+        return tell_end(options, *plan);
     }
     if (end == BRIDGE_ESCAPED) {
         say("Left the remote shell.");

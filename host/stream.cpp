@@ -3,6 +3,7 @@
 #include "stream.h"
 
 #include <poll.h>
+#include <sys/socket.h>
 #include <unistd.h>
 #include <algorithm>
 #include <cerrno>
@@ -23,11 +24,17 @@ bool wait_for(int fd, short events, int64_t deadline_ms) {
     return true;
 }
 
+// A socket whose other end has gone must not end this process.
+ssize_t write_once(int fd, const char *data, size_t len) {
+    ssize_t done = send(fd, data, len, MSG_NOSIGNAL);
+    return done < 0 && errno == ENOTSOCK ? write(fd, data, len) : done;
+}
+
 }  // namespace
 
 int write_all(int fd, const char *data, size_t len, int64_t deadline_ms) {
     while (len > 0) {
-        ssize_t done = write(fd, data, len);
+        ssize_t done = write_once(fd, data, len);
         if (done > 0) {
             data += done;
             len -= static_cast<size_t>(done);
@@ -49,7 +56,7 @@ long read_some(int fd, char *data, size_t size, int64_t deadline_ms) {
         if (got >= 0) {
             return got;
         }
-        if (errno == EIO) {
+        if (errno == EIO || errno == ECONNRESET) {
             return 0;
         }
         if (errno != EAGAIN && errno != EINTR) {

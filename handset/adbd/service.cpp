@@ -17,14 +17,18 @@ static void set_nonblocking(int fd) {
     }
 }
 
+static void close_others() {
+    for (int fd = 3; fd < 1024; fd++) {
+        close(fd);
+    }
+}
+
 // In the child: its streams and its program. An interactive shell has no command.
 [[noreturn]] static void become_shell(const int streams[3], const std::string &command, const std::string &term) {
     for (int fd = 0; fd < 3; fd++) {
         dup2(streams[fd], fd);
     }
-    for (int fd = 3; fd < 1024; fd++) {
-        close(fd);
-    }
+    close_others();
     signal(SIGPIPE, SIG_DFL);
     if (!term.empty()) {
         setenv("TERM", term.c_str(), 1);
@@ -110,8 +114,9 @@ static bool start_sync(adb_service *service) {
     }
     service->pid = fork();
     if (service->pid == 0) {
-        close(ends[0]);
-        sync_serve(ends[1]);
+        dup2(ends[1], STDIN_FILENO);
+        close_others();  // a copy of another stream's terminal would keep it from hanging up
+        sync_serve(STDIN_FILENO);
         _exit(0);
     }
     close(ends[1]);

@@ -82,10 +82,9 @@ void pump(host_job *job, const std::string &input, size_t *fed, int wait_ms) {
 
 }  // namespace
 
-void host_start(const words &arguments, bool has_input, host_job *job) {
+void program_start(const words &argv, bool has_input, host_job *job) {
     int in[2], out[2], err[2];
     ASSERT_EQ(pipe2(in, O_CLOEXEC) | pipe2(out, O_CLOEXEC) | pipe2(err, O_CLOEXEC), 0);
-    const words argv = host_argv(arguments);
     std::vector<char *> list = pointers(argv);
     job->pid = fork();
     if (job->pid == 0) {
@@ -93,7 +92,7 @@ void host_start(const words &arguments, bool has_input, host_job *job) {
         dup2(has_input ? in[0] : open("/dev/null", O_RDONLY), STDIN_FILENO);
         dup2(out[1], STDOUT_FILENO);
         dup2(err[1], STDERR_FILENO);
-        execv(list[0], list.data());
+        execvp(list[0], list.data());
         _exit(127);
     }
     close(in[0]);
@@ -110,6 +109,10 @@ void host_start(const words &arguments, bool has_input, host_job *job) {
             fcntl(fd, F_SETFL, O_NONBLOCK);
         }
     }
+}
+
+void host_start(const words &arguments, bool has_input, host_job *job) {
+    program_start(host_argv(arguments), has_input, job);
 }
 
 host_result host_finish(host_job *job, const std::string &input, int limit_ms) {

@@ -29,6 +29,8 @@ struct host_result {
     std::string err;
 };
 
+// Starts a program. Relative names are looked up in PATH.
+void program_start(const words &argv, bool has_input, host_job *job);
 // Starts sa-host. `has_input`: job->in is its standard input, else it reads /dev/null.
 void host_start(const words &arguments, bool has_input, host_job *job);
 // Feeds `input` and end of file, collects the output and waits for the end.
@@ -64,8 +66,8 @@ class HostTest : public AgentTest {
   protected:
     // Boots; the agent's endpoints belong to sa-host alone.
     void boot_host(const desk_options &options = quiet_options());
-    // The arguments with --root in front.
-    words inside(const words &arguments) const;
+    // The arguments with the way to the handset in front.
+    virtual words inside(const words &arguments) const;
     host_result host(const words &arguments) const;
     host_result host_with(const words &arguments, const std::string &input) const;
     // The requests that the agent has read from its command channel, in order.
