@@ -203,7 +203,7 @@ TEST_F(AdbBreak, ThePulledCableEndsAShell) {
 
 TEST_F(AdbBreak, ThePulledCableEndsAFetchThatGoesOnLater) {
     desk_options options = quiet_options();
-    options.card_size = 256u << 20;
+    options.sd_card_size = 256u << 20;
     ASSERT_NO_FATAL_FAILURE(boot_adb(options));
     const std::string set = "2026_01_02_03_04_05";
     ASSERT_TRUE(desk_make_dir(h, std::string(kRoot) + "/" + set));
