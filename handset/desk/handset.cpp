@@ -44,9 +44,10 @@ static bool load_state(desk *h, const std::string &state) {
     return mkdir(state.c_str(), 0700) == 0 || copy_tree(state + "/.", desk_host_path(h, "/data"));
 }
 
+// On this program's own streams.
 static int run(desk *h, const handset_call &call) {
     desk_program program;
-    program.argv = call.program;
+    program.argv = call.program.empty() ? std::vector<std::string>{"/system/bin/sh"} : call.program;
     program.uid = static_cast<uid_t>(call.uid);
     program.gid = static_cast<gid_t>(call.gid);
     for (int i = 0; i < 3; i++) {
@@ -125,6 +126,18 @@ static bool start_adbd(desk *h, int port) {
     return is_started;
 }
 
+static bool keep_pid(const desk *h, const std::string &path) {
+    if (path.empty()) {
+        return true;
+    }
+    FILE *file = fopen(path.c_str(), "we");
+    if (file == nullptr || fprintf(file, "%d\n", static_cast<int>(desk_init_pid(h))) < 0 || fclose(file) != 0) {
+        fprintf(stderr, "handset: %s cannot be written: %s\n", path.c_str(), strerror(errno));
+        return false;
+    }
+    return true;
+}
+
 // The program of the same build, or else the one in PATH.
 static std::string sibling(const std::string &path) {
     char self[4096];
@@ -155,6 +168,9 @@ static void tell_how_to_reach(desk *h, const handset_call &call) {
 
 // Until a signal or, unless detached, the end of input; the signals were blocked before the boot.
 static int stay(desk *h, const handset_call &call, int signals) {
+    if (!keep_pid(h, call.pid_file)) {
+        return 125;
+    }
     tell_how_to_reach(h, call);
     if (call.detach) {
         give_up_streams();
@@ -207,10 +223,15 @@ int main(int argc, char **argv) {
     }
     if (call.adb_port != 0 && !start_adbd(h, call.adb_port)) {
         status = 125;
-    } else if (call.verb == "run") {
+    } else if (call.verb == "boot") {
+        status = stay(h, call, signals);
+    } else if (call.verb == "run" || (call.verb == "enter" && (isatty(0) == 0 || isatty(1) == 0))) {
         status = run(h, call);
     } else {
-        status = call.verb == "boot" ? stay(h, call, signals) : handset_shell(h, call.program);
+        status = handset_shell(h, call.program);
+    }
+    if (!call.pid_file.empty()) {
+        unlink(call.pid_file.c_str());
     }
     if (!call.state.empty() && !copy_tree(desk_host_path(h, "/data") + "/.", call.state)) {
         fprintf(stderr, "handset: /data could not be kept in %s\n", call.state.c_str());

@@ -12,6 +12,7 @@ struct handset_call {
     std::string state;                 // host directory that keeps /data between boots, "": none
     int entered = 0;                   // enter: init's pid
     bool detach = false;               // boot: come back once it is up, and leave it running
+    std::string pid_file;              // boot: holds the pid of init while the handset is up, "": none
     int adb_port = 0;                  // boot, shell: TCP port of this machine for its adb daemon, 0: none
     int uid = 0;
     int gid = 0;

@@ -16,9 +16,11 @@ static const char kHelp[] =
     "  boot    keep it running until end of input, SIGINT, SIGTERM or SIGHUP\n"
     "          (--detach: come back when it is up; signals alone end it)\n"
     "  shell   root shell on this terminal\n"
-    "  enter   the same in a running handset; PID is what `handset boot` prints\n"
+    "  enter   the same in a running handset; PID is what `handset boot` prints. When input or output is no terminal,\n"
+    "          the program gets this program's own streams\n"
     "\n"
     "  --adb PORT             an adb daemon on this TCP port of the machine (127.0.0.1)\n"
+    "  --pid-file FILE        boot: keep the PID in FILE while the handset is up\n"
     "  --agent, --no-agent    start zr-qel-sa at boot (boot and shell do, run does not)\n"
     "  --state DIR            copy /data from DIR at boot, and back at the end\n"
     "  --bring FILE:DEST      copy a file of this machine into the handset\n"
@@ -129,6 +131,10 @@ static bool take_value(const std::string &name, const std::string &value, handse
     if (name == "--adb") {
         call->adb_port = atoi(value.c_str());
         return call->adb_port > 0 && call->adb_port < 65536;
+    }
+    if (name == "--pid-file") {
+        call->pid_file = value;
+        return true;
     }
     if (name == "--timezone") {
         call->options.timezone = value;

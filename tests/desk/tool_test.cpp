@@ -1,6 +1,7 @@
 // The command line tool: what it runs, brings and keeps.
 #include <fcntl.h>
 #include <pty.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -113,6 +114,33 @@ TEST(Tool, ShellHasATerminal) {
     close(master);
     EXPECT_EQ(WEXITSTATUS(status), 3);
     EXPECT_NE(seen.find("/dev/pts/0\r\n42\r\n"), std::string::npos) << seen;
+}
+
+// The pid that a line of `handset boot` ends with.
+static int pid_behind(const std::string &output, const std::string &label) {
+    const size_t at = output.find(label);
+    return at == std::string::npos ? 0 : atoi(output.c_str() + at + label.size());
+}
+
+TEST(Tool, DetachedHandsetStaysWithoutInputUntilASignal) {
+    scratch dir;
+    const std::string pid_file = dir.path + "/pid";
+    const outcome booted = call("boot --no-agent --detach --pid-file " + pid_file + " < /dev/null");
+    ASSERT_EQ(booted.status, 0) << booted.output;
+    const int init = pid_behind(booted.output, "handset is up: pid ");
+    const int keeper = pid_behind(booted.output, "to end it:   kill ");
+    ASSERT_GT(init, 0);
+    ASSERT_GT(keeper, 0);
+    EXPECT_NE(booted.output.find("--root /proc/" + std::to_string(init) + "/root/ send AT"), std::string::npos);
+    int kept = 0;
+    std::ifstream(pid_file) >> kept;
+    EXPECT_EQ(kept, init);
+    const std::string enter = "enter " + std::to_string(init);
+    EXPECT_EQ(call(enter + " -- tr a-z A-Z < /proc/sys/kernel/ostype").output, "LINUX\n");
+    EXPECT_EQ(call(enter + " -- printf '%s\\r\\0end' one | od -An -c").output, "   o   n   e  \\r  \\0   e   n   d\n");
+    EXPECT_EQ(WEXITSTATUS(call(enter + " -- sh -c 'exit 9' < /dev/null").status), 9);
+    EXPECT_EQ(kill(keeper, SIGTERM), 0);
+    EXPECT_TRUE(desk_until([&] { return kill(init, 0) != 0 && access(pid_file.c_str(), F_OK) != 0; }, 60000));
 }
 
 TEST(Tool, BootStaysAndCanBeEntered) {

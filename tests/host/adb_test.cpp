@@ -4,7 +4,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <fstream>
+#include <iterator>
 #include <random>
+#include <sstream>
 
 #include "tests/host/adb.h"
 
@@ -138,6 +141,30 @@ TEST_F(AdbTest, SavedAndFetchedWithItsChecksum) {
     ASSERT_EQ(sets.size(), 1u);
     const std::string there = desk_host_path(h, std::string(kRoot) + "/" + sets[0]);
     EXPECT_EQ(system(("diff -r -x handset.txt '" + there + "' '" + dir.path + "/" + sets[0] + "'").c_str()), 0);
+}
+
+// Every line of the README that uses adb, as it stands there.
+TEST_F(AdbTest, TheReadmesLinesWork) {
+    ASSERT_NO_FATAL_FAILURE(boot_adb(desk_options()));
+    temporary_dir dir;
+    ASSERT_EQ(chdir(dir.path.c_str()), 0);
+    std::ifstream readme(SOURCE_DIR "/README.md");
+    size_t count = 0;
+    for (std::string line; std::getline(readme, line);) {
+        if (line.compare(0, 14, "sa-host --adb ") != 0) {
+            continue;
+        }
+        std::istringstream text(line.substr(0, line.find('#')));
+        words argv{std::istream_iterator<std::string>(text), std::istream_iterator<std::string>()};
+        argv.erase(argv.begin());
+        const host_result result = host_run(argv);
+        EXPECT_EQ(result.status, 0) << line << "\n" << result.err;
+        count++;
+    }
+    EXPECT_GE(count, 4u);
+    EXPECT_EQ(desk_list(h, kRoot).size(), 1u);
+    EXPECT_EQ(access(("logs/" + desk_list(h, kRoot)[0]).c_str(), F_OK), 0);
+    ASSERT_EQ(chdir("/"), 0);
 }
 
 TEST_F(AdbTest, TheInteractiveShellHasTheWindowsSize) {
