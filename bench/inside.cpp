@@ -13,11 +13,11 @@
 
 #include "bench/floors/floors.h"
 #include "bench/measure.h"
-#include "sa/main/log.h"
-#include "sa/main/process.h"
-#include "sa/sa-handle/command.h"
-#include "sa/sa-handle/kmsg.h"
-#include "sa/sa-handle/log_svc.h"
+#include "sa/main/base/log.h"
+#include "sa/main/base/process.h"
+#include "sa/sa-handle/collect/kmsg.h"
+#include "sa/sa-handle/collect/log_svc.h"
+#include "sa/sa-handle/command/command.h"
 
 static const char kLastName[] = "zr-bench-last";
 static const char kNobody[] = "zr-bench-nobody";

@@ -5,6 +5,14 @@
 #define PUB_PTY_PTY_H
 
 #include <stdint.h>
+#include <termios.h>
+
+/** Who may open a published slave, as init and the host tools of the platform expect it. */
+enum {
+    PUB_PTY_MODE = 0660,
+    PUB_PTY_USER = 1000,   // AID_SYSTEM
+    PUB_PTY_GROUP = 1001,  // AID_RADIO
+};
 
 /**
  * One endpoint. The caller owns the record: it zeroes it, sets the mapping name and, if wanted, the mode, and then
@@ -22,7 +30,7 @@ struct pub_pty_st {
  * slave is left to user 1000 and group 1001, mode 0660. An open record is closed first. The master is close-on-exec.
  *
  * @return 0; -101 for a null record or an empty mapping name; -118 when a system call failed. After a failure the
- *         record is closed and the link is gone.
+ *         record is closed, the link is gone and errno is that of the failed call.
  */
 int32_t pub_pty_open(struct pub_pty_st *pty_ptr);
 
@@ -40,5 +48,8 @@ int32_t pub_pty_close(struct pub_pty_st *pty_ptr);
  * @return 0, also when there is nothing to remove; -101 for a null record; -118 when the removal failed.
  */
 int32_t pub_pty_delete_mapping(struct pub_pty_st *pty_ptr);
+
+/** Changes terminal attributes to raw mode: bytes pass unchanged, without echo and without signals from characters. */
+void pub_pty_make_raw(struct termios *attr_ptr);
 
 #endif

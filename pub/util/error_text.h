@@ -9,7 +9,7 @@
  * handler and a child between fork and exec may call it.
  *
  * @param error_number  an errno value.
- * @return constant text, never null.
+ * @return the text, never null; that of an unknown number lasts until the thread's next call with an unknown number.
  */
 const char *pub_util_error_text(int error_number);
 

@@ -1,60 +1,48 @@
 // Worker threads and their registry.
 //
-// State: m_worker_a, one slot a live worker. A slot is claimed and filled by the creating thread and freed by the
-// worker's own end through a thread-specific key: the one hook that both C libraries run however a thread ends. `use`
-// says who may act on a slot:
-//   FREE ──creator──▶ HELD ──creator, thread started──▶ LIVE ──worker's end──▶ HELD ──▶ FREE
-//                                                       LIVE ──sender──▶ HELD ──sender──▶ LIVE
-// Whoever holds a slot is alone with it. A worker that ends waits for a sender, so `thread` names a thread that still
-// exists whenever pthread_kill is called. Holders take no signals: a slot is never left held.
+// State: m_worker_a, one slot a worker, under m_mutex. The creator claims a slot; the worker's end frees it, through a
+// thread-specific key: the one hook that both C libraries run however a thread ends. While a slot carries a worker's
+// serial that worker has not ended, so `thread` is safe to signal.
+//
+// The mutex is only taken with all signals blocked, for a few instructions and one pthread_kill. A signal handler may
+// therefore wait for it: it has never interrupted the thread that holds it. Threads are created without it, since creating
+// one takes the heap's lock, which the interrupted thread of a handler may hold.
 #include "pub/util/worker.h"
 
 #include <errno.h>
-#include <pthread.h>
-#include <sched.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <unistd.h>
-
-#include <atomic>
 
 #include "pub/pub_codes.h"
 #include "pub/util/error_text.h"
 #include "pub/util/pub_log.h"
 #include "pub/util/signal_mask.h"
 
-enum worker_use { FREE, HELD, LIVE };
-
 struct worker {
-    std::atomic<int> use;
-    std::atomic<pub_thread_id> id;  // the holder; 0 in a free slot
-    pthread_t thread;               // the creator; valid while LIVE
-    void *(*routine)(void *);       // the creator before the start, the worker after
-    void *arg;
-    int owned_fd_a[2];  // likewise
+    uint64_t serial;  // 0: free
+    bool is_started;  // `thread` is valid
+    pthread_t thread;
+    void *(*routine)(void *);  // the creator until the thread starts, the worker afterwards
+    void *arg;                 // likewise
+    sigset_t mask;             // likewise: the signals that the worker begins with
+    int owned_fd_a[2];         // the worker
 };
 
-static const int kWorkers = 256;
-static const useconds_t kStopPause = 10000;  // µs that a stopped worker is given to run its handler
+static const int kWorkers = 16384;              // two descriptors each: the descriptor limit of a device comes first
+static const useconds_t kStopPause = 10000;     // µs that a stopped worker is given to run its handler
+static const size_t kEndReserve = 1024 * 1024;  // bytes; more than the C library needs to end its first thread
 
-static worker m_worker_a[kWorkers];
-static std::atomic<pub_thread_id> m_last_id(0);
+static pthread_mutex_t m_mutex = PTHREAD_MUTEX_INITIALIZER;
+static struct worker m_worker_a[kWorkers];
+static int m_slots = 0;  // in use at some time: none beyond was ever touched
+static uint64_t m_last_serial = 0;
+
+// Creator alone.
+static bool m_is_ready = false;
 static pthread_key_t m_end_key;
-static pthread_once_t m_end_key_once = PTHREAD_ONCE_INIT;
 
-// Waits for its turn with a live slot and holds it. Returns false when the slot is free.
-static bool hold_live(worker *slot) {
-    int expected = LIVE;
-    while (!slot->use.compare_exchange_weak(expected, HELD)) {
-        if (expected == FREE) {
-            return false;
-        }
-        expected = LIVE;  // its holder is brief
-        sched_yield();
-    }
-    return true;
-}
-
-static void close_owned(worker *self) {
+static void close_owned(struct worker *self) {
     for (int &fd : self->owned_fd_a) {
         if (fd >= 0) {
             close(fd);
@@ -63,100 +51,30 @@ static void close_owned(worker *self) {
     }
 }
 
-// Runs at a worker's end, on the worker.
+// ---- the worker's side ----
+
+// Runs at a worker's end, on the worker, which takes no signal any more.
 static void leave_registry(void *value) {
-    worker *self = static_cast<worker *>(value);
+    struct worker *self = static_cast<struct worker *>(value);
     sigset_t mask;
-    pub_util_block_signals(&mask);  // for good: the thread is ending
+    pub_util_block_signals(&mask);
     close_owned(self);
-    hold_live(self);
-    self->id.store(0);
-    self->use.store(FREE);
-}
-
-static void *end_at_once(void *) {
-    pthread_exit(nullptr);
-}
-
-// The first end of a thread may load a library (glibc's unwinder does), and fails the process where that is impossible:
-// it is had now, not when a worker is stopped and no memory or descriptor is left.
-static void rehearse_end(void) {
-    pthread_t thread;
-    sigset_t mask;
-    pub_util_block_signals(&mask);  // the thread is to take none
-    if (pthread_create(&thread, nullptr, end_at_once, nullptr) == 0) {
-        pthread_join(thread, nullptr);
-    }
-    pub_util_restore_signals(&mask);
-}
-
-static void make_end_key(void) {
-    pthread_key_create(&m_end_key, leave_registry);
-    rehearse_end();
+    pthread_mutex_lock(&m_mutex);
+    self->serial = 0;
+    pthread_mutex_unlock(&m_mutex);
 }
 
 static void *run_worker(void *value) {
-    worker *self = static_cast<worker *>(value);
-    pthread_setspecific(m_end_key, self);
-    self->routine(self->arg);
+    struct worker *self = static_cast<struct worker *>(value);
     sigset_t mask;
+    if (pthread_setspecific(m_end_key, self) != 0) {
+        leave_registry(self);  // nothing would free the slot: the worker ends before it has begun
+        return nullptr;
+    }
+    pub_util_restore_signals(&self->mask);
+    self->routine(self->arg);
     pub_util_block_signals(&mask);  // a stop that comes now finds the work already done
     return nullptr;
-}
-
-static worker *claim_slot(void) {
-    for (worker &slot : m_worker_a) {
-        int expected = FREE;
-        if (slot.use.compare_exchange_strong(expected, HELD)) {
-            return &slot;
-        }
-    }
-    return nullptr;
-}
-
-// Creates the thread with the mask that it is to begin with.
-static int start_thread(worker *slot, const sigset_t *mask_ptr) {
-    pthread_attr_t attr;
-    sigset_t held;
-    pthread_attr_init(&attr);
-    pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
-    pthread_sigmask(SIG_SETMASK, mask_ptr, &held);
-    const int result = pthread_create(&slot->thread, &attr, run_worker, slot);
-    pthread_sigmask(SIG_SETMASK, &held, nullptr);
-    pthread_attr_destroy(&attr);
-    return result;
-}
-
-// Fills a held slot and starts its worker. Returns 0 or an error number.
-static int start_worker(worker *slot, void *(*routine)(void *), void *arg, const sigset_t *mask_ptr) {
-    slot->routine = routine;
-    slot->arg = arg;
-    slot->owned_fd_a[0] = -1;
-    slot->owned_fd_a[1] = -1;
-    slot->id.store(m_last_id.fetch_add(1) + 1);
-    return start_thread(slot, mask_ptr);
-}
-
-int pub_util_create_thread(pub_thread_id *id_ptr, void *(*routine)(void *), void *arg) {
-    sigset_t mask;
-    pthread_once(&m_end_key_once, make_end_key);
-    pub_util_block_signals(&mask);
-    int result = EAGAIN;
-    worker *slot = claim_slot();
-    if (slot != nullptr) {
-        // A handled signal that the creator takes, the worker takes too; a stop waits until the worker is ready for it.
-        sigset_t worker_mask = mask;
-        sigaddset(&worker_mask, SIGUSR1);
-        result = start_worker(slot, routine, arg, &worker_mask);
-        if (result == 0) {
-            *id_ptr = slot->id.load();
-        } else {
-            slot->id.store(0);
-        }
-        slot->use.store(result == 0 ? LIVE : FREE);
-    }
-    pub_util_restore_signals(&mask);
-    return result;
 }
 
 void pub_util_accept_stop(void) {
@@ -167,45 +85,160 @@ void pub_util_accept_stop(void) {
     pthread_sigmask(SIG_UNBLOCK, &stop, nullptr);
 }
 
-void pub_util_own_descriptors(int first_fd, int second_fd) {
-    worker *self = static_cast<worker *>(pthread_getspecific(m_end_key));
-    if (self == nullptr) {
-        return;
-    }
-    self->owned_fd_a[0] = first_fd;
-    self->owned_fd_a[1] = second_fd;
+static struct worker *own_slot(void) {
+    return m_is_ready ? static_cast<struct worker *>(pthread_getspecific(m_end_key)) : nullptr;
 }
 
-static int signal_slot(worker *slot, pub_thread_id id, int signo) {
-    if (!hold_live(slot)) {
-        return ESRCH;
+void pub_util_own_descriptors(int first_fd, int second_fd) {
+    struct worker *self = own_slot();
+    if (self != nullptr) {
+        self->owned_fd_a[0] = first_fd;
+        self->owned_fd_a[1] = second_fd;
     }
-    // The slot may have changed hands between the look at its id and the hold.
-    const int result = slot->id.load() == id ? pthread_kill(slot->thread, signo) : ESRCH;
-    slot->use.store(LIVE);
+}
+
+void pub_util_close_owned(void) {
+    struct worker *self = own_slot();
+    if (self != nullptr) {
+        sigset_t mask;
+        pub_util_block_signals(&mask);
+        close_owned(self);
+        pub_util_restore_signals(&mask);
+    }
+}
+
+// ---- the creator's side ----
+
+static void *end_first_thread(void *reserve) {
+    munmap(reserve, kEndReserve);
+    pthread_exit(nullptr);
+}
+
+// glibc loads its unwinder when a thread first ends by pthread_exit, and aborts the process when it cannot. So a thread ends
+// now, with memory set aside for it, and not when a worker is stopped and nothing is left.
+static int end_a_thread(void) {
+    void *reserve = mmap(nullptr, kEndReserve, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (reserve == MAP_FAILED) {
+        return ENOMEM;
+    }
+    pthread_t thread;
+    const int result = pthread_create(&thread, nullptr, end_first_thread, reserve);
+    if (result != 0) {
+        munmap(reserve, kEndReserve);
+        return result;
+    }
+    pthread_join(thread, nullptr);
+    return 0;
+}
+
+// What the first worker needs. Without memory for it nothing is kept, and the next worker tries again.
+static int make_ready(void) {
+    if (m_is_ready) {
+        return 0;
+    }
+    int result = end_a_thread();
+    if (result == 0) {
+        result = pthread_key_create(&m_end_key, leave_registry);
+    }
+    m_is_ready = result == 0;
     return result;
 }
 
-int pub_util_signal_thread(pub_thread_id id, int signo) {
-    if (id == 0) {
-        return ESRCH;
-    }
-    for (worker &slot : m_worker_a) {
-        if (slot.id.load() != id) {
-            continue;
+// The slot with a serial, or null. Under m_mutex.
+static struct worker *find_slot(uint64_t serial) {
+    for (int index = 0; index < m_slots; index++) {
+        if (m_worker_a[index].serial == serial) {
+            return &m_worker_a[index];
         }
-        sigset_t mask;
-        pub_util_block_signals(&mask);
-        const int result = signal_slot(&slot, id, signo);
-        pub_util_restore_signals(&mask);
-        return result;
     }
-    return ESRCH;
+    return nullptr;
 }
 
-int pub_util_kill_thread(pub_thread_id *id_ptr) {
+static struct worker *claim_slot(uint64_t *serial_ptr) {
+    pthread_mutex_lock(&m_mutex);
+    struct worker *slot = find_slot(0);
+    if (slot == nullptr && m_slots < kWorkers) {
+        slot = &m_worker_a[m_slots++];
+    }
+    if (slot != nullptr) {
+        slot->serial = ++m_last_serial;
+        slot->is_started = false;
+        *serial_ptr = slot->serial;
+    }
+    pthread_mutex_unlock(&m_mutex);
+    return slot;
+}
+
+static int start_detached(pthread_t *thread_ptr, struct worker *slot) {
+    pthread_attr_t attr;
+    pthread_attr_init(&attr);
+    pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
+    const int result = pthread_create(thread_ptr, &attr, run_worker, slot);
+    pthread_attr_destroy(&attr);
+    return result;
+}
+
+// Starts a worker; all signals are blocked, as some C libraries hold a lock inside pthread_create that pthread_kill wants.
+static int start_worker(struct pub_thread_id *id_ptr, void *(*routine)(void *), void *arg, const sigset_t *mask_ptr) {
+    uint64_t serial = 0;
+    struct worker *slot = claim_slot(&serial);
+    if (slot == nullptr) {
+        return EAGAIN;
+    }
+    slot->routine = routine;
+    slot->arg = arg;
+    slot->mask = *mask_ptr;
+    sigaddset(&slot->mask, SIGUSR1);
+    slot->owned_fd_a[0] = -1;
+    slot->owned_fd_a[1] = -1;
+    pthread_t thread;
+    const int result = start_detached(&thread, slot);
+
+    pthread_mutex_lock(&m_mutex);
+    if (result != 0) {
+        slot->serial = 0;
+    } else if (slot->serial == serial) {  // else the worker has ended, and the slot may be another's
+        slot->thread = thread;
+        slot->is_started = true;
+    }
+    pthread_mutex_unlock(&m_mutex);
+    if (result == 0) {
+        id_ptr->thread = static_cast<unsigned long>(thread);
+        id_ptr->serial = serial;
+    }
+    return result;
+}
+
+int pub_util_create_thread(struct pub_thread_id *id_ptr, void *(*routine)(void *), void *arg) {
+    sigset_t mask;
+    pub_util_block_signals(&mask);
+    int result = make_ready();
+    if (result == 0) {
+        result = start_worker(id_ptr, routine, arg, &mask);
+    }
+    pub_util_restore_signals(&mask);
+    return result;
+}
+
+// ---- stopping ----
+
+int pub_util_signal_thread(struct pub_thread_id id, int signo) {
+    if (id.serial == 0) {
+        return ESRCH;
+    }
+    sigset_t mask;
+    pub_util_block_signals(&mask);
+    pthread_mutex_lock(&m_mutex);
+    const struct worker *slot = find_slot(id.serial);
+    const int result = slot != nullptr && slot->is_started ? pthread_kill(slot->thread, signo) : ESRCH;
+    pthread_mutex_unlock(&m_mutex);
+    pub_util_restore_signals(&mask);
+    return result;
+}
+
+int pub_util_kill_thread(struct pub_thread_id *id_ptr) {
     pub_log_entry();
-    if (*id_ptr == 0 || pub_util_signal_thread(*id_ptr, 0) == ESRCH) {
+    if (pub_util_signal_thread(*id_ptr, 0) == ESRCH) {
         return 0;
     }
     const int result = pub_util_signal_thread(*id_ptr, SIGUSR1);
@@ -215,7 +248,7 @@ int pub_util_kill_thread(pub_thread_id *id_ptr) {
         return result;
     }
     usleep(kStopPause);
-    *id_ptr = 0;
+    *id_ptr = {0, 0};
     return 0;
 }
 

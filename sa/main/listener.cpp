@@ -1,19 +1,21 @@
-// The remote-shell listener. It owns the listener's master; a connection's master goes over to the launcher's waiter
-// with the child shell. Main thread alone; no state between requests but the request buffer.
+// The remote-shell listener. It owns the listener's master; a connection's master belongs to the launcher's waiter once the
+// child shell runs. Main thread alone. State: whether that thread waits for a request, for its own signal handlers.
 #include "sa/main/listener.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
 
-#include "sa/main/codes.h"
-#include "sa/main/log.h"
+#include "pub/pty/pty.h"
+#include "sa/main/base/codes.h"
+#include "sa/main/base/log.h"
+#include "sa/main/base/subproc.h"
+#include "sa/main/base/text.h"
 #include "sa/main/signals.h"
-#include "sa/main/subproc.h"
-#include "sa/main/text.h"
 
 static const char kListenerName[] = "/dev/ttysa1";
 static const char kKillRequest[] = "host:kill";
@@ -21,11 +23,12 @@ static const char kShellRequest[] = "shell:";
 static const size_t kShellRequestLength = sizeof(kShellRequest) - 1;
 static const int kRequestSize = 1024;
 static const int kAcknowledgementSize = 512;
-static const mode_t kSlaveMode = 0660;
-static const uid_t kSlaveUser = 1000;        // AID_SYSTEM
-static const gid_t kSlaveGroup = 1001;       // AID_RADIO
-static const tcflag_t kCookedOutput = 0x3B;  // OPOST OLCUC OCRNL ONOCR ONLRET; not all have a name everywhere
-static const tcflag_t kCookedLocal = ISIG | ICANON | ECHO | ECHOE;
+
+static thread_local volatile sig_atomic_t m_is_waiting = 0;
+
+bool sa_listener_is_waiting(void) {
+    return m_is_waiting != 0;
+}
 
 // ---- pseudo-terminals ----
 
@@ -34,32 +37,12 @@ static void set_ptm_attr(int fd) {
     struct termios attr;
     int result = tcgetattr(fd, &attr);
     if (result == 0) {
-        attr.c_iflag = 0;
-        attr.c_oflag &= ~kCookedOutput;
-        attr.c_lflag &= ~kCookedLocal;
+        pub_pty_make_raw(&attr);
         result = tcsetattr(fd, TCSANOW, &attr);
     }
     if (result != 0) {
         sa_log_failed_call("tcsetattr", SA_ERR_FAIL);
     }
-}
-
-// Gives up a master that cannot be used, with the reason in both logs.
-static int abandon_ptm(const char *function, int ptm, const char *call) {
-    const int error = errno;
-    close(ptm);
-    sa_log_platform("%s %s error[%d-%s]", function, call, error, pub_util_error_text(error));
-    errno = error;
-    sa_log_file_errno_as(function, call);
-    return -1;
-}
-
-// Publishes a slave under a name, whatever stood there before.
-static bool publish(const char *function, const char *devname, const char *name) {
-    unlink(name);
-    const int ret = symlink(devname, name);
-    sa_log_as(function, "ret[%d]", ret);
-    return ret == 0;
 }
 
 int open_ptm(char *name_ptr) {
@@ -74,18 +57,31 @@ int open_ptm(char *name_ptr) {
     }
     fcntl(ptm, F_SETFD, FD_CLOEXEC);
     char devname[SA_PTM_NAME_SIZE];
+    const char *failed = nullptr;
     if (grantpt(ptm) != 0 || unlockpt(ptm) != 0 || ptsname_r(ptm, devname, sizeof(devname)) != 0) {
-        return abandon_ptm(__func__, ptm, "ptsname");
+        failed = "ptsname";
+    } else {
+        sa_log("devname[%s]", devname);
+        if (name_ptr[0] == '\0') {
+            sa_copy_cut(name_ptr, SA_PTM_NAME_SIZE, devname);
+            sa_log("symname[%s]", name_ptr);
+        } else {
+            unlink(name_ptr);
+            const int ret = symlink(devname, name_ptr);
+            sa_log("ret[%d]", ret);
+            failed = ret != 0 ? "symlink" : nullptr;
+        }
     }
-    sa_log("devname[%s]", devname);
-    if (name_ptr[0] == '\0') {
-        sa_copy_cut(name_ptr, SA_PTM_NAME_SIZE, devname);
-        sa_log("symname[%s]", name_ptr);
-    } else if (!publish(__func__, devname, name_ptr)) {
-        return abandon_ptm(__func__, ptm, "symlink");
+    if (failed != nullptr) {
+        const int error = errno;
+        close(ptm);
+        sa_log_platform("%s %s error[%d-%s]", __func__, failed, error, pub_util_error_text(error));
+        errno = error;
+        sa_log_file_errno(failed);
+        return -1;
     }
-    (void)!chmod(name_ptr, kSlaveMode);
-    (void)!chown(name_ptr, kSlaveUser, kSlaveGroup);
+    (void)!chmod(name_ptr, PUB_PTY_MODE);
+    (void)!chown(name_ptr, PUB_PTY_USER, PUB_PTY_GROUP);
     set_ptm_attr(ptm);
     return ptm;
 }
@@ -126,7 +122,7 @@ static int open_ptm_connection(int fd1) {
     return fd;
 }
 
-// Hands a connection to a child shell. Whoever asked for anything else has been announced a connection all the same.
+// Gives a connection to a child shell. Any other request is refused, after its connection has been announced.
 static void handle_service(int fd, const char *name) {
     sa_log_entry();
     sa_log("fd[%d] name[%s]", fd, name);
@@ -141,29 +137,15 @@ static void handle_service(int fd, const char *name) {
     }
 }
 
-static void serve_request(const char *function, int fd, const char *service) {
-    sa_log_as(function, "service[%s]", service);
-    if (strcmp(service, kKillRequest) == 0) {
-        sa_log_platform("%s exit(0)", function);
-        sa_log_file_as(function, "host:kill exit");
-        sa_exit(0);  // at once, without teardown: the published names stay, and the next start replaces them
-    }
-    const int fd_pair = open_ptm_connection(fd);
-    sa_log_platform("%s fd_pair[%d]", function, fd);  // the listener here, the connection in the file: known to readers
-    sa_log_file_as(function, "fd_pair[%d]", fd_pair);
-    if (fd_pair >= 0) {
-        handle_service(fd_pair, service);
-    }
-}
-
 // ---- the loop ----
 
-// The last client has closed the slave: a fresh pseudo-terminal takes the old one's place under the same name.
-static int reopen_listener(const char *function, int old_fd, char *name_ptr) {
-    close_ptm(old_fd, name_ptr);
-    const int fd = open_ptm(name_ptr);
-    sa_log_as(function, "reopen fd[%d]", fd);
-    return fd;
+static int read_request(int fd, char *request_ptr, size_t size) {
+    m_is_waiting = 1;
+    const int count = static_cast<int>(read(fd, request_ptr, size));
+    const int saved_errno = errno;
+    m_is_waiting = 0;
+    errno = saved_errno;
+    return count;
 }
 
 int sa_listener_loop(void) {
@@ -176,17 +158,31 @@ int sa_listener_loop(void) {
     sa_log("fd[%d]", fd);
     bool is_open = fd > 0;  // 0 is refused here, though a reopened listener may have it
     while (is_open) {
-        const int size = static_cast<int>(read(fd, request_a, sizeof(request_a) - 1));
+        const int size = read_request(fd, request_a, sizeof(request_a) - 1);
         sa_log("size[%d] service[%s]", size, request_a);
-        if (size >= 0) {
-            request_a[size] = '\0';
-            serve_request(__func__, fd, request_a);
-        } else if (errno == EIO) {
-            fd = reopen_listener(__func__, fd, name_a);
+        if (size < 0 && errno == EIO) {  // the last client has closed the slave: a fresh one takes over the name
+            close_ptm(fd, name_a);
+            fd = open_ptm(name_a);
+            sa_log("reopen fd[%d]", fd);
             is_open = fd >= 0;
-        } else {
+            continue;
+        }
+        if (size < 0) {
             sa_log("exit while");
-            is_open = false;
+            break;
+        }
+        request_a[size] = '\0';
+        sa_log("service[%s]", request_a);
+        if (strcmp(request_a, kKillRequest) == 0) {
+            sa_log_platform("%s exit(0)", __func__);
+            sa_log_file("host:kill exit");
+            sa_exit(0);  // at once, without teardown: the published names stay, and the next start replaces them
+        }
+        const int fd_pair = open_ptm_connection(fd);
+        sa_log_platform("%s fd_pair[%d]", __func__, fd);  // the listener here, the connection in the file: on purpose
+        sa_log_file("fd_pair[%d]", fd_pair);
+        if (fd_pair >= 0) {
+            handle_service(fd_pair, request_a);
         }
     }
     close_ptm(fd, name_a);

@@ -9,11 +9,11 @@
 enum { SA_PTM_NAME_SIZE = 512 };
 
 /**
- * Opens a new pseudo-terminal in raw mode, close-on-exec, its slave left to user 1000 and group 1001 with mode 0660.
+ * Opens a new pseudo-terminal in raw mode, close-on-exec; its slave belongs to user 1000 and group 1001, mode 0660.
  *
  * @param name_ptr  a path to publish the slave under; or empty, and then it receives the slave's own path
  *                  (SA_PTM_NAME_SIZE bytes).
- * @return the master, the caller's; or -1.
+ * @return the master, which the caller owns; or -1.
  */
 int open_ptm(char *name_ptr);
 
@@ -24,5 +24,11 @@ int open_ptm(char *name_ptr);
  * @return 0.
  */
 int sa_listener_loop(void);
+
+/**
+ * Whether the calling thread waits for a request in the listener's read. A signal handler that asks and gets true has not
+ * interrupted the C library in the middle of anything.
+ */
+bool sa_listener_is_waiting(void);
 
 #endif

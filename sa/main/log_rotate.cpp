@@ -5,9 +5,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "sa/main/codes.h"
-#include "sa/main/log.h"
-#include "sa/main/text.h"
+#include "sa/main/base/codes.h"
+#include "sa/main/base/files.h"
+#include "sa/main/base/log.h"
+#include "sa/main/base/text.h"
 
 static const int kGenerations = 5;
 static const int kNameSize = 40;
@@ -17,10 +18,6 @@ static const mode_t kMode = 0644;
 char g_sa_log_path_a[kNameSize] = SA_LOG_FILE;
 
 #define rotate_log(...) sa_log_platform("update_sa_logs " __VA_ARGS__)
-
-static bool exists(const char *path) {
-    return access(path, F_OK) == 0;
-}
 
 static void generation_name(int generation, char *name_ptr) {
     sa_format(name_ptr, kNameSize, "%s.%d", g_sa_log_path_a, generation);
@@ -32,49 +29,36 @@ static void move_file(const char *from, const char *to) {
     }
 }
 
-static void drop_oldest(void) {
-    char oldest_a[kNameSize];
-    generation_name(kGenerations, oldest_a);
-    rotate_log("log_file_old[%s]", oldest_a);
-    if (exists(oldest_a) && remove(oldest_a) != 0) {
+static void shift_generations(void) {
+    char old_a[kNameSize];
+    char new_a[kNameSize];
+    generation_name(kGenerations, old_a);
+    rotate_log("log_file_old[%s]", old_a);
+    if (sa_exists(old_a) && remove(old_a) != 0) {
         rotate_log("remove errno[%d-%s]", errno, pub_util_error_text(errno));
     }
-}
-
-static void shift_generations(void) {
     for (int generation = kGenerations - 1; generation >= 1; generation--) {
-        char old_a[kNameSize];
-        char new_a[kNameSize];
         generation_name(generation, old_a);
         generation_name(generation + 1, new_a);
-        if (!exists(old_a)) {
-            continue;
+        if (sa_exists(old_a)) {
+            rotate_log("[%d] log_file_old[%s] log_file_new[%s]", generation + 1, old_a, new_a);
+            move_file(old_a, new_a);
         }
-        rotate_log("[%d] log_file_old[%s] log_file_new[%s]", generation + 1, old_a, new_a);
-        move_file(old_a, new_a);
     }
-}
-
-static void shift_live_file(void) {
-    char newest_a[kNameSize];
-    generation_name(1, newest_a);
-    if (exists(g_sa_log_path_a)) {
-        move_file(g_sa_log_path_a, newest_a);
+    if (sa_exists(g_sa_log_path_a)) {
+        generation_name(1, new_a);
+        move_file(g_sa_log_path_a, new_a);
     }
 }
 
 static void make_live_file(void) {
-    if (exists(g_sa_log_path_a)) {
-        return;
+    if (!sa_exists(g_sa_log_path_a)) {
+        FILE *fp = fopen(g_sa_log_path_a, "ae");
+        rotate_log("open(%s) fp[%p]", g_sa_log_path_a, static_cast<void *>(fp));
+        if (fp != nullptr) {
+            fclose(fp);
+        }
     }
-    FILE *fp = fopen(g_sa_log_path_a, "ae");
-    rotate_log("open(%s) fp[%p]", g_sa_log_path_a, static_cast<void *>(fp));
-    if (fp != nullptr) {
-        fclose(fp);
-    }
-}
-
-static void hand_over_live_file(void) {
     if (chown(g_sa_log_path_a, SA_AID_SHELL, SA_AID_LOG) != 0) {
         rotate_log("chown error[%d-%s]", errno, pub_util_error_text(errno));
     }
@@ -85,9 +69,6 @@ static void hand_over_live_file(void) {
 
 void update_sa_logs(void) {
     sa_log_entry();
-    drop_oldest();
     shift_generations();
-    shift_live_file();
     make_live_file();
-    hand_over_live_file();
 }

@@ -6,11 +6,11 @@
 #include <unistd.h>
 
 #include "pub/util/util.h"
-#include "sa/main/codes.h"
+#include "sa/main/base/codes.h"
+#include "sa/main/base/log.h"
+#include "sa/main/base/process.h"
 #include "sa/main/listener.h"
-#include "sa/main/log.h"
 #include "sa/main/log_rotate.h"
-#include "sa/main/process.h"
 #include "sa/main/protect.h"
 #include "sa/main/signals.h"
 #include "sa/sa-cfg/sa_cfg.h"
@@ -61,7 +61,8 @@ __attribute__((noreturn)) static void prompt_usage(const char *program) {
 
 static void parse_options(int argc, char *argv[]) {
     int option;
-    while ((option = getopt(argc, argv, "d:p:c:h")) != -1) {
+    // "+": the options end at the first word that is none, on every C library.
+    while ((option = getopt(argc, argv, "+d:p:c:h")) != -1) {
         if (option != 'c' && option != 'p') {
             prompt_usage(argv[0]);
         }
@@ -74,28 +75,11 @@ static void show_banner(void) {
     sa_log_platform("    Build time: %s %s\n", __DATE__, __TIME__);
 }
 
-// Brings the agent up and listens. Returns 0 after the listener, or the code of the step that failed.
-static long run_agent(const char *function) {
-    long ret_val = sa_cfg_init();
-    sa_log_file_as(function, "sa_cfg_init ret_val[%ld]", ret_val);
-    if (ret_val == 0) {
-        ret_val = sa_handle_init();
-        sa_log_file_as(function, "sa_handle_init ret_val[%ld]", ret_val);
-    }
-    if (ret_val != 0) {
-        sa_log_platform("%s no loop error[%d-%s]", function, errno, pub_util_error_text(errno));
-        sa_log_file_errno_as(function, "no loop");
-        return ret_val;
-    }
-    sa_listener_loop();
-    sa_log_file_as(function, "sa_listener_loop exit");
-    return 0;
-}
-
 int main(int argc, char *argv[]) {
+    sa_survive_failed_writes();
     sa_log_entry();
     update_sa_logs();
-    const int32_t own_pid = static_cast<int32_t>(getpid());
+    const int32_t own_pid = getpid();
     sa_log("pid[%d]", own_pid);
     if (util_is_sa_running(own_pid)) {
         printf("%s already run.\n", SA_NAME);
@@ -109,7 +93,19 @@ int main(int argc, char *argv[]) {
     pub_util_create_pid_file(SA_NAME);
     sa_install_signals();
     protect_data();
-    const long ret_val = run_agent(__func__);
+    long ret_val = sa_cfg_init();
+    sa_log_file("sa_cfg_init ret_val[%ld]", ret_val);
+    if (ret_val == 0) {
+        ret_val = sa_handle_init();
+        sa_log_file("sa_handle_init ret_val[%ld]", ret_val);
+    }
+    if (ret_val == 0) {
+        sa_listener_loop();
+        sa_log_file("sa_listener_loop exit");
+    } else {
+        sa_log_platform("%s no loop error[%d-%s]", __func__, errno, pub_util_error_text(errno));
+        sa_log_file_errno("no loop");
+    }
     sa_log_platform("%s sa_deinit_resource", __func__);
     sa_log_file("exit");
     sa_deinit_resource();

@@ -7,8 +7,8 @@
 #include <sys/vfs.h>
 #include <unistd.h>
 
-#include "sa/main/log.h"
-#include "sa/main/text.h"
+#include "sa/main/base/log.h"
+#include "sa/main/base/text.h"
 
 static const char kReserve[] = "/data/.protect/";
 static const int kPathSize = 256;

@@ -1,24 +1,25 @@
 // Signals and teardown.
 //
-// The handler calls ordinary functions, by design. It can, because of what the interrupted code may hold: log lines, the
-// registry of workers and the channel are never interrupted (their holders take no signals); the time zone is not looked
-// at while the handler runs; and the agent's only stdio stream is open with all signals blocked, so that exit finds none
-// in use. State: the constant table of names.
+// The handler calls ordinary functions, by design. It can, because no thread is ever interrupted in the middle of a log line,
+// of the registry of workers or of a step of the channel (signals are blocked there), because the C library's time zone is
+// asked for only if the interrupted thread sleeps in the listener's read, and because the end runs no exit handler. State:
+// the constant table of names.
 #include "sa/main/signals.h"
 
 #include <signal.h>
 #include <stdint.h>
-#include <stdlib.h>
+#include <unistd.h>
 
 #include <cutils/properties.h>
 
 #include "pub/util/signal_mask.h"
-#include "sa/main/codes.h"
-#include "sa/main/local_time.h"
-#include "sa/main/log.h"
+#include "sa/main/base/codes.h"
+#include "sa/main/base/local_time.h"
+#include "sa/main/base/log.h"
+#include "sa/main/base/system.h"
+#include "sa/main/listener.h"
+#include "sa/sa-handle/collect/log_start.h"
 #include "sa/sa-handle/handle.h"
-#include "sa/sa-handle/log_start.h"
-#include "sa/sa-handle/state.h"
 
 struct sa_signal_row {
     int32_t signo;
@@ -85,37 +86,22 @@ void sa_deinit_resource(void) {
 }
 
 void sa_exit(int status) {
-    sigset_t mask;
-    pub_util_block_signals(&mask);
-    exit(status);
-}
-
-// Stops the collectors and has init stop this very service. The handler returns; init ends the process. Should init
-// refuse, the agent lives on; its command thread may open the channel again, if it still sits in a read that a client's
-// hang-up ends. One that comes to a read behind the teardown ends.
-static void reset_agent(const char *function) {
-    sa_log_platform("ready to kill all child service");
-    sa_kill_all_child_service_ex();
-    if (property_set("ctl.stop", SA_NAME) != 0) {
-        sa_channel_reinstate();
-    }
-    sa_log_file_as(function, "PUB_UTIL_RESET_PROCESS_SIGNAL exit");
-}
-
-// The signal may have found a worker, and a stop of that worker (by this very handler, or by +DELETE_LOG meanwhile) would
-// end the handler with the thread: the stop waits until the handler is done.
-static void defer_stop(sigset_t *mask_ptr) {
-    sigset_t stop;
-    sigemptyset(&stop);
-    sigaddset(&stop, SIGUSR1);
-    pthread_sigmask(SIG_BLOCK, &stop, mask_ptr);
+    _exit(status);
 }
 
 void signal_treatment(int signo) {
     const int saved_errno = errno;
     sigset_t mask;
-    defer_stop(&mask);
-    sa_local_time_hold();
+    sigset_t stop;
+    // A stop of the interrupted thread, by this very handler or by +DELETE_LOG meanwhile, would end the handler with the
+    // thread: it waits until the handler is done.
+    sigemptyset(&stop);
+    sigaddset(&stop, SIGUSR1);
+    pthread_sigmask(SIG_BLOCK, &stop, &mask);
+    const bool is_holding = !sa_listener_is_waiting();
+    if (is_holding) {
+        sa_local_time_hold();
+    }
     sa_log_entry_both();
     const char *name = sa_get_signal_name(signo);
     sa_log_platform("%s receive signal[%d-%s]", __func__, signo, name);
@@ -125,15 +111,31 @@ void signal_treatment(int signo) {
         sa_log("exit");
         sa_exit(0);
     }
-    reset_agent(__func__);
-    sa_local_time_release();
+    sa_log_platform("ready to kill all child service");
+    sa_kill_all_child_service_ex();
+    if (property_set("ctl.stop", SA_NAME) != 0) {
+        sa_handle_resume();  // init does not stop the agent: it goes on
+    }
+    sa_log_file("PUB_UTIL_RESET_PROCESS_SIGNAL exit");
+    if (is_holding) {
+        sa_local_time_release();
+    }
     errno = saved_errno;
     pub_util_restore_signals(&mask);
 }
 
 void sa_install_signals(void) {
-    static const int handled_a[] = {SIGINT, SIGTERM, SIGSEGV, SIGBUS, SIGUSR2};
-    for (const int signo : handled_a) {
+    static const int kHandled[] = {SIGINT, SIGTERM, SIGSEGV, SIGBUS, SIGUSR2};
+    for (const int signo : kHandled) {
         signal(signo, signal_treatment);
     }
+    sa_system_keep_signals();
+}
+
+static void ignore_signal(int) {}
+
+// A handler, not SIG_IGN: programs that the agent runs inherit an ignored signal, but not a handled one.
+void sa_survive_failed_writes(void) {
+    signal(SIGPIPE, ignore_signal);
+    signal(SIGXFSZ, ignore_signal);
 }

@@ -6,24 +6,23 @@
 #include <string.h>
 
 #include "pub/cfg/cfg.h"
-#include "pub/util/signal_mask.h"
-#include "sa/main/codes.h"
-#include "sa/main/log.h"
+#include "sa/main/base/codes.h"
+#include "sa/main/base/log.h"
 
 static const char kPath[] = "/system/etc/zr-qel-sa.cfg";
 static const int kLineSize = 100;
 
-struct sa_cfg_record sa_cfg_st;  // owner: this room
+struct sa_cfg_st g_sa_cfg;
 
 static void take_setting(const char *key, const char *value) {
     if (strcmp(key, "zr.tty.cmd") == 0) {
-        const size_t limit = sizeof(sa_cfg_st.tty_cmd_a) - 1;
-        memset(sa_cfg_st.tty_cmd_a, 0, sizeof(sa_cfg_st.tty_cmd_a));
-        memcpy(sa_cfg_st.tty_cmd_a, value, strnlen(value, limit));
-        sa_log_platform("[cfg]zr.tty.cmd = %s", sa_cfg_st.tty_cmd_a);
+        const size_t limit = sizeof(g_sa_cfg.tty_cmd_a) - 1;
+        memset(g_sa_cfg.tty_cmd_a, 0, sizeof(g_sa_cfg.tty_cmd_a));
+        memcpy(g_sa_cfg.tty_cmd_a, value, strnlen(value, limit));
+        sa_log_platform("[cfg]zr.tty.cmd = %s", g_sa_cfg.tty_cmd_a);
     } else if (strcmp(key, "zr.log.size") == 0) {
-        sa_cfg_st.log_size_val = static_cast<int32_t>(strtol(value, nullptr, 10));
-        sa_log_platform("[cfg]zr.log.size = %ld", static_cast<long>(sa_cfg_st.log_size_val));
+        g_sa_cfg.log_size_val = static_cast<int32_t>(strtol(value, nullptr, 10));
+        sa_log_platform("[cfg]zr.log.size = %ld", static_cast<long>(g_sa_cfg.log_size_val));
     }
 }
 
@@ -44,24 +43,20 @@ static void read_settings(FILE *stream_ptr) {
 
 static void parse_sa_cfg(void) {
     sa_log_entry();
-    // The stream is the agent's only one. A handler that ended the process while it is open would meet its lock.
-    sigset_t mask;
-    pub_util_block_signals(&mask);
     FILE *stream_ptr = fopen(kPath, "re");
     if (stream_ptr == nullptr) {
         sa_log_failed_call("fopen", SA_ERR_FAIL);
         sa_log_error(SA_ERR_SYSTEM);
         sa_log_platform("fail to open file: %s", kPath);
-    } else {
-        read_settings(stream_ptr);
-        fclose(stream_ptr);
+        return;
     }
-    pub_util_restore_signals(&mask);
+    read_settings(stream_ptr);
+    fclose(stream_ptr);
 }
 
 int32_t sa_cfg_init(void) {
     sa_log_entry();
-    memset(&sa_cfg_st, 0, sizeof(sa_cfg_st));
+    memset(&g_sa_cfg, 0, sizeof(g_sa_cfg));
     parse_sa_cfg();
     return 0;
 }

@@ -5,13 +5,13 @@
 #include <stdint.h>
 
 /** Settings; zero where the file or the key is missing. Written by sa_cfg_init on the main thread, constant afterwards. */
-struct sa_cfg_record {
+struct sa_cfg_st {
     char tty_cmd_a[28];    // zr.tty.cmd: where the command channel is published; always NUL-terminated
-    int32_t log_size_val;  // zr.log.size: kept for the log's sake; nothing reads it
+    int32_t log_size_val;  // zr.log.size: stored and logged; nothing reads it
 };
 
 /** The one record; its owner is sa_cfg.cpp. */
-extern struct sa_cfg_record sa_cfg_st;
+extern struct sa_cfg_st g_sa_cfg;
 
 /** Reads the file. Whatever is wrong with it is logged, and the agent runs with what could be read. Always returns 0. */
 int32_t sa_cfg_init(void);

@@ -2,62 +2,40 @@
 #include "sa/sa-handle/panic.h"
 
 #include <stdio.h>
-#include <unistd.h>
 
-#include "sa/main/log.h"
-#include "sa/main/text.h"
-#include "sa/sa-handle/shell.h"
+#include "sa/main/base/files.h"
+#include "sa/main/base/text.h"
+#include "sa/sa-handle/command/shell.h"
 
 static const char *const kSets[] = {"apanic_minidump", "apanic_console", "apanic_threads"};
 static const char kSource[] = "/data/dontpanic";
 static const char kSaved[] = "/data/log/SystemLog";
 static const int kGenerations = 3;
 static const int kPathSize = 64;
-static const char kCaller[] = "sa_handle_init";  // this is its step, and reported as such
-
-static bool exists(const char *directory, const char *name) {
-    char path_a[kPathSize];
-    sa_format(path_a, sizeof(path_a), "%s/%s", directory, name);
-    return access(path_a, F_OK) == 0;
-}
-
-static void saved_name(const char *name, int generation, char *path_ptr) {
-    if (generation == 0) {
-        sa_format(path_ptr, kPathSize, "%s/%s", kSaved, name);
-    } else {
-        sa_format(path_ptr, kPathSize, "%s/%s.%d", kSaved, name, generation);
-    }
-}
-
-static void shift_generations(const char *name) {
-    char old_a[kPathSize];
-    char new_a[kPathSize];
-    saved_name(name, kGenerations, new_a);
-    remove(new_a);
-    for (int generation = kGenerations - 1; generation >= 0; generation--) {
-        saved_name(name, generation, old_a);
-        saved_name(name, generation + 1, new_a);
-        rename(old_a, new_a);
-    }
-}
+static const char kLogName[] = "sa_handle_init";  // this is its step
 
 static void save_set(const char *name) {
-    char text_a[SA_COMMAND_SIZE];
-    shift_generations(name);
-    sa_format(text_a, sizeof(text_a), "cp %s/%s %s", kSource, name, kSaved);
-    sa_call_system(kCaller, __LINE__, text_a);
-    if (exists(kSaved, name)) {
-        sa_format(text_a, sizeof(text_a), "date >> %s/%s", kSaved, name);
-        sa_call_system(kCaller, __LINE__, text_a);
+    char source_a[kPathSize];
+    char saved_a[kPathSize];
+    char command_a[SA_COMMAND_SIZE];
+    sa_format(source_a, sizeof(source_a), "%s/%s", kSource, name);
+    sa_format(saved_a, sizeof(saved_a), "%s/%s", kSaved, name);
+    sa_shift_generations(saved_a, kGenerations);
+    sa_format(command_a, sizeof(command_a), "cp %s %s", source_a, kSaved);
+    sa_call_system(kLogName, __LINE__, command_a);
+    if (sa_exists(saved_a)) {
+        sa_format(command_a, sizeof(command_a), "date >> %s", saved_a);
+        sa_call_system(kLogName, __LINE__, command_a);
     }
-    sa_format(text_a, sizeof(text_a), "%s/%s", kSource, name);
-    remove(text_a);
+    remove(source_a);
 }
 
 void sa_save_panic_records(void) {
     bool is_any = false;
     for (const char *name : kSets) {
-        is_any = is_any || exists(kSource, name);
+        char source_a[kPathSize];
+        sa_format(source_a, sizeof(source_a), "%s/%s", kSource, name);
+        is_any = is_any || sa_exists(source_a);
     }
     if (!is_any) {
         return;

@@ -136,9 +136,9 @@ TEST_F(Operations, DefaultOfThePropertyIsTold) {
 
 TEST_F(Operations, HandledSignalsAreTold) {
     ASSERT_NO_FATAL_FAILURE(boot());
-    const std::vector<std::pair<std::string, int>> numbers = {{"SIGINT", SIGINT},   {"SIGTERM", SIGTERM},
-                                                              {"SIGSEGV", SIGSEGV}, {"SIGBUS", SIGBUS},
-                                                              {"SIGUSR1", SIGUSR1}, {"SIGUSR2", SIGUSR2}};
+    const std::vector<std::pair<std::string, int>> numbers = {
+        {"SIGINT", SIGINT},   {"SIGTERM", SIGTERM}, {"SIGSEGV", SIGSEGV}, {"SIGBUS", SIGBUS},
+        {"SIGUSR1", SIGUSR1}, {"SIGUSR2", SIGUSR2}, {"SIGPIPE", SIGPIPE}, {"SIGXFSZ", SIGXFSZ}};
     const std::string status_line = "SigCgt:";
     std::string text = desk_file_text(h, "/proc/" + std::to_string(desk_agent_pid(h)) + "/status");
     const uint64_t caught = std::stoull(text.substr(text.find(status_line) + status_line.size()), nullptr, 16);

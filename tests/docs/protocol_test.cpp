@@ -171,7 +171,7 @@ TEST_F(Protocol, EveryCommandIsServedAsTheTableSays) {
         }
     }
     std::set<std::string> known;
-    for (const std::string &line : page("sa/sa-handle/command.cpp")) {
+    for (const std::string &line : page("sa/sa-handle/command/command.cpp")) {
         std::smatch match;
         if (std::regex_search(line, match, std::regex("\\{COMMAND\\(\"([^\"]+)\"\\)"))) {
             known.insert(match[1]);

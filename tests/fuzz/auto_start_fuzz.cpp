@@ -5,7 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "sa/sa-handle/auto_start.h"
+#include "sa/sa-handle/command/auto_start.h"
 #include "tests/fuzz/intercept.h"
 
 // A started name comes from one whole slot.

@@ -2,7 +2,7 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include "sa/main/process.h"
+#include "sa/main/base/process.h"
 #include "tests/fuzz/intercept.h"
 
 static const size_t kReadSize = 511;  // of each command line no more is looked at

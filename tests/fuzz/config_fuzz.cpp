@@ -28,7 +28,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     }
     fwrite(data, 1, size, stream);
     fclose(stream);
-    if (sa_cfg_init() != 0 || memchr(sa_cfg_st.tty_cmd_a, '\0', sizeof(sa_cfg_st.tty_cmd_a)) == nullptr) {
+    if (sa_cfg_init() != 0 || memchr(g_sa_cfg.tty_cmd_a, '\0', sizeof(g_sa_cfg.tty_cmd_a)) == nullptr) {
         abort();
     }
     split_alone(data, size);

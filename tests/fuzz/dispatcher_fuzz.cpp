@@ -4,8 +4,8 @@
 #include <string.h>
 #include <unistd.h>
 
-#include "sa/main/log.h"
-#include "sa/sa-handle/command.h"
+#include "sa/main/base/log.h"
+#include "sa/sa-handle/command/command.h"
 #include "tests/fuzz/intercept.h"
 
 // Whatever a host sends, the shell gets a whole line inside its buffer.

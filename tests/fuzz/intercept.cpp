@@ -30,7 +30,7 @@ int __real_kill(pid_t pid, int signo);
 int __real_usleep(useconds_t pause);
 unsigned __real_sleep(unsigned pause);
 int __real_pthread_create(pthread_t *id, const pthread_attr_t *attr, void *(*routine)(void *), void *arg);
-__attribute__((noreturn)) void __real_exit(int status);
+__attribute__((noreturn)) void __real__exit(int status);
 ssize_t __real_read(int fd, void *buffer, size_t size);
 
 int __wrap_system(const char *command) {
@@ -68,9 +68,9 @@ int __wrap_pthread_create(pthread_t *id, const pthread_attr_t *attr, void *(*rou
     return intercept_is_on ? EAGAIN : __real_pthread_create(id, attr, routine, arg);
 }
 
-__attribute__((noreturn)) void __wrap_exit(int status) {
+__attribute__((noreturn)) void __wrap__exit(int status) {
     if (!intercept_is_on) {
-        __real_exit(status);
+        __real__exit(status);
     }
     siglongjmp(intercept_end, 1);
 }

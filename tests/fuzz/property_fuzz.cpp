@@ -2,8 +2,8 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include "sa/sa-handle/log_svc.h"
-#include "sa/sa-handle/logcat.h"
+#include "sa/sa-handle/collect/log_svc.h"
+#include "sa/sa-handle/collect/logcat.h"
 #include "tests/fuzz/intercept.h"
 
 static bool is_cut_by_design(const char *text) {
@@ -28,11 +28,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     }
     parse_zr_log_config(text);
     for (const struct log_svc_rec &rec : g_zr_log_svc) {
-        struct logcat_argv argv;
-        int count = 0;
+        struct sa_argv argv;
         if (memchr(rec.file_num, '\0', sizeof(rec.file_num)) == nullptr ||
             memchr(rec.file_size, '\0', sizeof(rec.file_size)) == nullptr ||
-            (make_logcat_svc_argv_ex(&rec, &argv, &count) == 0) != (count > 0)) {
+            (make_logcat_svc_argv_ex(&rec, &argv) == 0) != (argv.num > 0)) {
             abort();
         }
     }

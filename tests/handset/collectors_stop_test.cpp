@@ -71,7 +71,7 @@ TEST_F(CollectorsStop, SignalsEachInTableOrder) {
         EXPECT_TRUE(wait_file_line("subproc_waiter_service pid[" + std::to_string(pid) + "] killed by signal[9]"));
         EXPECT_TRUE(desk_wait_gone(h, pid));
     }
-    EXPECT_NE(kernel_reader(), reader) << "a new reader";
+    EXPECT_EQ(rests(file_lines(), "start_zr_log_service KMSG m_read_kernel_log_tid[").size(), 2u) << "a new reader";
     EXPECT_EQ(children_of(desk_agent_pid(h)).size(), 4u);
 }
 
@@ -153,11 +153,12 @@ TEST_F(CollectorsStop, GoesByPositionAndNotByType) {
     ASSERT_NO_FATAL_FAILURE(boot(with_log_property("/data/local/log,I4,0,0,I5,1,1,I6,1,1,I5,1,1,I2,0,0,I3,0,0")));
     const std::string tcpdump = std::to_string(process_with("/data/local/log/ipdata.pcap"));
     const std::string logcat = std::to_string(process_with("/data/local/log/logcat-events.log"));
+    const std::string reader = kernel_reader();
     ASSERT_EQ(command("+DELETE_LOG"), kOk);
     EXPECT_TRUE(
         in_order(stop_lines(),
                  {"log_type[I5], svc_pid[" + tcpdump + "], mthread_id[0]", "IPDATA kill[" + tcpdump + "] ret_val[0]",
-                  "log_type[I6], svc_pid[0], mthread_id[" + std::string("1") + "]",
+                  "log_type[I6], svc_pid[0], mthread_id[" + reader + "]",
                   "log_type[I5], svc_pid[" + logcat + "], mthread_id[0]", "LOGCAT kill[" + logcat + "] ret_val[0]",
                   "log_type[I2], svc_pid[0], mthread_id[0]", "log_type[I3], svc_pid[0], mthread_id[0]"}));
 }

@@ -9,18 +9,19 @@ TEST_F(Initialisation, TakesItsStepsInThisOrder) {
     options.files.push_back({"/data/dontpanic/apanic_console", "panic\n", "", 0640, 0, 1007});
     ASSERT_NO_FATAL_FAILURE(boot(options));
     EXPECT_TRUE(in_order(
-        main_thread_lines(),
+        without_thread_ids(main_thread_lines()),
         {"sa_handle_init()", "auto_start_service_list_read()", "auto_start_service_list_run()",
          "Try to start service: zr-elog", "sa_handle_init m_pts_mapping_name_a[/dev/ttyCMD0]",
          "sa_is_can_start_log_service()", "start_log_service()", "get_zr_log_config()", "parse_zr_log_config()",
          "check_zr_log_path()", "start_zr_log_service()", "start_logcat_service_ex()", "start_zr_log_service()",
-         "start_log_service All Log Service Start Success.", "sa_handle_init m_read_cmd_thread_id[2] ret_val[0]",
+         "start_log_service All Log Service Start Success.", "sa_handle_init m_read_cmd_thread_id[N] ret_val[0]",
          "PUB_UTIL_CALL_SYSTEM(256, cp /data/dontpanic/apanic_console /data/log/SystemLog)", "sa_handle_init exit",
          "sa_listener_loop()"}));
-    EXPECT_TRUE(in_order(file_lines(), {"sa_handle_init m_pts_mapping_name_a[/dev/ttyCMD0]",
-                                        "start_log_service All Log Service Start Success.",
-                                        "sa_handle_init m_read_cmd_thread_id[2] ret_val[0]",
-                                        "sa_handle_init exit ret_val[0]", "main sa_handle_init ret_val[0]"}));
+    EXPECT_TRUE(in_order(
+        without_thread_ids(file_lines()),
+        {"sa_handle_init m_pts_mapping_name_a[/dev/ttyCMD0]", "start_log_service All Log Service Start Success.",
+         "sa_handle_init m_read_cmd_thread_id[N] ret_val[0]", "sa_handle_init exit ret_val[0]",
+         "main sa_handle_init ret_val[0]"}));
     EXPECT_EQ(count_lines(file_lines(), "sa_handle_init exit"), 0)
         << "without its result it goes to the platform alone";
 }

@@ -72,7 +72,7 @@ std::vector<std::string> LauncherCalls::calls_of(pid_t pid) {
 TEST_F(LauncherCalls, OfLogcat) {
     ASSERT_NO_FATAL_FAILURE(boot_traced({{6, "5,5"}}));
     EXPECT_EQ(calls_of(process_with("/data/local/log/logcat-radio.log")),
-              (std::vector<std::string>{"setpgid(0, 0) = 0", "setsid() = -1 EPERM (Operation not permitted)",
+              (std::vector<std::string>{"setpgid(0, PID) = 0", "setsid() = -1 EPERM (Operation not permitted)",
                                         "dup2(FD, 0) = 0", "dup2(FD, 1) = 1", "dup2(FD, 2) = 2", "close(FD) = 0",
                                         "openat(AT_FDCWD, \"/proc/PID/oom_adj\", O_WRONLY|O_CLOEXEC) = 4",
                                         "write(N, \"0\", 1) = 1", "setgid(1007) = 0", "setuid(2000) = 0", "execve"}));

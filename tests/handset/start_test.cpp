@@ -232,7 +232,7 @@ TEST_F(Start, LogsAtDebugPriorityInTheMainBuffer) {
     EXPECT_GT(lines, 50);
 }
 
-// Handled signals and no others; the reader adds the one that stops threads.
+// Handled signals and no others: those that end or reset it, the one that stops threads, two that fail a write.
 TEST_F(Start, HandlesTheseSignalsOnly) {
     ASSERT_NO_FATAL_FAILURE(boot());
     ASSERT_EQ(ask("AT\r"), kOk);
@@ -241,7 +241,7 @@ TEST_F(Start, HandlesTheseSignalsOnly) {
         return std::stoull(status.substr(status.find(name) + name.size()), nullptr, 16) & 0x7fffffffu;
     };
     const auto bit = [](int signo) { return 1ull << (signo - 1); };
-    EXPECT_EQ(mask("SigCgt:\t"), bit(2) | bit(7) | bit(10) | bit(11) | bit(12) | bit(15));
+    EXPECT_EQ(mask("SigCgt:\t"), bit(2) | bit(7) | bit(10) | bit(11) | bit(12) | bit(13) | bit(15) | bit(25));
     EXPECT_EQ(mask("SigIgn:\t"), 0u);
 }
 
@@ -274,8 +274,8 @@ TEST_F(Start, WithoutACommandThreadEndsInOrder) {
     ASSERT_GE(lines.size(), 6u);
     EXPECT_EQ(std::vector<std::string>(lines.end() - 6, lines.end()),
               (std::vector<std::string>{"sa_handle_init exit ret_val[-118]", "main sa_handle_init ret_val[-118]",
-                                        lines[lines.size() - 4], "main exit", "sa_handle_deinit exit ret_val[0]",
-                                        "sa_deinit_resource exit ret_val[0]"}));
+                                        lines[lines.size() - 4], "main exit", "sa_handle_deinit exit ret_val[-1]",
+                                        "sa_deinit_resource exit ret_val[-1]"}));
     EXPECT_TRUE(std::regex_match(lines[lines.size() - 4], std::regex("main no loop errno\\[[0-9]+-.+\\]")));
     settle();
     EXPECT_TRUE(in_order(

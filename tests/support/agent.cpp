@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <regex>
 
 #include "tests/support/crash.h"
 #include "tests/support/lack.h"
@@ -219,4 +220,12 @@ int count_lines(const std::vector<std::string> &lines, const std::string &text) 
         ++at;
     }
     return ::testing::AssertionSuccess();
+}
+
+std::vector<std::string> without_thread_ids(std::vector<std::string> lines) {
+    static const std::regex kId("m_read_cmd_thread_id\\[[0-9]+\\]");
+    for (std::string &line : lines) {
+        line = std::regex_replace(line, kId, "m_read_cmd_thread_id[N]");
+    }
+    return lines;
 }

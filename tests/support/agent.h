@@ -78,4 +78,7 @@ int count_lines(const std::vector<std::string> &lines, const std::string &text);
 // Whether `wanted` stand among `lines` in this order, other lines in between allowed; the first one missing is named.
 ::testing::AssertionResult in_order(const std::vector<std::string> &lines, const std::vector<std::string> &wanted);
 
+// The lines with N for the reader thread's id, which the C library chooses.
+std::vector<std::string> without_thread_ids(std::vector<std::string> lines);
+
 #endif

@@ -1,5 +1,5 @@
 // Arguments of handlers: quoted texts, numbers and switches, up to their edges.
-#include "sa/sa-handle/arguments.h"
+#include "sa/sa-handle/command/arguments.h"
 
 #include <errno.h>
 #include <string.h>

@@ -6,8 +6,8 @@
 
 #include <cutils/properties.h>
 
-#include "sa/sa-handle/log_svc.h"
-#include "sa/sa-handle/logcat.h"
+#include "sa/sa-handle/collect/log_svc.h"
+#include "sa/sa-handle/collect/logcat.h"
 #include "tests/unit/trail.h"
 
 typedef std::vector<std::string> lines;
@@ -92,10 +92,11 @@ TEST_F(Settings, CutCountAndSizeTextsAt39Characters) {
 
 TEST_F(Settings, NeverTouchWhatRuns) {
     g_zr_log_svc[3].svc_pid = 4711;
-    g_zr_log_svc[2].mthread_id = 12;
+    g_zr_log_svc[2].mthread_id = {12, 3};
     EXPECT_EQ(parse_zr_log_config(kDefault), 0);
     EXPECT_EQ(g_zr_log_svc[3].svc_pid, 4711);
-    EXPECT_EQ(g_zr_log_svc[2].mthread_id, 12ul);
+    EXPECT_EQ(g_zr_log_svc[2].mthread_id.thread, 12ul);
+    EXPECT_EQ(g_zr_log_svc[2].mthread_id.serial, 3u);
 }
 
 struct refusal {
@@ -169,7 +170,8 @@ class LogcatVector : public TrailTest {
         strcpy(rec.type, type);
         memset(&argv, 'x', sizeof(argv));
         num = -1;
-        const long result = make_logcat_svc_argv_ex(&rec, &argv, &num);
+        const long result = make_logcat_svc_argv_ex(&rec, &argv);
+        num = argv.num;
         if (result != 0) {
             return std::to_string(result);
         }
@@ -183,7 +185,7 @@ class LogcatVector : public TrailTest {
     }
 
     struct log_svc_rec rec;
-    struct logcat_argv argv;
+    struct sa_argv argv;
     int num = -1;
 };
 

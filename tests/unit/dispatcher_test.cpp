@@ -7,7 +7,7 @@
 
 #include <iterator>
 
-#include "sa/sa-handle/command.h"
+#include "sa/sa-handle/command/command.h"
 #include "tests/unit/trail.h"
 
 typedef std::vector<std::string> lines;

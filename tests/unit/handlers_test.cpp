@@ -1,5 +1,5 @@
 // The command handlers called directly: what they do with arguments that the dispatcher never gives them.
-#include "sa/sa-handle/handlers.h"
+#include "sa/sa-handle/command/handlers.h"
 
 #include <errno.h>
 #include <fcntl.h>

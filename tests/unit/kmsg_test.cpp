@@ -1,12 +1,11 @@
 // Where the kernel reader's file wraps, to the byte, at sizes beyond what a handset's own stream is made for.
-#include "sa/sa-handle/kmsg.h"
+#include "sa/sa-handle/collect/kmsg.h"
 
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "sa/sa-handle/state.h"
 #include "tests/unit/faults.h"
 #include "tests/unit/trail.h"
 
@@ -39,8 +38,8 @@ class KernelReaderWrap : public TrailTest, public ::testing::WithParamInterface<
         divert_open("kmsg", kStream);
     }
     void TearDown() override {
-        const pub_thread_id reader = m_sa_handle.m_read_kernel_log_tid;
-        pub_util_kill_thread(&m_sa_handle.m_read_kernel_log_tid);
+        const pub_thread_id reader = m_read_kernel_log_tid;
+        pub_util_kill_thread(&m_read_kernel_log_tid);
         EXPECT_TRUE(wait_until([&] { return pub_util_signal_thread(reader, 0) == ESRCH; }));
         divert_open("", "");
         close(stream);

@@ -1,5 +1,5 @@
 // Local time against the C library's, in many zones, over decades and around every change.
-#include "sa/main/local_time.h"
+#include "sa/main/base/local_time.h"
 
 #include <errno.h>
 #include <gtest/gtest.h>
@@ -13,25 +13,6 @@ static const time_t kHour = 3600;
 static const time_t kDay = 24 * kHour;
 static const time_t kBegin = 365 * kDay;   // 1971
 static const time_t kEnd = 24836L * kDay;  // 2037, the last year of 32-bit times
-
-// Another reader, who comes in the middle of a look: asked in every call that the look makes to the C library.
-static time_t m_reader_when;
-static std::vector<std::string> m_reader_saw;
-static bool m_is_read_between;
-
-static std::string ours(time_t when);
-
-struct tm *real_zone_call(const time_t *when_ptr, struct tm *out_ptr) __asm__("__real_" ZONE_CALL);
-struct tm *wrap_zone_call(const time_t *when_ptr, struct tm *out_ptr) __asm__("__wrap_" ZONE_CALL);
-
-struct tm *wrap_zone_call(const time_t *when_ptr, struct tm *out_ptr) {
-    if (m_is_read_between) {
-        m_is_read_between = false;
-        m_reader_saw.push_back(ours(m_reader_when));
-        m_is_read_between = true;
-    }
-    return real_zone_call(when_ptr, out_ptr);
-}
 
 static void set_zone(const char *zone) {
     setenv("TZ", zone, 1);
@@ -108,40 +89,6 @@ TEST_P(LocalTime, FollowsEveryChange) {
     }
 }
 
-// Who may not look at the zone knows its next change all the same.
-TEST_P(LocalTime, ForeseesTheNextChangeWhileNobodyLooks) {
-    const std::vector<time_t> edges = changes(kBegin + 30 * 365 * kDay, kBegin + 36 * 365 * kDay);
-    for (size_t index = 0; index + 1 < edges.size(); index++) {
-        const time_t looked = edges[index] + 2 * kDay;
-        if (edges[index + 1] - looked > 350 * kDay) {
-            continue;  // a year ahead is all that is foreseen
-        }
-        ours(looked);
-        sa_local_time_hold();
-        for (const time_t when : {looked + kDay, edges[index + 1] - 1, edges[index + 1], edges[index + 1] + 5 * kDay}) {
-            EXPECT_EQ(ours(when), theirs(when)) << when;
-        }
-        sa_local_time_release();
-    }
-}
-
-// Who logs in the minute of a change while somebody else looks at the zone has the new offset already.
-TEST_P(LocalTime, IsRightForWhoComesDuringALook) {
-    for (const time_t change : changes(kBegin + 30 * 365 * kDay, kBegin + 36 * 365 * kDay)) {
-        ours(change - 60);
-        m_reader_when = change + 1;
-        const std::string expected = theirs(m_reader_when);
-        m_is_read_between = true;
-        ours(change);
-        m_is_read_between = false;
-        EXPECT_FALSE(m_reader_saw.empty());
-        for (const std::string &seen : m_reader_saw) {
-            EXPECT_EQ(seen, expected);
-        }
-        m_reader_saw.clear();
-    }
-}
-
 // Both hemispheres, half and quarter hours, a change at midnight, a negative summer time, none at all; as rules and by name.
 INSTANTIATE_TEST_SUITE_P(Zones, LocalTime,
                          ::testing::Values("UTC0", "CET-1CEST,M3.5.0,M10.5.0/3", "EST5EDT,M3.2.0,M11.1.0",
@@ -149,12 +96,12 @@ INSTANTIATE_TEST_SUITE_P(Zones, LocalTime,
                                            "<-0330>3:30<-0230>,M3.2.0,M11.1.0", "Europe/Berlin", "Asia/Shanghai",
                                            "Australia/Lord_Howe", "America/Sao_Paulo", "Pacific/Apia"));
 
-TEST(LocalTimeZone, IsLookedUpAnewWithinAMinute) {
+TEST(LocalTimeZone, ChangeShowsInTheNextSecond) {
     set_zone("UTC0");
     const time_t noon = 1700000000 / 60 * 60;
     EXPECT_EQ(ours(noon), "2023-11-14 22:13:00");
     set_zone("CET-1");
-    EXPECT_EQ(ours(noon + 60), "2023-11-14 23:14:00");
+    EXPECT_EQ(ours(noon + 1), "2023-11-14 23:13:01");
     unsetenv("TZ");
     tzset();
 }

@@ -2,8 +2,9 @@
 #include <string.h>
 #include <unistd.h>
 
-#include "sa/sa-handle/kmsg.h"
-#include "sa/sa-handle/log_start.h"
+#include "sa/sa-handle/collect/kmsg.h"
+#include "sa/sa-handle/collect/log_directory.h"
+#include "sa/sa-handle/collect/log_start.h"
 #include "tests/unit/trail.h"
 
 typedef std::vector<std::string> lines;
@@ -38,7 +39,7 @@ TEST_F(LogStart, OfAnotherPositionDoesNothing) {
         rec.svc_pid = 77;
         EXPECT_EQ(start_zr_log_service(&rec), 0) << type_id;
         EXPECT_EQ(rec.svc_pid, 77);
-        EXPECT_EQ(rec.mthread_id, 0u);
+        EXPECT_EQ(rec.mthread_id.serial, 0u);
     }
     EXPECT_EQ(platform(), lines(7, "start_zr_log_service()"));
     EXPECT_EQ(file(), lines{});

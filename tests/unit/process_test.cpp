@@ -1,5 +1,5 @@
 // Finding processes by name: which part of a command line counts, and what the callers get.
-#include "sa/main/process.h"
+#include "sa/main/base/process.h"
 
 #include <errno.h>
 #include <sched.h>

@@ -1,5 +1,5 @@
 // Answers on the channel: their bytes, that each is one write, and what becomes of a write that fails or falls short.
-#include "sa/sa-handle/response.h"
+#include "sa/sa-handle/command/response.h"
 
 #include <errno.h>
 #include <fcntl.h>

@@ -6,7 +6,6 @@
 
 #include <algorithm>
 
-#include "sa/sa-handle/state.h"
 #include "tests/unit/trail.h"
 
 class SignalName : public TrailTest {};
@@ -42,7 +41,6 @@ class SignalTreatment : public TrailTest {
         forget();
         const pid_t pid = fork();
         if (pid == 0) {
-            m_sa_handle.pty.m_ptm_fd = -1;
             signal_treatment(signo);
             _exit(99);
         }

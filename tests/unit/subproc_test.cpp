@@ -1,5 +1,5 @@
 // The launcher: what children find, what waiters tell of their ends, and what is left when a step fails.
-#include "sa/main/subproc.h"
+#include "sa/main/base/subproc.h"
 
 #include <errno.h>
 #include <fcntl.h>

@@ -1,0 +1,24 @@
+// The kernel-message collector: a thread that copies /proc/kmsg into kmsg.log.
+#ifndef SA_SA_HANDLE_COLLECT_KMSG_H
+#define SA_SA_HANDLE_COLLECT_KMSG_H
+
+#include "sa/sa-handle/collect/log_svc.h"
+
+/**
+ * The newest reader. Written by whoever starts one: the main thread at start-up, the command reader thread afterwards,
+ * which also stops it when its switch is turned off.
+ */
+extern struct pub_thread_id m_read_kernel_log_tid;
+
+/**
+ * Starts a reader thread and stores its id. It takes its settings from the position-3 record. A second reader beside a
+ * running one shares the stream with it.
+ *
+ * @return 0 or an error number.
+ */
+int start_kernel_reader(void);
+
+/** The kernel branch of start_zr_log_service: reader and verbose console, or, switched off, a quiet console. */
+long start_kmsg_service(struct log_svc_rec *rec_ptr);
+
+#endif
