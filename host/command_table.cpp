@@ -12,6 +12,7 @@
 #include "log.h"
 #include "message.h"
 #include "shell.h"
+#include "view/view.h"
 #include "wait.h"
 
 namespace {
@@ -84,6 +85,10 @@ int run_wait(const command_row &, const host_options &options, const word_list &
 
 int run_log(const command_row &, const host_options &options, const word_list &) {
     return log_show(options);
+}
+
+int run_view(const command_row &, const host_options &options, const word_list &operands) {
+    return view_set(operands[0], {options.since, options.until, options.grep, options.only, options.html});
 }
 
 int run_kill(const command_row &, const host_options &options, const word_list &) {
@@ -260,6 +265,13 @@ const std::vector<command_row> &command_rows() {
          "The copy appears as DIR/SET once its size and checksum are right. A copy that was broken off goes on where\n"
          "it stopped when the same command is run again.",
          run_fetch, NO_REQUEST},
+        {"view", "DIR", 1, 1, nullptr, OPERAND_DIRECTORY, false, "all logs of a fetched set, merged by time",
+         "DIR is a set that fetch has copied, or a log directory; a directory that holds sets is listed, with each "
+         "set's\n"
+         "size and whether it is complete. TIME is [[YYYY-]MM-DD ]hh:mm[:ss[.fraction]] in the handset's local time, "
+         "and\n"
+         "--until includes all of what it names. The sources are kernel, main, events, radio, sa and packets.",
+         run_view, NO_REQUEST},
         {"kill", "", 0, 0, nullptr, OPERAND_OTHER, false, "end the agent",
          "The agent ends at once. The handset's init may start it again.", run_kill, NO_REQUEST},
         {"console", "", 0, 0, nullptr, OPERAND_OTHER, false, "sub-commands line by line, with history",
@@ -317,6 +329,17 @@ const std::vector<option_row> &option_rows() {
          OPTION_FLAG, nullptr, nullptr, &all::is_bare},
         {"--fetch", 0, " save-log ", "DIR", nullptr, OPERAND_DIRECTORY, "then copy the new set into DIR",
          OPTION_TEXT, &all::fetch_dir, nullptr, nullptr},
+        {"--since", 0, " view ", "TIME", nullptr, OPERAND_OTHER, "leave out what is earlier",
+         OPTION_TEXT, &all::since, nullptr, nullptr},
+        {"--until", 0, " view ", "TIME", nullptr, OPERAND_OTHER, "leave out what is later",
+         OPTION_TEXT, &all::until, nullptr, nullptr},
+        {"--grep", 'g', " view ", "PATTERN", nullptr, OPERAND_OTHER,
+         "only lines that match, as they are shown (POSIX extended)",
+         OPTION_TEXT, &all::grep, nullptr, nullptr},
+        {"--only", 'o', " view ", "SOURCE,...", nullptr, OPERAND_OTHER, "only these sources",
+         OPTION_TEXT, &all::only, nullptr, nullptr},
+        {"--html", 0, " view ", "FILE", nullptr, OPERAND_FILE, "write one page for a browser instead",
+         OPTION_TEXT, &all::html, nullptr, nullptr},
         {"--echo", 'e', " console ", nullptr, nullptr, OPERAND_OTHER, "print each line before it is run",
          OPTION_FLAG, nullptr, nullptr, &all::is_echo},
         {"--stop", 's', " console ", nullptr, nullptr, OPERAND_OTHER, "end at the first line that fails",

@@ -25,5 +25,10 @@ struct host_options {
     bool is_terminal = false;              // shell: a command gets the terminal in raw mode, like a shell does
     bool is_echo = false;                  // console: print each line before it is run
     bool is_stop = false;                  // console: end at the first line that fails
+    std::string since;                     // view: the earliest time to show, empty for no bound
+    std::string until;                     // view: the latest time
+    std::string grep;                      // view: expression that lines must match, empty for all lines
+    std::string only;                      // view: sources with commas between them, empty for all
+    std::string html;                      // view: file to write a page to, empty for text
     std::string fetch_dir;                 // save-log: directory to copy the saved set into, empty for none
 };
