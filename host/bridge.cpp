@@ -5,12 +5,12 @@
 
 #include <poll.h>
 #include <sys/wait.h>
-#include <termios.h>
 #include <unistd.h>
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
 
+#include "line_editor.h"
 #include "local_tty.h"
 #include "message.h"
 
@@ -24,10 +24,16 @@ constexpr size_t OUT_PIECE = 4096;  // a pipe that polls writable takes this muc
 constexpr size_t IN_MAX = 16 * 1024;
 constexpr size_t FRAME_BYTES = 57;  // one base64 line: a multiple of three, so that only the last line is padded
 
-constexpr char BYTE_INTERRUPT = 3;
 constexpr char BYTE_END = 4;
 constexpr char BYTE_SUSPEND = 26;
-constexpr char BYTE_QUIT = 28;
+
+// The keys that are signals while the foreground program has not switched that off.
+struct signal_key {
+    char byte;
+    const char *name;
+    const char *shown;
+};
+constexpr signal_key SIGNAL_KEYS[] = {{3, "INT", "^C"}, {28, "QUIT", "^\\"}, {BYTE_SUSPEND, "TSTP", "^Z"}};
 
 const char ESCAPE_HELP[] =
     "\r\n"
@@ -41,7 +47,7 @@ enum escape_state { ESCAPE_LINE_START, ESCAPE_TILDE, ESCAPE_INSIDE };
 
 struct bridge {
     const host_options *options;
-    const link_terminal *child;
+    link_terminal *child;
     bridge_plan *plan;
     std::string to_child;    // input on its way, already framed
     std::string frame_rest;  // bytes of input short of a line
@@ -51,7 +57,11 @@ struct bridge {
     bool is_child_gone = false;
     bool is_escaped = false;
     bool is_reader_gone = false;
+    std::string typed;        // what the person has typed and nobody has looked at yet
+    bool is_end_due = false;  // the person has typed the end of the input; what is typed later waits for it
     escape_state escape = ESCAPE_LINE_START;
+    link_reading reading;  // as of the last look
+    line_editor editor;
     pid_t messenger = -1;  // process that delivers a signal on the handset, -1 for none
     bool is_resize_due = false;
 };
@@ -73,15 +83,6 @@ void reap_messenger(bridge *b) {
     if (b->messenger > 0 && waitpid(b->messenger, nullptr, WNOHANG) != 0) {
         b->messenger = -1;
     }
-}
-
-// Whether a program runs in the foreground that reads its input by lines. There is no kernel on the child's side to
-// turn Ctrl-C into a signal, but the terminal's attributes are shared: a shell at its prompt and a program in raw
-// mode switch off the literal-next character or the extended functions, which do nothing to the bytes themselves.
-bool is_foreground_cooked(const bridge &b) {
-    struct termios attr = {};
-    return link_get_attributes(*b.options, *b.child, &attr) && (attr.c_lflag & IEXTEN) != 0 &&
-           attr.c_cc[VLNEXT] != _POSIX_VDISABLE;
 }
 
 void look_after_size(bridge *b) {
@@ -108,33 +109,87 @@ bool take_escape(bridge *b, char byte) {
     }
 }
 
-void type_byte(bridge *b, char byte) {
-    b->to_child += byte;
-    b->escape = byte == '\r' || byte == '\n' ? ESCAPE_LINE_START : ESCAPE_INSIDE;
-    if (byte == BYTE_INTERRUPT && is_foreground_cooked(*b)) {
-        signal_session(b, "INT", TARGET_FOREGROUND);
-    } else if (byte == BYTE_QUIT && is_foreground_cooked(*b)) {
-        signal_session(b, "QUIT", TARGET_FOREGROUND);
+// Looks how the foreground program reads now. The kernel of a terminal between a person and a program would turn typed
+// bytes into lines, echo and signals; between this process and the child there is none, so it is done here.
+void look_at_reading(bridge *b) {
+    if (!link_get_reading(*b->options, *b->child, &b->reading)) {
+        b->reading = link_reading();
+    }
+    if (!b->reading.is_by_lines) {
+        line_editor_release(&b->editor, &b->to_child);
     }
 }
 
-void take_typed(bridge *b, const char *data, size_t len) {
-    for (size_t i = 0; i < len && !b->is_escaped; ++i) {
-        if (b->escape == ESCAPE_LINE_START && data[i] == '~') {
-            b->escape = ESCAPE_TILDE;
-            continue;
+// Result: whether the byte was a signal.
+bool take_signal_key(bridge *b, char byte) {
+    if (!b->reading.has_signal_keys) {
+        return false;
+    }
+    for (const signal_key &key : SIGNAL_KEYS) {
+        if (byte == key.byte) {
+            b->editor.line.clear();
+            b->to_out += b->reading.is_echoed ? key.shown : "";
+            signal_session(b, key.name, TARGET_FOREGROUND);
+            return true;
         }
-        if (b->escape == ESCAPE_TILDE) {
-            b->escape = ESCAPE_LINE_START;
-            if (take_escape(b, data[i])) {
-                continue;
-            }
-            type_byte(b, '~');
-            if (data[i] == '~') {
-                continue;
-            }
+    }
+    return false;
+}
+
+void type_byte(bridge *b, char byte) {
+    b->escape = byte == '\r' || byte == '\n' ? ESCAPE_LINE_START : ESCAPE_INSIDE;
+    if (take_signal_key(b, byte)) {
+        return;
+    }
+    if (byte == '\r' && b->reading.is_cr_newline) {
+        byte = '\n';
+    }
+    if (!b->reading.is_by_lines) {
+        b->to_child += byte;
+        b->to_out += b->reading.is_echoed ? std::string(1, byte) : "";
+    } else if (!line_editor_type(&b->editor, byte, b->reading.is_echoed, &b->to_child, &b->to_out)) {
+        b->is_end_due = true;
+        b->escape = ESCAPE_LINE_START;
+    }
+}
+
+void take_typed_byte(bridge *b, char byte) {
+    if (b->escape == ESCAPE_LINE_START && byte == '~') {
+        b->escape = ESCAPE_TILDE;
+        return;
+    }
+    if (b->escape == ESCAPE_TILDE) {
+        b->escape = ESCAPE_LINE_START;
+        if (take_escape(b, byte)) {
+            return;
         }
-        type_byte(b, data[i]);
+        type_byte(b, '~');
+        if (byte == '~') {
+            return;
+        }
+    }
+    type_byte(b, byte);
+}
+
+// Takes what has been typed, up to the end of the input: what is typed behind it is for the next reader.
+void take_typed(bridge *b) {
+    look_at_reading(b);
+    size_t taken = 0;
+    while (taken < b->typed.size() && !b->is_escaped && !b->is_end_due) {
+        take_typed_byte(b, b->typed[taken++]);
+    }
+    b->typed.erase(0, taken);
+}
+
+// Tells the end of the input once everything typed before it is on its way.
+void end_typed(bridge *b) {
+    if (!b->is_end_due || !b->to_child.empty()) {
+        return;
+    }
+    b->is_end_due = false;
+    b->is_child_gone = !remote_end_input(*b->options, b->plan->is_prompting, b->child);
+    if (!b->is_child_gone && !b->typed.empty()) {
+        take_typed(b);
     }
 }
 
@@ -196,7 +251,8 @@ void read_input(bridge *b) {
     if (b->plan->is_framed) {
         take_framed(b, buf, len);
     } else if (b->plan->is_raw) {
-        take_typed(b, buf, len);
+        b->typed.append(buf, len);
+        take_typed(b);
     } else {
         b->to_child.append(buf, len);
     }
@@ -232,6 +288,9 @@ void read_child(bridge *b) {
     } else {
         b->to_out.append(buf, static_cast<size_t>(got));
     }
+    if (!b->is_child_gone && !b->editor.line.empty()) {
+        look_at_reading(b);  // the shell may prompt now, and shows what it has been given so far
+    }
 }
 
 void write_out(bridge *b) {
@@ -260,7 +319,7 @@ void one_round(bridge *b) {
         set[FROM_CHILD].events =
             static_cast<short>((out_waiting(*b) < out_max ? POLLIN : 0) | (b->to_child.empty() ? 0 : POLLOUT));
         set[FROM_CHILD].fd = set[FROM_CHILD].events != 0 ? b->child->fd : -1;  // a hang-up can wait for room
-        set[FROM_IN].fd = b->to_child.size() < IN_MAX ? b->plan->in_fd : -1;
+        set[FROM_IN].fd = b->to_child.size() < IN_MAX && !b->is_end_due ? b->plan->in_fd : -1;
         set[FROM_IN].events = POLLIN;
     }
     set[TO_OUT].fd = out_waiting(*b) > 0 ? STDOUT_FILENO : -1;
@@ -288,6 +347,7 @@ void one_round(bridge *b) {
 
 void look_after_events(bridge *b) {
     reap_messenger(b);
+    end_typed(b);
     if (m_local_events.is_to_suspend != 0) {
         m_local_events.is_to_suspend = 0;
         local_suspend(b->plan->in_fd);
@@ -299,10 +359,10 @@ void look_after_events(bridge *b) {
 
 }  // namespace
 
-bridge_end bridge_run(const host_options &options, const link_terminal &child, bridge_plan *plan) {
+bridge_end bridge_run(const host_options &options, link_terminal *child, bridge_plan *plan) {
     bridge b = {};
     b.options = &options;
-    b.child = &child;
+    b.child = child;
     b.plan = plan;
     while (!is_child_done(b) || out_waiting(b) > 0) {
         one_round(&b);

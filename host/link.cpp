@@ -51,6 +51,18 @@ std::string explain_refusal(const std::string &path, const char *role, int error
     return text_of("Cannot open the %s %s: %s. Check the path and --root.", role, path.c_str(), strerror(error));
 }
 
+// With EXTPROC the kernel keeps the attributes of the agent's terminal but does nothing of what they say to the child's
+// output, which is input to it: no echo, no lines, no signals. The bytes to the child must not be processed either.
+bool is_passing(const struct termios &attributes) {
+    return (attributes.c_lflag & EXTPROC) != 0 && (attributes.c_oflag & OPOST) == 0;
+}
+
+bool set_passing(const host_options &options, const link_terminal &terminal, struct termios *attributes) {
+    attributes->c_lflag |= EXTPROC;
+    attributes->c_oflag &= ~static_cast<tcflag_t>(OPOST);
+    return kind_of(options).set_attributes(options, terminal, *attributes);
+}
+
 std::string explain(const host_options &options, link_name name, const link_attempt &last) {
     std::string path = path_of(options, name);
     const char *role = role_of(name);
@@ -203,6 +215,31 @@ void link_copy_size(const host_options &options, const link_terminal &terminal, 
     }
 }
 
-bool link_get_attributes(const host_options &options, const link_terminal &terminal, struct termios *attributes) {
-    return kind_of(options).get_attributes(options, terminal, attributes);
+bool link_prepare_typing(const host_options &options, const link_terminal &terminal) {
+    struct termios attributes = {};
+    if (!kind_of(options).get_attributes(options, terminal, &attributes)) {
+        return false;
+    }
+    attributes.c_iflag |= ICRNL;
+    attributes.c_lflag |= ICANON | ECHO | ECHOE | ECHOK | ISIG | IEXTEN;
+    return set_passing(options, terminal, &attributes);
+}
+
+bool link_get_reading(const host_options &options, const link_terminal &terminal, link_reading *reading) {
+    struct termios attributes = {};
+    if (!kind_of(options).get_attributes(options, terminal, &attributes)) {
+        return false;
+    }
+    if (!is_passing(attributes) && !set_passing(options, terminal, &attributes)) {
+        return false;
+    }
+    reading->is_by_lines = (attributes.c_lflag & ICANON) != 0;
+    reading->is_echoed = (attributes.c_lflag & ECHO) != 0;
+    reading->has_signal_keys = (attributes.c_lflag & ISIG) != 0;
+    reading->is_cr_newline = (attributes.c_iflag & ICRNL) != 0;
+    return true;
+}
+
+bool link_reopen_terminal(const host_options &options, link_terminal *terminal) {
+    return kind_of(options).reopen_terminal(options, terminal);
 }

@@ -2,7 +2,6 @@
 // The way to one handset. Everything else in host/ reaches the handset through these functions and never asks which
 // kind of link it is.
 
-#include <termios.h>
 #include <cstdint>
 #include <string>
 
@@ -21,6 +20,15 @@ struct link_turn {
 struct link_terminal {
     int fd = -1;       // raw, non-blocking, close-on-exec; owned by whoever opened it
     std::string path;  // its device path on the handset
+    std::string life;  // changes when the path is given to another terminal; empty where the kind of link cannot tell
+};
+
+// How the foreground program of a terminal reads what is typed. All false: each byte goes to it as it is.
+struct link_reading {
+    bool is_by_lines = false;      // it is given whole lines
+    bool is_echoed = false;        // the person is to see what is typed
+    bool has_signal_keys = false;  // Ctrl-C, Ctrl-\ and Ctrl-Z are signals
+    bool is_cr_newline = false;    // Enter is a newline
 };
 
 // Completes the choice of a link from the options: SA_HOST_LINK where none is given, ANDROID_SERIAL where adb is.
@@ -64,5 +72,15 @@ void link_close_terminal(link_terminal *terminal);
 // Gives the terminal the window size of the local terminal `from`. Does nothing when `from` is no terminal.
 void link_copy_size(const host_options &options, const link_terminal &terminal, int from);
 
-// Reads the terminal's attributes, which tell how its foreground program reads. Result: whether they could be read.
-bool link_get_attributes(const host_options &options, const link_terminal &terminal, struct termios *attributes);
+// Prepares a terminal for a person who types, before the child runs. The terminal gets the attributes of an ordinary one,
+// so that programs find and change them as usual, and a flag that leaves their meaning to this process: the kernel still
+// passes all bytes unchanged. Result: whether it is done; if not, link_get_reading is of no use.
+bool link_prepare_typing(const host_options &options, const link_terminal &terminal);
+
+// Tells how the foreground program of a prepared terminal reads. Puts right what a program such as `stty sane` has undone.
+// Result: whether it is known.
+bool link_get_reading(const host_options &options, const link_terminal &terminal, link_reading *reading);
+
+// Opens a terminal again that link_close_terminal has closed and whose child still runs; its attributes are what they
+// were. Result: true, and link_close_terminal is due; or false: it is gone.
+bool link_reopen_terminal(const host_options &options, link_terminal *terminal);

@@ -290,9 +290,21 @@ bool open_terminal(const host_options &, const link_turn &, const std::string &p
     link_attempt attempt;
     terminal->fd = open_device(path, &attempt);
     terminal->path = path;
+    terminal->life = text_of_life(state);
     if (terminal->fd < 0) {
         say("The connection %s that the agent announced cannot be opened. %s", path.c_str(), attempt.reason.c_str());
     }
+    return terminal->fd >= 0;
+}
+
+bool reopen_terminal(const host_options &, link_terminal *terminal) {
+    adb_refusal refusal;
+    file_state state = {};
+    if (stat_file("STA2", terminal->path, &state, &refusal) == FILE_TOLD && text_of_life(state) != terminal->life) {
+        return false;
+    }
+    link_attempt attempt;
+    terminal->fd = open_device(terminal->path, &attempt);
     return terminal->fd >= 0;
 }
 
@@ -355,6 +367,23 @@ bool get_attributes(const host_options &, const link_terminal &terminal, struct 
     return true;
 }
 
+// Gives back what stty prints, with other flags: the number of control characters is the handset's own.
+bool set_attributes(const host_options &, const link_terminal &terminal, const struct termios &attributes) {
+    std::string text;
+    if (!run_stty(terminal, "-g", &text)) {
+        return false;
+    }
+    size_t characters = 0;
+    for (int flags = 0; flags < 4; ++flags) {
+        characters = text.find(':', characters) + 1;
+    }
+    std::string ignored;
+    std::string flags =
+        text_of("%x:%x:%x:%x:", attributes.c_iflag, attributes.c_oflag, attributes.c_cflag, attributes.c_lflag);
+    return run_stty(terminal, flags + text.substr(characters, text.find('\n') - characters), &ignored);
+}
+
 }  // namespace
 
-const link_kind m_link_adb = {take, explain_absence, identity, loss, open_terminal, set_size, get_attributes};
+const link_kind m_link_adb = {take,     explain_absence, identity,       loss,           open_terminal,
+                              set_size, get_attributes,  set_attributes, reopen_terminal};

@@ -1,6 +1,8 @@
 #pragma once
 // What a kind of link has to offer. For link.cpp and the link_*.cpp files alone.
 
+#include <termios.h>
+
 #include "link.h"
 
 // What came of one attempt to take a turn. All but LINK_TAKEN and LINK_REFUSED are worth another attempt.
@@ -33,6 +35,9 @@ struct link_kind {
                           link_terminal *terminal);
     void (*set_size)(const host_options &options, const link_terminal &terminal, const struct winsize &size);
     bool (*get_attributes)(const host_options &options, const link_terminal &terminal, struct termios *attributes);
+    bool (*set_attributes)(const host_options &options, const link_terminal &terminal,
+                           const struct termios &attributes);
+    bool (*reopen_terminal)(const host_options &options, link_terminal *terminal);
 };
 
 // The agent gives the terminals that it publishes and announces to this pair. Any other owner means a number that has

@@ -147,6 +147,11 @@ std::string explain_absence(const host_options &options, const std::string &path
 }
 
 // Numbers of terminals are reused; the time of the node's last change of owner or mode is not.
+std::string life_of(const struct stat &st) {
+    return text_of("%ju %jd.%09ld", static_cast<uintmax_t>(st.st_ino), static_cast<intmax_t>(st.st_ctim.tv_sec),
+                   st.st_ctim.tv_nsec);
+}
+
 std::string identity(const host_options &options, const std::string &path) {
     int fd = open_in_root(options.root, path, O_PATH | O_CLOEXEC);
     struct stat st = {};
@@ -154,8 +159,7 @@ std::string identity(const host_options &options, const std::string &path) {
         return "";  // fstat of an open descriptor does not fail: there is nothing to close
     }
     close(fd);
-    return text_of("%ju %jd.%09ld", static_cast<uintmax_t>(st.st_ino), static_cast<intmax_t>(st.st_ctim.tv_sec),
-                   st.st_ctim.tv_nsec);
+    return life_of(st);
 }
 
 bool set_raw(int fd) {
@@ -164,7 +168,6 @@ bool set_raw(int fd) {
         return false;
     }
     cfmakeraw(&attr);
-    attr.c_lflag |= IEXTEN;  // has no effect while input is not canonical; tells the bridge that no program changed it
     return tcsetattr(fd, TCSANOW, &attr) == 0;
 }
 
@@ -204,7 +207,19 @@ bool open_terminal(const host_options &options, const link_turn &listener, const
     }
     terminal->fd = fd;
     terminal->path = path;
+    terminal->life = life_of(st);
     return true;
+}
+
+bool reopen_terminal(const host_options &options, link_terminal *terminal) {
+    struct stat st = {};
+    int found = find_inside(options.root, terminal->path, &st);
+    if (found >= 0 && life_of(st) != terminal->life) {
+        close(found);
+        return false;
+    }
+    terminal->fd = found < 0 ? -1 : open_found(found);
+    return terminal->fd >= 0;
 }
 
 void set_size(const host_options &, const link_terminal &terminal, const struct winsize &size) {
@@ -215,6 +230,19 @@ bool get_attributes(const host_options &, const link_terminal &terminal, struct 
     return tcgetattr(terminal.fd, attributes) == 0;
 }
 
+bool set_attributes(const host_options &, const link_terminal &terminal, const struct termios &attributes) {
+    if (tcsetattr(terminal.fd, TCSANOW, &attributes) != 0) {
+        return false;
+    }
+    // A program that sets all attributes anew (`top`, `stty sane`) would clear EXTPROC, and the kernel would give the
+    // child its own output to read until that is noticed. Root can prevent it; for others it is put right when noticed.
+    struct termios locked = {};
+    locked.c_lflag = attributes.c_lflag & EXTPROC;
+    ioctl(terminal.fd, TIOCSLCKTRMIOS, &locked);
+    return true;
+}
+
 }  // namespace
 
-const link_kind m_link_local = {take, explain_absence, identity, no_loss, open_terminal, set_size, get_attributes};
+const link_kind m_link_local = {take,     explain_absence, identity,       no_loss,        open_terminal,
+                                set_size, get_attributes,  set_attributes, reopen_terminal};

@@ -35,6 +35,10 @@ bool is_pts_path(const std::string &text) {
            text.find_first_not_of("0123456789", len) == std::string::npos;
 }
 
+std::string pts_index(const std::string &path) {
+    return path.substr(path.rfind('/') + 1);
+}
+
 enum exchange_end { EXCHANGE_DONE, EXCHANGE_HUNG_UP, EXCHANGE_FAILED };
 
 // Reads the announced path. The agent writes it at once and bare, and a pseudo-terminal does not cut a few bytes.
@@ -70,7 +74,7 @@ void await_start(int connection) {
 }
 
 exchange_end exchange(const host_options &options, const link_turn &listener, const std::string &request, int size_fd,
-                      void (*on_start)(), int64_t deadline, link_terminal *out) {
+                      remote_on_start on_start, int64_t deadline, link_terminal *out) {
     std::string path;
     if (write_all(listener.fd, request.data(), request.size(), deadline) != 0) {
         return EXCHANGE_HUNG_UP;
@@ -84,7 +88,7 @@ exchange_end exchange(const host_options &options, const link_turn &listener, co
     }
     link_copy_size(options, *out, size_fd);
     if (on_start != nullptr) {
-        on_start();
+        on_start(options, *out);
     }
     if (write_all(listener.fd, "+", 1, deadline) != 0) {
         link_close_terminal(out);
@@ -205,43 +209,71 @@ int run_all(link_terminal *child, remote_mark *mark, int quiet_s, const char *wh
 
 // Finds the processes that have a terminal on a standard stream. The kernel tells the number of a master's terminal in
 // fdinfo, and the mount that the agent opened it through, which this shell's own master shares; that one is read from
-// stream 1, since stream 0 is the file being read. The foreground of a session is the process group started last, since
-// its shell starts nothing else meanwhile; a shell that makes no groups is all of it.
+// stream 1, since stream 0 is the file being read. The foreground of a session is the process group started last that is
+// not stopped, since its shell starts nothing else meanwhile; a shell that makes no groups is all of it.
+// Sets a: the processes; q: those not stopped, each with its group in front; g: the foreground group, if any; l: the
+// session.
 std::string script_find(const std::string &index) {
     return "i(){ m= t=;while read k v;do case $k in mnt_id:)m=$v;;tty-index:)t=$v;;esac;done<$1;}\n"
            "i /proc/$$/fdinfo/1;w=$m." +
            index +
            "\n"
-           "b=0 g= a= l=\n"
+           "b=0 g= a= q= l=\n"
            "for p in /proc/[0-9]*;do\n"
            "for f in 0 1 2;do\n"
            "i $p/fdinfo/$f;[ \"$m.$t\" = $w ]||continue\n"
            "read s<$p/stat||break\n"
            "set -- ${s##*) }\n"
            "a=\"$a ${p#/proc/}\" l=$4\n"
+           "[ $1 = T ]&&break\n"
+           "q=\"$q $3.${p#/proc/}\"\n"
            "[ $3 != $4 ]&&[ ${20} -ge $b ]&&b=${20} g=$3\n"
            "break\n"
            "done\n"
            "done 2>/dev/null\n";
 }
 
-// Runs a short command that says "." when it has done its work.
-int run_short(const host_options &options, const std::string &command) {
+// Starts a command that says "." when it has done a piece of its work.
+int start_short(const host_options &options, const std::string &command, link_terminal *child) {
     host_options bounded = options;
     bounded.timeout_s = SIGNAL_TIMEOUT_S;
     bounded.is_patient = false;
-    link_terminal child;
-    if (remote_start(bounded, "shell:" + command, -1, nullptr, &child) != 0) {
-        return -1;
-    }
+    return remote_start(bounded, "shell:" + command, -1, nullptr, child);
+}
+
+bool await_point(const link_terminal &child) {
     char buf[512];
     int64_t deadline = now_ms() + SIGNAL_TIMEOUT_S * INT64_C(1000);
     long got;
     do {
         got = read_some(child.fd, buf, sizeof(buf), deadline);
     } while (got > 0 && memchr(buf, '.', static_cast<size_t>(got)) == nullptr);
+    return got > 0;
+}
+
+int run_short(const host_options &options, const std::string &command) {
+    link_terminal child;
+    if (start_short(options, command, &child) != 0) {
+        return -1;
+    }
+    bool is_done = await_point(child);
     link_close_terminal(&child);
-    return got > 0 ? 0 : -1;
+    return is_done ? 0 : -1;
+}
+
+// Follows script_find. Stops the processes that must not see the terminal closed (s) and says "."; after a line from this
+// side waits until the foreground (f) has ended, at most for a second, and says "."; after the next line, or when this side
+// has hung up, continues what it stopped. Without a foreground group either a prompting shell reads by itself, and the
+// script ends without a "."; or the foreground is everything but the session's leader. A zombie has no /proc/PID/exe.
+std::string script_end_input(bool is_prompting) {
+    return std::string("x=$g.* f= s=\n") + (is_prompting ? "[ $g ]||exit\n" : "[ $g ]||x=*.$l\n") +
+           "for p in $q;do case $p in $x)f=\"$f ${p#*.}\";;*)s=\"$s ${p#*.}\";;esac;done\n"
+           "[ $g ]||{ x=$f f=$s;s=$x;}\n"
+           "kill -STOP $s;echo .;read x;n=0 r=1\n"
+           "while [ $r ]&&[ $((n+=1)) -le 20 ];do\n"
+           "sleep .05;r=;for p in $f;do [ -e /proc/$p/exe ]&&r=1;done\n"
+           "done\n"
+           "echo .;read x;kill -CONT $s\n";
 }
 
 // The same in a process of its own, which holds nothing of ours: neither the connection it is about, which must hang up
@@ -264,7 +296,7 @@ pid_t run_aside(const host_options &options, const std::string &command) {
 
 }  // namespace
 
-int remote_start(const host_options &options, const std::string &request, int size_fd, void (*on_start)(),
+int remote_start(const host_options &options, const std::string &request, int size_fd, remote_on_start on_start,
                  link_terminal *out) {
     if (request.size() > REMOTE_REQUEST_MAX) {
         say("The command is too long: the request has %zu bytes, the listener takes at most %zu. Put it into a script "
@@ -374,9 +406,26 @@ int remote_output(const host_options &options, const std::string &command, int q
 
 pid_t remote_signal_terminal(const host_options &options, const std::string &path, const char *signal_name,
                              remote_target target) {
-    std::string index = path.substr(path.rfind('/') + 1);
-    std::string script = script_find(index) + "kill -" + signal_name;
+    std::string script = script_find(pts_index(path)) + "kill -" + signal_name;
     return run_aside(options, script + (target == TARGET_ALL ? " $a" : " -- -${g:-$l}") + " 2>/dev/null;echo .");
+}
+
+bool remote_end_input(const host_options &options, bool is_prompting, link_terminal *terminal) {
+    std::string script = script_find(pts_index(terminal->path)) + script_end_input(is_prompting);
+    link_terminal helper;
+    if (start_short(options, script, &helper) != 0) {
+        return true;
+    }
+    bool is_open = true;
+    if (await_point(helper)) {
+        link_close_terminal(terminal);
+        if (write(helper.fd, "\n", 1) == 1) {
+            await_point(helper);
+        }
+        is_open = link_reopen_terminal(options, terminal);
+    }
+    link_close_terminal(&helper);
+    return is_open;
 }
 
 pid_t remote_signal_group(const host_options &options, long pid, const char *signal_name) {

@@ -12,10 +12,13 @@
 constexpr size_t REMOTE_REQUEST_MAX = 1023;  // the listener takes one read of at most this many bytes as a request
 constexpr int REMOTE_TIMEOUT_S = 30;  // for the listener to announce a connection, unless --timeout says otherwise
 
+// Called with the opened terminal just before the acknowledgement that makes the agent start the child.
+typedef void (*remote_on_start)(const host_options &options, const link_terminal &terminal);
+
 // Asks the listener for a connection and starts `request` ("shell:...") on it. The connection is opened, made raw and
 // given the size of `size_fd`'s terminal (-1: none) before the acknowledgement, hence before the child runs; just
 // before that `on_start`, unless null, is called. Result: 0, and link_close_terminal is due; or -1 with the sentence said.
-int remote_start(const host_options &options, const std::string &request, int size_fd, void (*on_start)(),
+int remote_start(const host_options &options, const std::string &request, int size_fd, remote_on_start on_start,
                  link_terminal *out);
 
 // How a wrapped command gets its input.
@@ -72,6 +75,14 @@ enum remote_target { TARGET_FOREGROUND, TARGET_ALL };
 // ends within seconds. Result: that process, to be waited for by the caller, or -1.
 pid_t remote_signal_terminal(const host_options &options, const std::string &path, const char *signal_name,
                              remote_target target);
+
+// Tells the foreground program of a terminal that its input has ended. The child's side is a master, which has no end of
+// file, but a read of it fails with EIO while nobody has the slave open. So this closes the terminal and opens it again;
+// the processes that would read next, such as the shell, are stopped meanwhile. With `is_prompting` the child is a shell
+// that prompts: when it reads by itself (its own `read`), nothing is done, since its next prompt would end it.
+// Blocks for about 0.2 s, and for some seconds if the handset does not answer.
+// Result: whether the terminal is open; false when it has gone meanwhile.
+bool remote_end_input(const host_options &options, bool is_prompting, link_terminal *terminal);
 
 // Sends a signal to the process group of a wrapped command. Result as above.
 pid_t remote_signal_group(const host_options &options, long pid, const char *signal_name);

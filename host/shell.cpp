@@ -68,6 +68,7 @@ const char *shell_command(bool is_tty) {
 void make_plan(const host_options &options, const std::string &command, bool is_tty, shell_plan *plan) {
     remote_input input = choose_input(options, is_tty);
     plan->bridge.is_raw = is_tty && !options.is_no_input && (command.empty() || options.is_terminal);
+    plan->bridge.is_prompting = command.empty();
     if (options.is_bare) {
         plan_bare(command, input, plan);
     } else {
@@ -129,6 +130,16 @@ int finish(const host_options &options, shell_plan *plan, link_terminal *child, 
     local_die_by(number);
 }
 
+// From the acknowledgement on there is something on the handset to be told when a signal ends this process.
+void start_streams(const host_options &, const link_terminal &) {
+    local_signals_take();
+}
+
+void start_typing(const host_options &options, const link_terminal &child) {
+    link_prepare_typing(options, child);  // without it the person has the terminal that the agent made: all bytes pass
+    local_signals_take();
+}
+
 }  // namespace
 
 int shell_run(const host_options &options, const std::string &command) {
@@ -137,8 +148,7 @@ int shell_run(const host_options &options, const std::string &command) {
     make_plan(options, command, is_tty, &plan);
     link_terminal child;
     int size_fd = is_tty ? STDIN_FILENO : -1;
-    // From the acknowledgement on there is something on the handset to be told when a signal ends this process.
-    if (remote_start(options, plan.request, size_fd, local_signals_take, &child) != 0) {
+    if (remote_start(options, plan.request, size_fd, plan.bridge.is_raw ? start_typing : start_streams, &child) != 0) {
         local_signals_release();
         return HOST_SHELL;
     }
@@ -146,7 +156,7 @@ int shell_run(const host_options &options, const std::string &command) {
         say("The terminal cannot be put into raw mode: %s.", strerror(errno));
         plan.bridge.is_raw = false;
     }
-    bridge_end end = bridge_run(options, child, &plan.bridge);
+    bridge_end end = bridge_run(options, &child, &plan.bridge);
     int status = finish(options, &plan, &child, end);
     link_close_terminal(&child);
     return status;

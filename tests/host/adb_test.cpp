@@ -181,6 +181,26 @@ TEST_F(AdbTest, TheInteractiveShellHasTheWindowsSize) {
     terminal_end(&terminal);
 }
 
+TEST_F(AdbTest, TheInteractiveShellReadsLinesForPrograms) {
+    ASSERT_NO_FATAL_FAILURE(boot_adb());
+    words argv = inside({"shell"});
+    argv.insert(argv.begin(), SA_HOST);
+    host_terminal terminal;
+    terminal_start(argv, &terminal);
+    ASSERT_TRUE(terminal_expect(&terminal, "# "));
+    terminal_type(&terminal, "cat > /data/typed; echo ended\r");
+    ASSERT_TRUE(terminal_expect(&terminal, "ended\r\r\n"));
+    ASSERT_TRUE(wait_runs({"cat"}));
+    terminal_type(&terminal, "lineX\x7f\r");
+    EXPECT_TRUE(terminal_expect(&terminal, "lineX\b \b\r\n"));
+    EXPECT_TRUE(desk_until([&] { return desk_file_text(h, "/data/typed") == "line\n"; }));
+    terminal_type(&terminal, "\x04");
+    EXPECT_TRUE(terminal_expect(&terminal, "ended\r\n# "));
+    terminal_type(&terminal, "exit 6\r");
+    EXPECT_EQ(terminal_finish(&terminal), 6);
+    terminal_end(&terminal);
+}
+
 // ---- what breaks in the middle
 
 class AdbBreak : public AdbTest {
