@@ -579,7 +579,9 @@ window.addEventListener("mouseup", async event => {
         return;
     }
     if (end !== null) {
-        zoom(timeAt(Math.min(start, end)), timeAt(Math.max(start, end)));
+        const earliest = timeAt(Math.min(start, end));
+        await zoom(earliest, timeAt(Math.max(start, end)));
+        scrollTo(positionOf(await lineFrom(earliest)));
     } else if (lineCount()) {
         show(await lineFrom(timeAt(start)));
     }
