@@ -10,6 +10,7 @@ void bench_lookup(const effort &how, report *lines);
 void bench_kmsg(const effort &how, report *lines);
 void bench_boot(const effort &how, report *lines);
 void bench_shell(const effort &how, report *lines);
+void bench_adb(const effort &how, report *lines);
 void bench_save_log(const effort &how, report *lines);
 void bench_idle(const effort &how, report *lines);
 void bench_memory(const effort &how, report *lines);

@@ -13,9 +13,9 @@ struct group {
 };
 
 static const group kGroups[] = {
-    {"request", bench_request}, {"line", bench_line},   {"lookup", bench_lookup},     {"kmsg", bench_kmsg},
-    {"boot", bench_boot},       {"shell", bench_shell}, {"save-log", bench_save_log}, {"idle", bench_idle},
-    {"memory", bench_memory},   {"size", bench_size},   {"scale", bench_scale},
+    {"request", bench_request}, {"line", bench_line},     {"lookup", bench_lookup}, {"kmsg", bench_kmsg},
+    {"boot", bench_boot},       {"shell", bench_shell},   {"adb", bench_adb},       {"save-log", bench_save_log},
+    {"idle", bench_idle},       {"memory", bench_memory}, {"size", bench_size},     {"scale", bench_scale},
 };
 
 static const int kPriority = -15;  // of all that is measured, so that little else of the machine gets in between
