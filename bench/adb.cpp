@@ -86,10 +86,10 @@ static void measure_bulk(desk *h, const std::string &through, const std::string 
         const double bytes = static_cast<double>(size);
         ours.push_back(bytes / command_seconds(through + " shell -n" + cat, size));
         beside[0].push_back(bytes / command_seconds("adb exec-out" + cat, size));
-        beside[1].push_back(bytes / command_seconds("adb shell" + cat, size));
+        beside[1].push_back(bytes / command_seconds("adb shell -t -t \"stty raw;\"" + cat, size));
         beside[2].push_back(bytes / command_seconds(local + " shell -n" + cat, size));
     }
-    const char *names[] = {"adb exec-out", "adb shell", "local"};
+    const char *names[] = {"adb exec-out", "adb shell -t", "local"};
     for (int i = 0; i < 3; i++) {
         figure line;
         line.what = "through adb, bytes a second through cat";
@@ -97,7 +97,7 @@ static void measure_bulk(desk *h, const std::string &through, const std::string 
         line.beside = text_of("%s %.0f MB/s", names[i], median_of(beside[i]) / 1e6);
         line.value = spread_of(ratios_of(ours, beside[i]));
         line.unit = "×";
-        line.kind = i == 0 ? AT_LEAST : NO_GOAL;
+        line.kind = i < 2 ? AT_LEAST : NO_GOAL;
         line.goal = 0.9;
         lines->push_back(line);
     }

@@ -208,14 +208,14 @@ static std::string packet(char kind, const std::string &data) {
 
 // Reads all that is there, up to what one message takes. Result: false at the end.
 static bool read_all(int fd, std::string *data) {
+    static char buf[ADB_DATA_MAX];  // in no string: one would be cleared for every few bytes of a terminal
     const size_t most = m_data_max - PACKET_HEAD;
     size_t len = 0;
     ssize_t got = 0;
-    data->resize(most);
-    while (len < most && (got = read(fd, &(*data)[len], most - len)) > 0) {
+    while (len < most && (got = read(fd, buf + len, most - len)) > 0) {
         len += static_cast<size_t>(got);
     }
-    data->resize(len);
+    data->assign(buf, len);
     return len > 0 || (got < 0 && (errno == EAGAIN || errno == EINTR));
 }
 
