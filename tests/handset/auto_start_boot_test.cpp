@@ -174,6 +174,26 @@ TEST_F(AutoStartBoot, EmptyFileIsAnEmptyList) {
     EXPECT_EQ(desk_file_text(h, kList), image({"zr-elog"}));
 }
 
+// Neither opening nor reading a FIFO that nobody writes to may block the start.
+TEST_F(AutoStartBoot, FifoIsAnEmptyList) {
+    for (const bool has_writer : {false, true}) {
+        SCOPED_TRACE(has_writer ? "with a writer" : "without a writer");
+        desk_options options = quiet_options();
+        options.prepare = [&](desk *handset) {
+            const std::string list = kList;
+            return desk_make_dir(handset, kDirectory, 0770) &&
+                   desk_shell(handset, "busybox mkfifo " + list).status == 0 &&
+                   (!has_writer ||
+                    desk_shell(handset, "(exec 3<>" + list + "; exec sleep 600) >/dev/null 2>&1 &").status == 0);
+        };
+        ASSERT_NO_FATAL_FAILURE(boot(options));
+        EXPECT_TRUE(tried().empty());
+        EXPECT_EQ(ask("AT\r"), kOk);
+        EXPECT_EQ(command("+AUTO_START_SERVICE=\"zr-elog\",2"), "\r\nAUTO_START_SERVICE: 0\r\n\r\nOK\r\n");
+        end();
+    }
+}
+
 TEST_F(AutoStartBoot, LongFileHasTenSlotsAllTheSame) {
     texts names;
     for (int i = 0; i < 12; i++) {

@@ -176,6 +176,22 @@ TEST_F(AutoStartCommand, ChangeStaysInMemoryWhenTheFileCannotBeOpened) {
     EXPECT_EQ(list(), image({"zr-auto-test"}));
 }
 
+// Opening a FIFO that has no reader would block the command thread.
+TEST_F(AutoStartCommand, ChangeStaysInMemoryWhenTheFileIsAFifoWithoutAReader) {
+    ASSERT_NO_FATAL_FAILURE(boot());
+    ASSERT_EQ(desk_shell(h, std::string("busybox mkfifo ") + kList).status, 0);
+    EXPECT_EQ(enable("zr-elog"), kError);
+    EXPECT_EQ(query("zr-elog"), kListed);
+    EXPECT_TRUE(
+        in_order(platform_lines(), {"auto_start_service_list_update()",
+                                    "open file \"/data/zr-qel-sa/auto-start.lst\" fail: 6 - No such device or address",
+                                    "Enable service \"zr-elog\" auto start fail"}));
+    EXPECT_EQ(count_lines(reports(), "FUNC-auto_start_service_list_update(), error_code=-118, errno=6"), 1);
+    ASSERT_TRUE(desk_remove(h, kList));
+    EXPECT_EQ(enable("zr-auto-test"), kOk);
+    EXPECT_EQ(list(), image({"zr-elog", "zr-auto-test"}));
+}
+
 TEST_F(AutoStartCommand, ShortWriteIsLoggedAlone) {
     ASSERT_NO_FATAL_FAILURE(boot());
     ASSERT_TRUE(desk_fill_data(h, 0)) << desk_error();

@@ -171,6 +171,20 @@ TEST_F(LogSwitches, ChangeWhenTheFileCannotBeOpened) {
     EXPECT_EQ(shell_lines(), (lines{"dmesg > /data/log/SystemLog/dmesg.log &"}));
 }
 
+// Opening a FIFO that has no reader would block the command thread.
+TEST_F(LogSwitches, ChangeWhenTheFileIsAFifoWithoutAReader) {
+    ASSERT_NO_FATAL_FAILURE(boot());
+    ASSERT_EQ(desk_shell(h, std::string("busybox mkfifo ") + kSettings).status, 0);
+    EXPECT_EQ(request("+KERNEL_LOG=1"), kOk) << "counts as success";
+    EXPECT_EQ(steps(), joined({{"handle_sa_kernel_log_set()", "write_setting()", "sys call: open() failed! errno = 6",
+                                report("write_setting", -1)},
+                               ok_steps()}));
+    EXPECT_EQ(request("+KERNEL_LOG?"), "\r\nKERNEL_LOG: 1\r\n\r\nOK\r\n");
+    ASSERT_TRUE(desk_remove(h, kSettings));
+    EXPECT_EQ(request("+KERNEL_LOG=0"), kOk);
+    EXPECT_EQ(desk_file_text(h, kSettings), settings(0, 0, 0));
+}
+
 // The answer counts what reached the file. By then the switch has changed and its reader runs.
 TEST_F(LogSwitches, ChangeButFailWhenDataIsFull) {
     ASSERT_NO_FATAL_FAILURE(boot());

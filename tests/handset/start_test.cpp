@@ -190,6 +190,19 @@ TEST_F(Start, PidFileHoldsThePid) {
         in_order(platform_lines("zr-qel-pub"), {"pub_util_create_pid_file()", number("PID of zr-qel-sa: ", pid, "")}));
 }
 
+// Opening a FIFO that has no reader would block the start.
+TEST_F(Start, FifoInThePidFilesPlaceIsLeftAlone) {
+    desk_options options = quiet_options();
+    options.prepare = [](desk *handset) {
+        return desk_shell(handset, std::string("busybox mkfifo ") + kPidFile).status == 0;
+    };
+    ASSERT_NO_FATAL_FAILURE(boot(options));
+    EXPECT_EQ(ask("AT\r"), kOk);
+    settle();
+    EXPECT_EQ(count_lines(platform_lines("zr-qel-pub"), number("PID of zr-qel-sa: ", desk_agent_pid(h), "")), 1);
+    EXPECT_EQ(desk_owner(h, kPidFile).substr(5), "0:0");
+}
+
 TEST_F(Start, WithoutATemporaryDirectoryThereIsNoPidFile) {
     desk_options options = quiet_options();
     options.tmp = false;
