@@ -48,6 +48,12 @@ class Pty : public TrailTest {
         close(probe);
         return std::to_string(probe);
     }
+    // The caller logs errno: it must be that of the call that failed, whatever the clean-up does.
+    void expect_open_fails_with(int error) {
+        errno = 0;
+        EXPECT_EQ(pub_pty_open(&pty), -118);
+        EXPECT_EQ(errno, error);
+    }
     // After a failed open nothing is open and nothing is published.
     void expect_closed() {
         EXPECT_EQ(pty.m_ptm_fd, -1);
@@ -251,7 +257,7 @@ TEST_F(Pty, OpenWithoutANameOpensAndClosesAgain) {
 
 TEST_F(Pty, OpenFailsWithoutATerminalToOpen) {
     fail_call("open", EACCES);
-    EXPECT_EQ(pub_pty_open(&pty), -118);
+    expect_open_fails_with(EACCES);
     EXPECT_EQ(platform(), (std::vector<std::string>{
                               "pub_pty_open()",
                               "pub_pty_open m_ptm_fd[0]",
@@ -268,7 +274,7 @@ TEST_F(Pty, OpenFailsWithoutATerminalToOpen) {
 TEST_F(Pty, OpenFailsWithoutASlaveName) {
     const std::string number = next_fd();
     fail_call("ptsname_r", ENOTTY);
-    EXPECT_EQ(pub_pty_open(&pty), -118);
+    expect_open_fails_with(ENOTTY);
     const std::vector<std::string> start = {
         "pub_pty_open()",
         "pub_pty_open m_ptm_fd[0]",
@@ -309,7 +315,7 @@ TEST_F(Pty, OpenFailsWithoutALink) {
     const std::string number = next_fd();
     const std::string slave = next_slave();
     fail_call("symlink", EROFS);
-    EXPECT_EQ(pub_pty_open(&pty), -118);
+    expect_open_fails_with(EROFS);
     const std::vector<std::string> failure = {
         "create_pts_mapping symlink(" + slave + ", /dev/ttyT) ret_val[-1]",
         "sys call: symlink() failed! errno = 30",
@@ -329,7 +335,7 @@ TEST_F(Pty, OpenThatCannotSetTheModeStillGivesTheSlaveAway) {
     const std::string number = next_fd();
     const std::string slave = next_slave();
     fail_call("chmod", EPERM);
-    EXPECT_EQ(pub_pty_open(&pty), -118);
+    expect_open_fails_with(EPERM);
     const std::vector<std::string> failure = {
         "create_pts_mapping symlink(" + slave + ", /dev/ttyT) ret_val[0]",
         "create_pts_mapping chmod(/dev/ttyT, 432) ret_val[-1]",
@@ -363,7 +369,7 @@ TEST_P(PtyAttr, StopsAtTheFirstCallThatFails) {
     const std::string number = next_fd();
     const std::string call = GetParam().call;
     fail_call(call, EIO);
-    EXPECT_EQ(pub_pty_open(&pty), -118);
+    expect_open_fails_with(EIO);
     std::vector<std::string> wanted = {"set_ptm_attr()", "set_ptm_attr fd[" + number + "]"};
     for (int index = 0; index < GetParam().passed; index++) {
         wanted.push_back("set_ptm_attr " + std::string(calls[index]) + "(" + number + ") ret_val[0]");
@@ -387,7 +393,7 @@ INSTANTIATE_TEST_SUITE_P(Calls, PtyAttr,
 TEST_F(Pty, OpenFailsWhenItsModeCannotBeSet) {
     pty.is_nonblock_mode = 1;
     fail_call("fcntl", EBADF, 1);  // the first marks the master close-on-exec
-    EXPECT_EQ(pub_pty_open(&pty), -118);
+    expect_open_fails_with(EBADF);
     const std::vector<std::string> lines = platform();
     ASSERT_GE(lines.size(), 5u);
     EXPECT_EQ(std::vector<std::string>(lines.end() - 6, lines.end()),
