@@ -75,6 +75,23 @@ TEST_F(CollectorsStop, SignalsEachInTableOrder) {
     EXPECT_EQ(children_of(desk_agent_pid(h)).size(), 4u);
 }
 
+// The end's line shows the id as an int.
+static std::string end_of(const std::string &id) {
+    return "thread " + std::to_string(static_cast<int>(stoul(id))) + " will be end";
+}
+
+TEST_F(CollectorsStop, LogsOneIdForTheKernelReader) {
+    ASSERT_NO_FATAL_FAILURE(boot(with_log_property(log_property({{3, "5,5"}}))));
+    ASSERT_NE(desk_wait_log_part(h, "zr-qel-sa", "read_kernel_log_loop buf_a["), 0u);
+    const std::string reader = kernel_reader();
+    EXPECT_EQ(count_lines(platform_lines(), "start_zr_log_service m_read_kernel_log_tid[" + reader + "] ret_val[0]"),
+              1);
+    ASSERT_EQ(command("+DELETE_LOG"), kOk);
+    EXPECT_EQ(count_lines(stop_lines(), "KMSG pthread_kill[" + reader + "] ret_val[0]"), 1);
+    EXPECT_NE(desk_wait_log(h, "zr-qel-pub", end_of(reader)), 0u) << end_of(reader);
+    EXPECT_EQ(rests(platform_lines("zr-qel-pub"), "thread ").size(), 1u);
+}
+
 TEST_F(CollectorsStop, SaysNothingOfWhatWasNeverStarted) {
     ASSERT_NO_FATAL_FAILURE(boot());
     ASSERT_EQ(command("+DELETE_LOG"), kOk);
