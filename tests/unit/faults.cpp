@@ -153,6 +153,7 @@ WRAP(void *, malloc, (size_t size), (size), nullptr)
 WRAP(pid_t, fork, (), (), -1)
 WRAP(int, setgid, (gid_t group), (group), -1)
 WRAP(int, setuid, (uid_t user), (user), -1)
+WRAP(int, dup2, (int fd, int number), (fd, number), -1)
 
 // These return their error and leave errno alone.
 #define WRAP_RETURNING(call, parameters, arguments) \

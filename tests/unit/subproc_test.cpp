@@ -177,6 +177,25 @@ TEST_F(CommandChild, GoesOnWithoutAnOutOfMemoryScore) {
     EXPECT_EQ(read_file("/tmp/out"), "on\n");
 }
 
+TEST_F(CommandChild, GoesOnWhenItsOutOfMemoryScoreCannotBeWritten) {
+    divert_open("/oom_adj", "/dev/full");
+    const int pid = run_script("score", "echo on >/tmp/out\n");
+    const lines found = platform(pid);
+    EXPECT_EQ(count_of(found, "create_subprocess_ex write(fdoo) error[28-No space left on device]"), 1);
+    EXPECT_EQ(count_of(file(), "create_subprocess_ex write errno[28-No space left on device]"), 1);
+    EXPECT_EQ(read_file("/tmp/out"), "on\n");
+}
+
+TEST_F(CommandChild, TellsThatAStreamCouldNotBeTaken) {
+    for (const int skip : {0, 1, 2}) {
+        forget();
+        fail_call("dup2", EBUSY, skip);
+        run_script("streams", "exit 0\n");
+        pass_calls();
+        EXPECT_EQ(count_of(file(), "create_subprocess_ex dup2 errno[16-Device or resource busy]"), 1) << skip;
+    }
+}
+
 TEST_F(CommandChild, LeavesItsTrail) {
     const std::string fd = next_fd();
     const int number = run("sh", {"sh", "-c", "exit 3"});
@@ -387,6 +406,28 @@ TEST_F(ShellChild, RunsACommandLine) {
     EXPECT_EQ(group, session) << "a session of its own";
     EXPECT_NE(session, getsid(0));
     EXPECT_TRUE(until([&] { return open_descriptors().size() == before.size() + 1; }));
+}
+
+TEST_F(ShellChild, GoesOnWhenItsOutOfMemoryScoreCannotBeWritten) {
+    divert_open("/oom_adj", "/dev/full");
+    int pid = 0;
+    ASSERT_EQ(create_subprocess(theirs, "-c", "echo on", &pid), theirs);
+    close(theirs);
+    EXPECT_EQ(output(), "on\n");
+    ASSERT_EQ(waitpid(pid, nullptr, 0), pid);
+    const lines found = platform(pid);
+    EXPECT_EQ(count_of(found, "create_subprocess write(fdoo) error[28-No space left on device]"), 1);
+    EXPECT_EQ(count_of(file(), "create_subprocess write errno[28-No space left on device]"), 1);
+}
+
+TEST_F(ShellChild, TellsThatAStreamCouldNotBeTaken) {
+    int pid = 0;
+    fail_call("dup2", EBUSY, 2);
+    ASSERT_EQ(create_subprocess(theirs, "-c", "exit 0", &pid), theirs);
+    pass_calls();
+    close(theirs);
+    ASSERT_EQ(waitpid(pid, nullptr, 0), pid);
+    EXPECT_EQ(count_of(file(), "create_subprocess dup2 errno[16-Device or resource busy]"), 1);
 }
 
 TEST_F(ShellChild, WithoutACommandIsInteractive) {
