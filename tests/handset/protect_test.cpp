@@ -115,8 +115,10 @@ TEST_F(Protect, CutsAPathThatIsTooLong) {
     const std::string name(250, 'n');
     ASSERT_NO_FATAL_FAILURE(boot_with(kLow - kPage, {name}));
     const std::string path = (kReserve + name).substr(0, 255);
-    EXPECT_TRUE(in_order(start(), {"scan line " + path + "\n",
-                                   "sa protect_data rm " + path + " caught errno:2 err:No such file or directory\n",
-                                   "ignore ..\n", "ignore .\n"}));
+    EXPECT_EQ(start(), (std::vector<std::string>{
+                           "protect_data()", room(kLow - kPage), "scan line " + path + "\n",
+                           "sa protect_data rm " + path + " caught errno:2 err:No such file or directory\n",
+                           "ignore ..\n", "ignore .\n"}))
+        << "nothing is said of the cut";
     EXPECT_EQ(desk_list(h, kReserve), std::vector<std::string>{name});
 }
