@@ -1,10 +1,12 @@
 // Copying kernel messages: exact bytes, the wrap inside the file, and what the reader does when a file fails it.
+#include <signal.h>
 #include <time.h>
 
 #include "tests/support/collectors.h"
 
 static const char kFile[] = "/data/local/log/kmsg.log";
 static const char kGrowing[] = "/dev/.desk/growing";
+static const char kTrace[] = "/dev/.desk/trace";
 static const size_t kStamp = sizeof("[2026-01-01 00:00:00]\n") - 1;
 
 class KernelMessages : public CollectorTest {
@@ -14,6 +16,8 @@ class KernelMessages : public CollectorTest {
     // Boots without the agent, with an empty file kGrowing, binds `source` over /proc/kmsg, then starts the agent with
     // the reader on.
     void start_on(const std::string &source);
+    // Mounts a FIFO that nobody uses over a file: it can be neither removed nor renamed.
+    void put_fifo_over(const std::string &path);
     void feed(const std::string &record);
     // What stands behind the time stamp.
     std::string copied();
@@ -34,6 +38,12 @@ void KernelMessages::start_on(const std::string &source) {
     const desk_result bound = desk_shell(h, "/usr/bin/mount --bind " + source + " /proc/kmsg");
     ASSERT_EQ(bound.status, 0) << bound.errors;
     start_agent();
+}
+
+void KernelMessages::put_fifo_over(const std::string &path) {
+    const desk_result mounted = desk_shell(h, "busybox mkfifo /data/fifo && (test -e " + path + " || touch " + path +
+                                                  ") && /usr/bin/mount --bind /data/fifo " + path);
+    ASSERT_EQ(mounted.status, 0) << mounted.errors;
 }
 
 void KernelMessages::feed(const std::string &record) {
@@ -157,6 +167,34 @@ TEST_F(KernelMessages, ThatCannotBeOpenedEndTheReaderAlone) {
     EXPECT_EQ(ask("AT\r"), kOk);
 }
 
+TEST_F(KernelMessages, ThatCannotBeReadAreClosedBeforeTheReaderSaysThatItEnds) {
+    desk_options options = with_log_property(log_property({{3, "5,5"}}));
+    options.agent = false;
+    ASSERT_NO_FATAL_FAILURE(boot_only(options));
+    ASSERT_EQ(desk_shell(h, "/usr/bin/mount --bind /proc/1/mem /proc/kmsg").status, 0);
+    desk_program traced;
+    traced.argv = {"/usr/bin/strace",      "-ff", "-qq", "-s", "200", "-o", kTrace, "-e", "trace=openat,close,sendmsg",
+                   "/system/bin/zr-qel-sa"};
+    desk_child tracer;
+    ASSERT_TRUE(desk_start(h, traced, &tracer)) << desk_error();
+    ASSERT_NE(desk_wait_log(h, "zr-qel-sa", "exit thread"), 0u);
+    pid_t reader = 0;
+    for (const desk_log_entry &entry : desk_log(h, "zr-qel-sa")) {
+        reader = entry.text == "exit thread" ? entry.tid : reader;
+    }
+    const std::string path = kTrace + ("." + std::to_string(reader));
+    ASSERT_TRUE(desk_wait_text(h, path, "exit thread"));
+    const std::string trace = desk_file_text(h, path);
+    const size_t end = trace.find("exit thread");
+    for (const std::string file : {"/proc/kmsg", kFile}) {
+        const size_t opened = trace.rfind("openat(AT_FDCWD, \"" + file + "\"", end);
+        ASSERT_NE(opened, std::string::npos) << file;
+        const std::string number = std::to_string(atoi(trace.c_str() + trace.find(" = ", opened) + 3));
+        EXPECT_LT(trace.find("close(" + number + ")", opened), end) << number << " of " << file << "\n" << trace;
+    }
+    EXPECT_TRUE(desk_kill(h, tracer.pid, SIGKILL));
+}
+
 TEST_F(KernelMessages, ThatCannotBeReadEndTheReaderWithItsDescriptors) {
     ASSERT_NO_FATAL_FAILURE(start_on("/proc/1/mem"));  // opens, and has nothing at its beginning
     ASSERT_NE(desk_wait_log(h, "zr-qel-sa", "exit thread"), 0u) << "a read error is final";
@@ -192,6 +230,25 @@ TEST_F(KernelMessages, WithoutAnOutputFileEndTheReader) {
     EXPECT_EQ(count_lines(file_lines(), "read_kernel_log_loop open(/data/local/log/kmsg.log) errno[21-Is a directory]"),
               1);
     EXPECT_TRUE(desk_until([&] { return threads(desk_agent_pid(h)) == 2; }));
+    for (const std::string &open : descriptors(desk_agent_pid(h))) {
+        EXPECT_EQ(open.find("kmsg"), std::string::npos) << open;
+    }
+}
+
+// Opening a FIFO that has no reader would block the kernel reader.
+TEST_F(KernelMessages, WithAFifoWithoutAReaderAsOutputEndTheReader) {
+    ASSERT_NO_FATAL_FAILURE(boot());
+    ASSERT_NO_FATAL_FAILURE(put_fifo_over(kFile));
+    for (int round = 0; round < 3; round++) {
+        ASSERT_EQ(command("+KERNEL_LOG=1"), kOk);
+        ASSERT_TRUE(desk_until([&] {
+            return count_lines(file_lines(),
+                               "read_kernel_log_loop open(/data/local/log/kmsg.log) "
+                               "errno[6-No such device or address]") == round + 1;
+        }));
+        EXPECT_TRUE(desk_until([&] { return threads(desk_agent_pid(h)) == 2; }));
+        ASSERT_EQ(command("+KERNEL_LOG=0"), kOk);
+    }
     for (const std::string &open : descriptors(desk_agent_pid(h))) {
         EXPECT_EQ(open.find("kmsg"), std::string::npos) << open;
     }
@@ -253,4 +310,69 @@ TEST_F(KernelMessages, ReaderThatCannotStartIsReported) {
     heal_call(h, "pthread_create");
     EXPECT_EQ(command("+DELETE_LOG"), kOk);
     EXPECT_EQ(desk_file_text(h, "/proc/sys/kernel/printk"), "7 4 1 7\n");
+}
+
+// ---- a stop while the reader waits for a stream that nobody writes to ----
+
+class SilentStream : public KernelMessages {
+  protected:
+    // Boots with this kernel collector and the FIFO in the stream's place, the agent not started yet.
+    void boot_silent(const std::string &kernel_collector) {
+        desk_options options = with_log_property(log_property({{3, kernel_collector}}));
+        options.agent = false;
+        ASSERT_NO_FATAL_FAILURE(boot_only(options));
+        ASSERT_NO_FATAL_FAILURE(put_fifo_over("/proc/kmsg"));
+        ASSERT_NO_FATAL_FAILURE(start_agent());
+        ASSERT_EQ(ask("AT\r"), kOk);
+        agent = desk_agent_pid(h);
+    }
+    // Waits until so many readers have begun and wait for the stream.
+    ::testing::AssertionResult readers_wait(int begun, int alive) {
+        const bool is_so = desk_until([&] {
+            return count_lines(file_lines(), "read_kernel_log_loop log_path[/data/local/log/kmsg.log]") == begun &&
+                   threads(agent) == 2 + alive;
+        });
+        return is_so ? ::testing::AssertionSuccess() : ::testing::AssertionFailure() << threads(agent) << " threads";
+    }
+    // Waits until the agent has its two own threads, so many have said that they end, and nothing of a reader is open.
+    ::testing::AssertionResult only_ended(int count) {
+        if (!desk_until([&] { return threads(agent) == 2; })) {
+            return ::testing::AssertionFailure() << threads(agent) << " threads";
+        }
+        settle();
+        int ended = 0;
+        for (const std::string &line : platform_lines("zr-qel-pub")) {
+            ended += line.compare(0, 7, "thread ") == 0 && line.find(" will be end") != std::string::npos ? 1 : 0;
+        }
+        for (const std::string &open : descriptors(agent)) {
+            if (open.find("kmsg") != std::string::npos || open.find("fifo") != std::string::npos) {
+                return ::testing::AssertionFailure() << open;
+            }
+        }
+        return ended == count ? ::testing::AssertionSuccess() : ::testing::AssertionFailure() << ended << " have ended";
+    }
+
+    pid_t agent = -1;
+};
+
+TEST_F(SilentStream, SwitchStopsTheReader) {
+    ASSERT_NO_FATAL_FAILURE(boot_silent("0,0"));
+    for (int round = 1; round <= 3; round++) {
+        ASSERT_EQ(command("+KERNEL_LOG=1"), kOk);
+        ASSERT_TRUE(readers_wait(round, 1));
+        ASSERT_EQ(command("+KERNEL_LOG=0"), kOk);
+        EXPECT_TRUE(only_ended(round));
+    }
+}
+
+TEST_F(SilentStream, RestartOfCollectionStopsTheReader) {
+    ASSERT_NO_FATAL_FAILURE(boot_silent("2,5"));
+    for (int round = 1; round <= 3; round++) {
+        ASSERT_TRUE(readers_wait(round, 1));
+        ASSERT_EQ(command("+DELETE_LOG"), kOk);
+    }
+    ASSERT_TRUE(readers_wait(4, 1));
+    ASSERT_EQ(desk_set_property(h, kLogProperty, log_property({})), 0);
+    ASSERT_EQ(command("+DELETE_LOG"), kOk);
+    EXPECT_TRUE(only_ended(4));
 }
