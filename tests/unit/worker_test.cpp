@@ -114,6 +114,12 @@ TEST_F(Worker, RunsItsRoutineWithItsArgument) {
     EXPECT_EQ(value, 42);
 }
 
+TEST_F(Worker, IsNamedByItsOwnThreadNumber) {
+    const pub_thread_id id = start(live_until_told);
+    await_one();
+    EXPECT_EQ(static_cast<int>(id.thread), m_self);
+}
+
 TEST_F(Worker, IsDetached) {
     static std::atomic<int> state{-1};
     start([](void *) -> void * {
@@ -299,19 +305,27 @@ TEST_F(Worker, SurviveAStormOfStops) {
 
 // ---- room ----
 
-TEST_F(Worker, OneOfFiveHundredIsStoppedAlone) {
+// More readers than a process can have with the usual limit of 1024 descriptors.
+TEST_F(Worker, OneOfSixHundredIsStoppedAlone) {
+    pthread_attr_t usual;
+    pthread_attr_t small;
+    pthread_getattr_default_np(&usual);
+    pthread_attr_init(&small);
+    pthread_attr_setstacksize(&small, 256 * 1024);  // 600 of the usual size exceed an address space of 32 bits
+    pthread_setattr_default_np(&small);
     std::vector<pub_thread_id> ids;
-    for (int index = 0; index < 500; index++) {
+    for (int index = 0; index < 600; index++) {
         ids.push_back(start(live_until_told));
         await_one();
     }
+    pthread_setattr_default_np(&usual);
     ASSERT_EQ(pub_util_kill_thread(&ids[100]), 0);
-    m_threads_before += 499;
+    m_threads_before += 599;
     ASSERT_TRUE(wait_until(all_have_ended));
-    m_threads_before -= 499;
+    m_threads_before -= 599;
     m_may_end = true;
     EXPECT_TRUE(wait_until(all_have_ended));
-    EXPECT_EQ(m_finished, 499);
+    EXPECT_EQ(m_finished, 599);
 }
 
 TEST_F(Worker, ThatCouldNotStartTakesNoRoom) {
@@ -365,6 +379,25 @@ TEST_F(WorkerDescriptors, AreClosedAtTheEndOfTheRoutine) {
     EXPECT_EQ(open_descriptors().size(), before.size() + 3);
     m_may_end = true;
     ASSERT_TRUE(wait_until(all_have_ended));
+    expect_the_first_alone();
+}
+
+static void *close_early(void *arg) {
+    pub_util_own_descriptors(m_fd_a[1], m_fd_a[2]);
+    pub_util_close_owned();
+    return live_until_told(arg);
+}
+
+TEST_F(WorkerDescriptors, AreClosedOnRequestAndOnce) {
+    start(close_early);
+    await_one();
+    EXPECT_EQ(open_descriptors().size(), before.size() + 1);
+    const int others = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    EXPECT_EQ(others, m_fd_a[1]) << "the number is free again";
+    m_may_end = true;
+    ASSERT_TRUE(wait_until(all_have_ended));
+    EXPECT_GE(fcntl(others, F_GETFD), 0) << "the worker's end closes nobody else's descriptor";
+    close(others);
     expect_the_first_alone();
 }
 
