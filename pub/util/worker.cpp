@@ -11,8 +11,11 @@
 
 #include <errno.h>
 #include <signal.h>
-#include <sys/mman.h>
 #include <unistd.h>
+
+#if defined(__GLIBC__)
+#include <execinfo.h>
+#endif
 
 #include "pub/pub_codes.h"
 #include "pub/util/error_text.h"
@@ -29,9 +32,8 @@ struct worker {
     int owned_fd_a[2];         // the worker
 };
 
-static const int kWorkers = 16384;              // two descriptors each: the descriptor limit of a device comes first
-static const useconds_t kStopPause = 10000;     // µs that a stopped worker is given to run its handler
-static const size_t kEndReserve = 1024 * 1024;  // bytes; more than the C library needs to end its first thread
+static const int kWorkers = 16384;           // two descriptors each: the descriptor limit of a device comes first
+static const useconds_t kStopPause = 10000;  // µs that a stopped worker is given to run its handler
 
 static pthread_mutex_t m_mutex = PTHREAD_MUTEX_INITIALIZER;
 static struct worker m_worker_a[kWorkers];
@@ -109,26 +111,15 @@ void pub_util_close_owned(void) {
 
 // ---- the creator's side ----
 
-static void *end_first_thread(void *reserve) {
-    munmap(reserve, kEndReserve);
-    pthread_exit(nullptr);
-}
-
-// glibc loads its unwinder when a thread first ends by pthread_exit, and aborts the process when it cannot. So a thread ends
-// now, with memory set aside for it, and not when a worker is stopped and nothing is left.
-static int end_a_thread(void) {
-    void *reserve = mmap(nullptr, kEndReserve, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (reserve == MAP_FAILED) {
-        return ENOMEM;
-    }
-    pthread_t thread;
-    const int result = pthread_create(&thread, nullptr, end_first_thread, reserve);
-    if (result != 0) {
-        munmap(reserve, kEndReserve);
-        return result;
-    }
-    pthread_join(thread, nullptr);
+// glibc loads its unwinder when a thread first ends by pthread_exit, and aborts the process when it cannot. A backtrace
+// loads the same unwinder and can fail, so it comes first. Returns 0 or ENOMEM.
+static int load_unwinder(void) {
+#if defined(__GLIBC__)
+    void *frame = nullptr;
+    return backtrace(&frame, 1) == 1 ? 0 : ENOMEM;
+#else
     return 0;
+#endif
 }
 
 // What the first worker needs. Without memory for it nothing is kept, and the next worker tries again.
@@ -136,7 +127,7 @@ static int make_ready(void) {
     if (m_is_ready) {
         return 0;
     }
-    int result = end_a_thread();
+    int result = load_unwinder();
     if (result == 0) {
         result = pthread_key_create(&m_end_key, leave_registry);
     }
