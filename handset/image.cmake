@@ -1,28 +1,28 @@
-# Assembles the tree of /system that handsets boot from. Called by the build as
-# cmake -DIMAGE=DIR -DLIST=FILE -P image.cmake; each line of the list is "source|place in the tree".
-# Programs of Debian are linked, not copied: a handset sees the machine's /usr.
+# Assembles the tree of /system. Called by the build as
+# cmake -DIMAGE=DIR -DLIST=FILE -P image.cmake; each line of the list is "source|path in the tree".
+# Debian's programs are symbolic links, since a handset has the machine's /usr.
 file(REMOVE_RECURSE ${IMAGE}.new)
 file(STRINGS ${LIST} lines)
 foreach(line ${lines})
   string(REPLACE "|" ";" pair "${line}")
   list(GET pair 0 source)
-  list(GET pair 1 place)
-  get_filename_component(directory ${IMAGE}.new/${place} DIRECTORY)
+  list(GET pair 1 path)
+  get_filename_component(directory ${IMAGE}.new/${path} DIRECTORY)
   file(MAKE_DIRECTORY ${directory})
-  execute_process(COMMAND cp -L ${source} ${IMAGE}.new/${place} RESULT_VARIABLE failed)
+  execute_process(COMMAND cp -L ${source} ${IMAGE}.new/${path} RESULT_VARIABLE failed)
   if(failed)
     message(FATAL_ERROR "handset image: ${source} cannot be copied")
   endif()
 endforeach()
 
-# A link to an installed program, unless the tree has one of its own under that name.
-function(link_program program place)
-  if(EXISTS ${IMAGE}.new/${place} OR IS_SYMLINK ${IMAGE}.new/${place})
+# Links to an installed program, unless the tree has its own program of that name.
+function(link_program program path)
+  if(EXISTS ${IMAGE}.new/${path} OR IS_SYMLINK ${IMAGE}.new/${path})
     return()
   endif()
-  get_filename_component(directory ${IMAGE}.new/${place} DIRECTORY)
+  get_filename_component(directory ${IMAGE}.new/${path} DIRECTORY)
   file(MAKE_DIRECTORY ${directory})
-  file(CREATE_LINK ${program} ${IMAGE}.new/${place} SYMBOLIC)
+  file(CREATE_LINK ${program} ${IMAGE}.new/${path} SYMBOLIC)
 endfunction()
 
 function(find_installed name result)
@@ -33,7 +33,7 @@ function(find_installed name result)
       return()
     endif()
   endforeach()
-  message(WARNING "handset image: ${name} is not installed; handsets go without it")
+  message(WARNING "handset image: ${name} is not installed; handsets will not have it")
 endfunction()
 
 find_installed(mksh mksh)
@@ -59,7 +59,7 @@ if(toybox)
   endforeach()
 endif()
 
-# What the platform's toybox has and Debian's has not.
+# Applets that the platform's toybox has and Debian's does not.
 if(busybox)
   foreach(applet awk dd diff expr getopt more stty tr vi)
     link_program(${busybox} bin/${applet})

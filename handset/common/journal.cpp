@@ -35,7 +35,7 @@ void journal_append_field(const std::string &field, std::string *line) {
     }
 }
 
-static std::string unescape(const std::string &field) {
+std::string journal_unescape(const std::string &field) {
     std::string plain;
     for (size_t i = 0; i < field.size(); i++) {
         if (field[i] != '\\' || i + 1 == field.size()) {
@@ -57,7 +57,7 @@ static std::string unescape(const std::string &field) {
 std::vector<std::string> journal_fields(const std::string &line) {
     std::vector<std::string> fields = text_split(line, '\t');
     for (std::string &field : fields) {
-        field = unescape(field);
+        field = journal_unescape(field);
     }
     return fields;
 }

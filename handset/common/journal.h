@@ -11,6 +11,8 @@ std::vector<std::string> text_split(const std::string &text, char separator);
 
 // Appends `field` with its control bytes escaped.
 void journal_append_field(const std::string &field, std::string *line);
+// Undoes the escapes of a field.
+std::string journal_unescape(const std::string &field);
 // The fields of a line without its newline, unescaped.
 std::vector<std::string> journal_fields(const std::string &line);
 

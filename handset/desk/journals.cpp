@@ -47,10 +47,12 @@ static void read_new_lines(desk *h) {
     if (fd < 0) {
         return;
     }
-    const size_t before = h->log_rest.size();
-    lseek(fd, h->log_offset, SEEK_SET);
-    read_all(fd, &h->log_rest);
-    h->log_offset += static_cast<off_t>(h->log_rest.size() - before);
+    const off_t data = lseek(fd, h->log_offset, SEEK_DATA);  // the daemon frees the oldest part of a long journal
+    if (data >= 0) {
+        const size_t before = h->log_rest.size();
+        read_all(fd, &h->log_rest);
+        h->log_offset = data + static_cast<off_t>(h->log_rest.size() - before);
+    }
     close(fd);
     size_t start = 0;
     for (size_t end; (end = h->log_rest.find('\n', start)) != std::string::npos; start = end + 1) {

@@ -10,6 +10,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include "handset/common/utf8.h"
 #include "handset/init/init.h"
 
 static const std::string kSavedDir = "/data/property/";
@@ -99,38 +100,15 @@ static bool is_legal_name(const std::string &name) {
     return true;
 }
 
-// Length of the well-formed UTF-8 sequence at `text`, 0 when there is none.
-static size_t utf8_length(const unsigned char *text, size_t left) {
-    unsigned char c = text[0];
-    if (c < 0x80) {
-        return 1;
-    }
-    size_t length = c >= 0xC2 && c < 0xE0 ? 2 : c >= 0xE0 && c < 0xF0 ? 3 : c >= 0xF0 && c < 0xF5 ? 4 : 0;
-    if (length == 0 || length > left) {
-        return 0;
-    }
-    for (size_t i = 1; i < length; i++) {
-        if ((text[i] & 0xC0) != 0x80) {
-            return 0;
-        }
-    }
-    // Overlong forms, surrogates and numbers above the last code point.
-    bool bad = (c == 0xE0 && text[1] < 0xA0) || (c == 0xED && text[1] >= 0xA0) || (c == 0xF0 && text[1] < 0x90) ||
-               (c == 0xF4 && text[1] >= 0x90);
-    return bad ? 0 : length;
-}
-
 static bool is_legal_value(const std::string &name, const std::string &value) {
     if (value.size() >= PROPERTY_VALUE_SIZE || (value.size() >= PROPERTY_VALUE_MAX && !text_starts(name, "ro."))) {
         return false;
     }
-    auto *bytes = reinterpret_cast<const unsigned char *>(value.data());
-    for (size_t i = 0; i < value.size();) {
-        size_t step = bytes[i] == 0 ? 0 : utf8_length(bytes + i, value.size() - i);
+    for (size_t i = 0, step; i < value.size(); i += step) {
+        step = value[i] == '\0' ? 0 : utf8_length(value, i);
         if (step == 0) {
             return false;
         }
-        i += step;
     }
     return true;
 }

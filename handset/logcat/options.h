@@ -1,33 +1,30 @@
-// What the command line of logcat asks for.
+// The command line of logcat.
 #ifndef HANDSET_LOGCAT_OPTIONS_H
 #define HANDSET_LOGCAT_OPTIONS_H
 
-#include <stddef.h>
 #include <stdint.h>
 
 #include <string>
-
-#include "handset/logcat/filter.h"
-#include "handset/logcat/format.h"
+#include <utility>
+#include <vector>
 
 struct logcat_options {
     unsigned buffers = 0;     // bit N: buffer N; never 0 after parsing
     std::string file;         // "": standard output
     uint64_t rotate_kib = 0;  // 0: never
     uint64_t older_files = 4;
-    bool is_dump = false;  // end after what is stored
-    bool has_tail = false;
-    uint64_t tail = 0;
-    bool tells_switches = false;  // a separator at every change of buffer, not only at a buffer's first entry
-    log_format format;
-    log_filter filter;
+    bool is_dump = false;  // end after the stored entries
+    bool has_microseconds = false;
+    bool is_printable = false;
+    int other_tags = 0;                             // lowest priority that is printed of a tag not listed below
+    std::vector<std::pair<std::string, int>> tags;  // the same of single tags; the last one of a tag counts
 };
 
-// Reads the command line (and ANDROID_LOG_TAGS when it holds no filter). False when it is wrong: `error` then holds a
-// sentence, or is empty when the help was asked for.
+// Reads the command line. False when it is wrong, with a sentence in `error`, or when it asks for help, with "".
 bool logcat_parse(int argc, char **argv, logcat_options *out, std::string *error);
+// Whether an entry of this tag and priority is printed.
+bool logcat_filter(const logcat_options &options, const std::string &tag, int priority);
 
-// The help text.
 extern const char kLogcatHelp[];
 
 #endif

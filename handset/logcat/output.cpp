@@ -12,16 +12,12 @@ static bool open_file(log_output *output) {
     return output->fd != -1;
 }
 
-bool output_open(log_output *output, bool preallocate) {
+bool output_open(log_output *output) {
     struct stat st;
-    if (!open_file(output) || fstat(output->fd, &st) == -1) {
+    if (!open_file(output) || fstat(output->fd, &st) != 0) {
         return false;
     }
     output->bytes = static_cast<uint64_t>(st.st_size);
-    if (preallocate && output->rotate_kib != 0) {
-        // A file system that cannot do it leaves the file as useful as before.
-        fallocate(output->fd, FALLOC_FL_KEEP_SIZE, 0, static_cast<off_t>(output->rotate_kib << 10));
-    }
     return true;
 }
 
@@ -42,20 +38,21 @@ bool output_write(log_output *output, const std::string &text) {
     return true;
 }
 
-std::string output_name(const log_output &output, uint64_t number) {
+// The name of an older file, 0 being the current one.
+static std::string name_of(const log_output &output, uint64_t number) {
     if (number == 0) {
         return output.file;
     }
     const auto width = static_cast<int>(std::to_string(output.older_files).size());
     char digits[32];
-    snprintf(digits, sizeof digits, ".%0*llu", width, static_cast<unsigned long long>(number));
+    snprintf(digits, sizeof(digits), ".%0*llu", width, static_cast<unsigned long long>(number));
     return output.file + digits;
 }
 
 static void shift_files(const log_output &output) {
     for (uint64_t i = output.older_files; i > 0; i--) {
-        const std::string from = output_name(output, i - 1);
-        if (rename(from.c_str(), output_name(output, i).c_str()) == -1 && errno != ENOENT) {
+        const std::string from = name_of(output, i - 1);
+        if (rename(from.c_str(), name_of(output, i).c_str()) == -1 && errno != ENOENT) {
             perror("while rotating log files");
         }
     }

@@ -14,16 +14,13 @@ struct log_output {
     uint64_t bytes = 0;  // in the current file
 };
 
-// Opens output->file for appending, made with mode 0600 if missing, and takes its size as already used. With
-// `preallocate` the file system sets the blocks of a whole file aside (the size stays). False with errno.
-bool output_open(log_output *output, bool preallocate);
+// Opens output->file for appending, with mode 0600 when it is created; the size it has counts. False with errno.
+bool output_open(log_output *output);
 // Writes all of it. False with errno.
 bool output_write(log_output *output, const std::string &text);
 // Counts the bytes of a printed entry and starts a new file when the current one has reached its size: FILE becomes
-// FILE.1, that one FILE.2 and so on up to `older_files`, the oldest goes. False, with errno, when no new file can be
-// opened.
+// FILE.1, that one FILE.2 and so on up to `older_files`; the oldest one is removed. The numbers have as many digits as the
+// largest. False with errno when no new file can be opened.
 bool output_count(log_output *output, uint64_t bytes);
-// The name of an older file, 0 being the current one. Numbers have as many digits as the greatest one.
-std::string output_name(const log_output &output, uint64_t number);
 
 #endif

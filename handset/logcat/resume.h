@@ -1,14 +1,14 @@
-// Where an earlier run of logcat stopped.
+// Where an earlier run of logcat has ended.
 #ifndef HANDSET_LOGCAT_RESUME_H
 #define HANDSET_LOGCAT_RESUME_H
 
+#include <stdint.h>
 #include <time.h>
 
 #include <string>
 
-// The newest time stamp at the start of a line of `path`, as "S.NNNNNNNNN", rounded up to the end of what its digits
-// mean so that the entry itself is not asked for again; "" without file or stamp. Lines hold no year: it is the one
-// that makes the stamp the latest one not after `now`.
-std::string resume_after(const char *path, time_t now);
+// The newest time stamp at the start of a line of `path`, in nanoseconds since 1970 and rounded up to the last moment
+// that is printed like this; 0 without file or stamp. A stamp has no year: it is the latest that is not after `now`.
+uint64_t resume_after(const std::string &path, time_t now);
 
 #endif

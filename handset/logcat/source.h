@@ -1,18 +1,31 @@
-// The reading end of the log daemon.
+// Reads the log journal, and waits for new entries.
 #ifndef HANDSET_LOGCAT_SOURCE_H
 #define HANDSET_LOGCAT_SOURCE_H
 
+#include <sys/types.h>
+
 #include <string>
 
-#include "handset/logcat/options.h"
-#include "handset/logd/wire.h"
+#include "handset/logcat/format.h"
 
-// Connects and asks for the entries that `options` want, those already stored only if later than `after`
-// ("S.NNNNNNNNN", "" for all). Returns the descriptor, or -1 with errno.
-int source_open(const logcat_options &options, const std::string &after);
+struct log_source {
+    int journal = -1;
+    int socket = -1;
+    bool is_dump = false;
+    unsigned buffers = 0;
+    uint64_t after_ns = 0;  // a stored entry is returned only when it is later
+    off_t stored = 0;       // size of the journal at the opening
+    off_t offset = 0;       // of the next line
+    std::string rest;       // what has been read of the journal and is not used up
+    size_t used = 0;        // bytes of `rest` whose lines have been returned
+};
 
-enum source_result { SOURCE_ENTRY, SOURCE_END, SOURCE_BAD_LENGTH, SOURCE_ERROR };
-// Waits for the next entry. SOURCE_ERROR leaves errno.
-source_result source_next(int fd, log_answer *out);
+// Opens journal and socket. The options tell which buffers are read. `after_ns`: nanoseconds since 1970. False with errno.
+bool source_open(const logcat_options &options, uint64_t after_ns, log_source *out);
+
+enum source_result { SOURCE_ENTRY, SOURCE_END, SOURCE_ERROR };
+// The next entry. Waits for it, or returns SOURCE_END after the stored ones of a dump. SOURCE_END is also returned when the
+// daemon has ended. SOURCE_ERROR leaves errno.
+source_result source_next(log_source *from, log_entry *out);
 
 #endif

@@ -1,72 +1,44 @@
-// What the log daemon shares with those who write to it and those who read from it: socket paths, record layouts,
-// names of buffers and priorities. All numbers are little-endian, as every machine that a handset runs on is.
+// What the log daemon and the programs that use it share: socket paths, the record layout, names of buffers and
+// priorities. All numbers are little-endian, as on every machine that runs a handset.
 #ifndef HANDSET_LOGD_WIRE_H
 #define HANDSET_LOGD_WIRE_H
 
 #include <stddef.h>
 #include <stdint.h>
 
-static constexpr char kLogWriteSocket[] = "/dev/socket/logdw";  // datagrams, one a record
-static constexpr char kLogReadSocket[] = "/dev/socket/logdr";   // seqpacket: one request, then an answer a record
+#define LOG_WRITE_SOCKET "/dev/socket/logdw"  // datagrams, one a record
+// A connection gets one byte whenever the log journal has grown, and ends with the daemon.
+#define LOG_READ_SOCKET "/dev/socket/logdr"
 
-static constexpr size_t kLogPayloadMax = 4068;  // of one record, all but the header
+static const size_t kLogPayloadMax = 4068;  // bytes of one record, without its header
 
-// In front of a record on the way in. Who sent it (pid, uid) comes from the kernel.
+// In front of each record. The kernel adds the sender's pid and uid.
 struct __attribute__((packed)) log_record_header {
     uint8_t buffer;
-    uint16_t tid;  // the low half of it
+    uint16_t tid;  // its low 16 bits
     uint32_t sec;
     uint32_t nsec;
 };
 static_assert(sizeof(log_record_header) == 11);
 
-// In front of a record on the way out.
-struct log_answer_header {
-    uint16_t length;  // of the payload that follows
-    uint16_t header_size;
-    int32_t pid;
-    uint32_t tid;
-    uint32_t sec;
-    uint32_t nsec;
-    uint32_t buffer;
-    uint32_t uid;
-};
-static_assert(sizeof(log_answer_header) == 28);
+static const unsigned kLogBufferCount = 8;
 
-// A record read back, its payload with room for a closing NUL.
-struct log_answer {
-    log_answer_header header;
-    unsigned char payload[kLogPayloadMax + 1];
+// Types of the values in an events record.
+enum log_event_type {
+    LOG_EVENT_INT = 0,     // 4 bytes
+    LOG_EVENT_LONG = 1,    // 8 bytes
+    LOG_EVENT_STRING = 2,  // length in 4 bytes, then that many bytes, no NUL
+    LOG_EVENT_LIST = 3,    // count in 1 byte, then that many values
+    LOG_EVENT_FLOAT = 4,   // 4 bytes
 };
 
-static constexpr unsigned kLogBufferCount = 8;
-
-// Name of a buffer, null for a number that is none.
+// Name of a buffer below kLogBufferCount.
 const char *log_buffer_name(unsigned buffer);
 // Number of a buffer, -1 for an unknown name.
 int log_buffer_number(const char *name);
-// Whether the buffer holds binary records (a number and typed values) instead of priority, tag and text.
-bool log_buffer_is_binary(unsigned buffer);
-// The letter that stands for a priority, '?' for a number that has none.
+// The letter of a priority, '?' for an unknown number.
 char log_priority_letter(int priority);
-
-// The pieces of a payload. Pointers go into the payload (binary: `values`), nothing is copied.
-struct log_text {
-    int priority;
-    const char *tag;
-    size_t tag_length;
-    const char *text;  // ends at its first NUL
-    size_t text_length;
-};
-// Takes a text payload apart; false when it has no priority, tag and NUL.
-bool log_split_text(const unsigned char *payload, size_t length, log_text *out);
-
-struct log_event {
-    uint32_t number;
-    const unsigned char *values;
-    size_t values_length;
-};
-// Takes a binary payload apart; false when it is too short to hold a number.
-bool log_split_event(const unsigned char *payload, size_t length, log_event *out);
+// The priority of a letter in either case, 0 for an unknown one.
+int log_priority_number(char letter);
 
 #endif

@@ -1,11 +1,10 @@
-// The platform's log library on a PC: every entry leaves as one datagram to the log daemon.
-// Owns the process-wide socket to the daemon (opened at the first write, inherited by fork) and the count of lost entries.
+// The platform's log library on a PC: sends each entry as one datagram to the log daemon.
+// State: the process' socket to the daemon (opened at the first write, inherited by fork) and the count of lost entries.
 //
-// May be called from any thread, from a signal handler and from the child between fork and exec of a threaded process:
-// there is no lock that an interrupted or vanished thread could have left held. The shared state is two lock-free
-// atomics; the socket is published by one compare-exchange and never closed or replaced afterwards, a lost daemon is
-// found again by connecting the very same socket anew. The text is formatted on the stack: vsnprintf into a caller's
-// buffer uses no stream lock, and no heap for the integer, character and string conversions that log texts are made of.
+// Can be called from any thread, from a signal handler, and from the child of a threaded process between fork and exec:
+// it takes no lock. The shared state is two lock-free atomics. The socket is published by one compare-exchange and never
+// closed or replaced; after a restart of the daemon the same socket is connected again. The text is formatted on the
+// stack: vsnprintf into a buffer takes no stream lock, and no heap for integers, characters and strings.
 #include <android/log.h>
 #include <errno.h>
 #include <poll.h>
@@ -24,16 +23,16 @@
 
 #include "handset/common/paths.h"
 
-static constexpr size_t kTextSize = 1024;    // of a formatted text, its NUL included
-static constexpr size_t kPayloadMax = 4068;  // of one record, all but its header
-static constexpr int32_t kLostTag = 1006;    // events tag under which the number of lost entries is told
+static constexpr size_t kTextSize = 1024;  // of a formatted text, its NUL included
+static constexpr int kMainBuffer = 0;
+static constexpr int kEventsBuffer = 2;
+static constexpr int32_t kLostTag = 1006;  // of the event that reports the number of lost entries
 static constexpr size_t kHeaderSize = 11;
 static constexpr int kInPlaceMs = 5000;
-static constexpr size_t kPartMax = 4;  // of one datagram: header and up to three pieces of payload
 
-// -1 until the first write; afterwards the same number for the life of the process, unless someone else closes it.
+// -1 until the first write, then constant, unless other code of the process closes the descriptor.
 static std::atomic<int> m_socket{-1};
-// Entries dropped since the last time the daemon was told.
+// Entries dropped since the last report to the daemon.
 static std::atomic<int32_t> m_lost{0};
 static_assert(std::atomic<int>::is_always_lock_free && std::atomic<int32_t>::is_always_lock_free,
               "a lock inside an atomic could be held by the thread that a handler interrupts");
@@ -44,7 +43,7 @@ static void put_u32(unsigned char *to, uint32_t value) {
     }
 }
 
-// The thread's id, asked for once, as the platform's C library keeps it; a forked child asks anew. Needs no allocation.
+// The thread's id, cached as in the platform's C library. initial-exec, since the first use must not allocate.
 static thread_local __attribute__((tls_model("initial-exec"))) pid_t m_tid = 0;
 
 static void forget_tid() {
@@ -62,7 +61,7 @@ static uint32_t own_tid() {
     return static_cast<uint32_t>(m_tid);
 }
 
-// u8 buffer, u16 thread, u32 seconds, u32 nanoseconds; pid and uid are the kernel's to tell.
+// u8 buffer, u16 thread, u32 seconds, u32 nanoseconds. The kernel adds pid and uid.
 static void put_header(unsigned char (&header)[kHeaderSize], int buffer) {
     struct timespec now = {};
     clock_gettime(CLOCK_REALTIME, &now);
@@ -81,7 +80,7 @@ static int connect_daemon(int fd) {
     return connect(fd, reinterpret_cast<struct sockaddr *>(&address), sizeof address);
 }
 
-// The process's socket, made and connected at the first call; -1 when there is none to be had.
+// The process' socket, created and connected at the first call; -1 when it cannot be created.
 static int open_socket() {
     int fd = m_socket.load();
     if (fd != -1) {
@@ -95,12 +94,12 @@ static int open_socket() {
     if (m_socket.compare_exchange_strong(fd, made)) {
         return made;
     }
-    close(made);  // another thread, or a handler over this one, was first
+    close(made);  // another thread or a signal handler was first
     return fd;
 }
 
-// Puts the socket right after a failed write. A number that is no socket any more was closed behind our back
-// (a child that clears its descriptors): it belongs to others now, so it is forgotten, not closed.
+// Repairs the socket after a failed write. When a child has closed all its descriptors the number may be another file's:
+// it is forgotten, not closed.
 static int reopen_socket(int fd, int error) {
     if (error == EBADF || error == ENOTSOCK) {
         m_socket.compare_exchange_strong(fd, -1);
@@ -116,7 +115,7 @@ static bool send_parts(int fd, struct iovec *parts, size_t count) {
     return sendmsg(fd, &message, MSG_NOSIGNAL | MSG_DONTWAIT) >= 0;
 }
 
-// Tells the daemon how many entries were lost, once it takes entries again.
+// Reports to the daemon how many entries were lost.
 static void report_lost(int fd) {
     const int32_t lost = m_lost.exchange(0);
     if (lost == 0) {
@@ -124,7 +123,7 @@ static void report_lost(int fd) {
     }
     unsigned char header[kHeaderSize];
     unsigned char event[9];
-    put_header(header, LOG_ID_EVENTS);
+    put_header(header, kEventsBuffer);
     put_u32(event, kLostTag);
     event[4] = 0;  // the value is an int
     put_u32(event + 5, static_cast<uint32_t>(lost));
@@ -134,8 +133,8 @@ static void report_lost(int fd) {
     }
 }
 
-// The daemon's queue is as long as the platform's, but for handsets in place: there it holds ten entries or so, as the
-// container's kernel has it, and a full one is waited for.
+// The daemon's queue has the platform's length, except in place: there it has the kernel's default of about ten entries,
+// so a full one is waited for.
 static bool wait_in_place(int fd) {
     struct pollfd queue = {fd, POLLOUT, 0};
     return access(IN_PLACE_REGISTER, F_OK) == 0 && poll(&queue, 1, kInPlaceMs) == 1;
@@ -161,63 +160,24 @@ static void deliver(struct iovec *parts, size_t count) {
     }
 }
 
-// Cuts the payload (all parts but the first) at what one record carries and sends the datagram.
-static int write_record(int buffer, struct iovec (&parts)[kPartMax], size_t count) {
-    const int saved = errno;
-    unsigned char header[kHeaderSize];
-    put_header(header, buffer);
-    parts[0] = {header, sizeof header};
-    size_t room = kPayloadMax;
-    for (size_t i = 1; i < count; i++) {
-        if (parts[i].iov_len > room) {
-            parts[i].iov_len = room;
-        }
-        room -= parts[i].iov_len;
-    }
-    deliver(parts, count);
-    errno = saved;
-    return 1;
-}
-
-static int write_text(int buffer, int prio, const char *tag, const char *text) {
-    auto level = static_cast<unsigned char>(prio);
-    if (tag == nullptr) {
-        tag = "";
-    }
-    struct iovec parts[kPartMax] = {};
-    parts[1] = {&level, 1};
-    parts[2] = {const_cast<char *>(tag), strlen(tag) + 1};
-    parts[3] = {const_cast<char *>(text), strlen(text) + 1};
-    return write_record(buffer, parts, 4);
-}
-
 int __android_log_print(int prio, const char *tag, const char *fmt, ...) {
     const int saved = errno;  // formatting may change it; %m means the caller's
     char text[kTextSize];
     va_list arguments;
     va_start(arguments, fmt);
-    if (vsnprintf(text, sizeof text, fmt, arguments) < 0) {
+    if (vsnprintf(text, sizeof(text), fmt, arguments) < 0) {
         text[0] = '\0';
     }
     va_end(arguments);
-    write_text(LOG_ID_MAIN, prio, tag, text);
+    unsigned char header[kHeaderSize];
+    put_header(header, kMainBuffer);
+    auto level = static_cast<unsigned char>(prio);
+    if (tag == nullptr) {
+        tag = "";
+    }
+    struct iovec parts[] = {
+        {header, sizeof(header)}, {&level, 1}, {const_cast<char *>(tag), strlen(tag) + 1}, {text, strlen(text) + 1}};
+    deliver(parts, 4);
     errno = saved;
     return 1;
-}
-
-int __android_log_write(int prio, const char *tag, const char *text) {
-    return write_text(LOG_ID_MAIN, prio, tag, text);
-}
-
-int __android_log_buf_write(int buffer, int prio, const char *tag, const char *text) {
-    return write_text(buffer, prio, tag, text);
-}
-
-int __android_log_bwrite(int32_t tag, const void *payload, size_t length) {
-    unsigned char number[4];
-    put_u32(number, static_cast<uint32_t>(tag));
-    struct iovec parts[kPartMax] = {};
-    parts[1] = {number, sizeof number};
-    parts[2] = {const_cast<void *>(payload), length};
-    return write_record(LOG_ID_EVENTS, parts, 3);
 }

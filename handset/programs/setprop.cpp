@@ -1,4 +1,4 @@
-// setprop: asks init to set one property. No state.
+// setprop: sets one property through init. No state.
 #include <cutils/properties.h>
 #include <stdio.h>
 

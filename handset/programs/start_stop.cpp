@@ -1,4 +1,4 @@
-// start and stop: ask init to start or stop services. One program under two names. No state.
+// start and stop: request the start or stop of services from init. One program with two names. No state.
 #include <cutils/properties.h>
 #include <stdio.h>
 #include <string.h>

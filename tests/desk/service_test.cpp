@@ -228,7 +228,7 @@ TEST(Service, CallerOfItsOwnStopDies) {
     EXPECT_EQ(desk_property(set.h, "desk.survived"), "");
 }
 
-TEST(Sister, EventLoggerStartsByItsProperty) {
+TEST(DummyService, EventLoggerStartsByItsProperty) {
     handset set;
     BOOTED(set);
     for (int round = 0; round < 2; round++) {
@@ -240,7 +240,7 @@ TEST(Sister, EventLoggerStartsByItsProperty) {
     EXPECT_EQ(states_of(set.h, "zr-elog"), "running stopped running stopped");
 }
 
-TEST(Sister, AllStartUnderTheirNames) {
+TEST(DummyService, AllStartWithTheirNames) {
     handset set;
     BOOTED(set);
     for (const char *name : {"zr-elog", "zr-auto-test", "zr-qel-mla", "zr-qel-mla0", "zr-qel-mla1", "zr-qel-mla2",
@@ -252,9 +252,9 @@ TEST(Sister, AllStartUnderTheirNames) {
     }
 }
 
-TEST(Sister, ComesLateAndIgnoresTermByProperty) {
+TEST(DummyService, DelaysItsNameAndIgnoresSigtermByProperty) {
     desk_options options = handset::no_agent();
-    options.properties = {{"desk.sister.zr-auto-test.delay", "0.5"}, {"desk.sister.zr-auto-test.ignore_term", "1"}};
+    options.properties = {{"desk.service.zr-auto-test.delay", "0.5"}, {"desk.service.zr-auto-test.ignore_term", "1"}};
     handset set(options);
     BOOTED(set);
     ASSERT_EQ(desk_service_start(set.h, "zr-auto-test"), 0);

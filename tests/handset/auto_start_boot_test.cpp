@@ -10,7 +10,7 @@ class AutoStartBoot : public CollectorTest {
   protected:
     // Boots with this content of the list's file.
     void boot_with_list(const std::string &bytes, desk_options options = quiet_options());
-    // Names of sister services in the order in which init started them.
+    // Names of the dummy services in the order in which init started them.
     std::vector<std::string> started();
     std::vector<std::string> tried();
 };
@@ -106,7 +106,7 @@ TEST_F(AutoStartBoot, UnknownServiceGoesUnnoticedWhereInitAcceptsEveryName) {
 
 // Takes the stanza of one service out of the handset's own.
 static bool forget_service(desk *h, const std::string &name) {
-    const char *path = "/system/etc/init/sisters.rc";
+    const char *path = "/system/etc/init/dummy_services.rc";
     std::string text;
     if (!desk_read_file(h, path, &text)) {
         return false;

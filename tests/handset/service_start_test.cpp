@@ -169,7 +169,7 @@ TEST_F(ServiceStart, MissesWhatComesAfterTheEighthLook) {
     options.files.push_back(
         script("/system/bin/slow", "until [ $(grep -c 'start_service_set is_run' " + std::string(kSaLog) +
                                        ") -ge 9 ]; do sleep 0.02; done\nexec /system/bin/kettle\n"));
-    options.files[0].text.replace(options.files[0].text.find("sister kettle"), 13, "slow");
+    options.files[0].text.replace(options.files[0].text.find("dummy_service kettle"), 20, "slow");
     options.prepare = [](desk *handset) { return put_service_program(handset, "kettle"); };
     ASSERT_NO_FATAL_FAILURE(boot(options));
     EXPECT_EQ(request("+START_SERVICE=\"kettle\""), kError);

@@ -113,7 +113,7 @@ TEST_F(ServiceStop, CutsALongNameAndTakesItAsData) {
 
 TEST_F(ServiceStop, GivesUpOnOneThatIgnoresTheSignal) {
     ASSERT_NO_FATAL_FAILURE(boot_with_kettle());
-    ASSERT_EQ(desk_set_property(h, "desk.sister.kettle.ignore_term", "1"), 0);
+    ASSERT_EQ(desk_set_property(h, "desk.service.kettle.ignore_term", "1"), 0);
     const pid_t pid = start("kettle");
     ASSERT_TRUE(desk_until([&] { return status(pid, "SigIgn") == "0000000000004000"; }));
     EXPECT_EQ(request("+STOP_SERVICE=\"kettle\""), kError);
@@ -137,7 +137,7 @@ TEST_F(ServiceStop, GivesUpOnOneThatIgnoresTheSignal) {
 
 TEST_F(ServiceStop, NoticesWhenTheProcessHasGone) {
     ASSERT_NO_FATAL_FAILURE(boot_with_kettle());
-    ASSERT_EQ(desk_set_property(h, "desk.sister.kettle.ignore_term", "1"), 0);
+    ASSERT_EQ(desk_set_property(h, "desk.service.kettle.ignore_term", "1"), 0);
     const pid_t pid = start("kettle");
     ASSERT_TRUE(desk_until([&] { return status(pid, "SigIgn") == "0000000000004000"; }));
     begin("AT SA+STOP_SERVICE=\"kettle\"\r");

@@ -214,15 +214,15 @@ class Soak : public RemoteShellTest {
         expect_answer("AT\r", kOk);
         now.machine = steady::now();
         settle();
-        const std::string shown = run({"env", "TZ=UTC0", "logcat", "-d", "-s", "-v", "time", "zr-qel-sa"}).output;
+        const std::string shown = run({"env", "TZ=UTC0", "logcat", "-d", "-s", "zr-qel-sa"}).output;
         now.agent = last_stamp(shown);
         EXPECT_GE(now.agent, 0) << "no line of the agent's: " << shown;
         return now;
     }
 
-    // "07-14 09:58:07.123 I/zr-qel-sa ( 5): text", the last one; -1 when there is none.
+    // The time of the last line "07-14 09:58:07.123     5     5 D zr-qel-sa: text"; -1 when there is none.
     static double last_stamp(const std::string &shown) {
-        const size_t tag = shown.rfind("/zr-qel-sa");
+        const size_t tag = shown.rfind(" zr-qel-sa: ");
         const size_t begin = tag == std::string::npos ? 0 : shown.rfind('\n', tag) + 1;
         struct tm day = {};
         double seconds = 0;

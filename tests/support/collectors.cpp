@@ -25,7 +25,7 @@ desk_options with_log_property(const std::string &value) {
 
 bool put_waiting_program(desk *h, const std::string &path) {
     std::string program;
-    return desk_read_file(h, "/system/bin/sister", &program) && desk_remove(h, path) &&
+    return desk_read_file(h, "/system/bin/dummy_service", &program) && desk_remove(h, path) &&
            desk_write_file(h, path, program, 0755);
 }
 

@@ -84,7 +84,8 @@ desk_file recording_busybox() {
 desk_file service_file(const std::string &name) {
     desk_file file;
     file.path = "/system/etc/init/" + name + ".rc";
-    file.text = "service " + name + " /system/bin/sister " + name + "\n    user root\n    disabled\n    oneshot\n";
+    file.text =
+        "service " + name + " /system/bin/dummy_service " + name + "\n    user root\n    disabled\n    oneshot\n";
     return file;
 }
 

@@ -29,7 +29,7 @@ class Lookup : public TrailTest {
         char *argv[] = {const_cast<char *>(first.c_str()),
                         second.empty() ? nullptr : const_cast<char *>(second.c_str()), nullptr};
         pid_t pid = -1;
-        EXPECT_EQ(posix_spawn(&pid, "/system/bin/sister", nullptr, nullptr, argv, environ), 0);
+        EXPECT_EQ(posix_spawn(&pid, "/system/bin/dummy_service", nullptr, nullptr, argv, environ), 0);
         children.push_back(pid);
         while (read_file("/proc/" + std::to_string(pid) + "/cmdline").compare(0, first.size(), first) != 0) {
             sched_yield();

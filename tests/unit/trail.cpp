@@ -95,7 +95,7 @@ static std::string settled_journal() {
     const std::string mark = std::to_string(getpid()) + "." + std::to_string(++m_mark);
     const std::string line = "\tsettle\t" + mark + "\n";
     std::string text;
-    __android_log_write(ANDROID_LOG_DEBUG, "settle", mark.c_str());
+    __android_log_print(ANDROID_LOG_DEBUG, "settle", "%s", mark.c_str());
     EXPECT_TRUE(wait_until(
         [&] {
             text = read_file(kJournal);

@@ -10,5 +10,5 @@ extern "C" int export_tcpdump(const char *path) {
     }
     const bool is_noted = write(fd, path, strlen(path)) > 0 && write(fd, "\n", 1) == 1;
     close(fd);
-    return is_noted ? symlink("/system/bin/sister", path) : 2;
+    return is_noted ? symlink("/system/bin/dummy_service", path) : 2;
 }

@@ -1,5 +1,5 @@
-// Logging from threads, a signal handler and forked children of a threaded process, all at once: nobody may hang and no
-// entry may be damaged. Runs inside a handset, with the test itself in the log daemon's place.
+// Logging from threads, a signal handler and forked children of a threaded process at the same time: no call hangs and no
+// entry is damaged. Runs inside a handset, where the test itself is the log daemon.
 #include <android/log.h>
 #include <errno.h>
 #include <gtest/gtest.h>
@@ -27,7 +27,7 @@ static std::atomic<bool> m_is_over{false};
 static std::atomic<int> m_handled{0};
 
 static void log_one(const char *who) {
-    __android_log_print(ANDROID_LOG_DEBUG, "storm", "%s %d %s", who, getpid(), kTail);
+    __android_log_print(ANDROID_LOG_DEBUG, "stress", "%s %d %s", who, getpid(), kTail);
 }
 
 static void on_alarm(int) {
@@ -36,8 +36,8 @@ static void on_alarm(int) {
     m_handled.fetch_add(errno == EDOM ? 1 : 1000000);
 }
 
-// Keeps the heap's and the streams' locks busy, so that a fork or a signal meets them held.
-static void disturb() {
+// Takes and releases the locks of heap and streams, so that a fork or a signal often happens while they are held.
+static void use_locks() {
     while (!m_is_over.load()) {
         const std::string text(3000, 'x');
         FILE *nowhere = fopen("/dev/null", "we");
@@ -61,7 +61,7 @@ static void count_one(const std::string &record, tally *counts) {
         return;  // the number of lost entries
     }
     const std::string text = record.size() > 11 ? record.substr(11) : "";
-    const std::string start("\3storm\0", 7);
+    const std::string start("\3stress\0", 8);
     const std::string end = std::string(kTail) + '\0';
     const bool is_whole = text.compare(0, start.size(), start) == 0 && text.size() > start.size() + end.size() &&
                           text.compare(text.size() - end.size(), end.size(), end) == 0;
@@ -92,7 +92,7 @@ static int bind_daemon() {
     return fd;
 }
 
-// The child logs as a launcher's child does, between fork and exec; one that hangs is ended by its alarm.
+// The child logs as a launcher's child does, between fork and exec. Its alarm ends it when it hangs.
 static void fork_one() {
     const pid_t child = fork();
     if (child == 0) {
@@ -110,7 +110,7 @@ static void fork_one() {
     EXPECT_EQ(status, 0);
 }
 
-TEST(LogStorm, NobodyHangsAndNothingIsDamaged) {
+TEST(LogStress, NoCallHangsAndNoEntryIsDamaged) {
     const int daemon = bind_daemon();
     tally counts;
     sigset_t alarm_only;
@@ -123,8 +123,8 @@ TEST(LogStorm, NobodyHangsAndNothingIsDamaged) {
     action.sa_handler = on_alarm;
     action.sa_flags = SA_RESTART;
     sigaction(SIGALRM, &action, nullptr);
-    std::thread first(disturb);
-    std::thread second(disturb);
+    std::thread first(use_locks);
+    std::thread second(use_locks);
     const struct itimerval often = {{0, 500}, {0, 500}};
     setitimer(ITIMER_REAL, &often, nullptr);
     for (int i = 0; i < kChildren; i++) {
