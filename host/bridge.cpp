@@ -60,7 +60,8 @@ struct bridge {
     std::string typed;        // what the person has typed and nobody has looked at yet
     bool is_end_due = false;  // the person has typed the end of the input; what is typed later waits for it
     escape_state escape = ESCAPE_LINE_START;
-    link_reading reading;  // as of the last look
+    link_reading reading;      // as of the last look
+    bool is_look_due = false;  // something has been typed since, and its reader may read differently now
     line_editor editor;
     pid_t messenger = -1;  // process that delivers a signal on the handset, -1 for none
     bool is_resize_due = false;
@@ -174,6 +175,7 @@ void take_typed_byte(bridge *b, char byte) {
 // Takes what has been typed, up to the end of the input: what is typed behind it is for the next reader.
 void take_typed(bridge *b) {
     look_at_reading(b);
+    b->is_look_due = true;
     size_t taken = 0;
     while (taken < b->typed.size() && !b->is_escaped && !b->is_end_due) {
         take_typed_byte(b, b->typed[taken++]);
@@ -288,8 +290,11 @@ void read_child(bridge *b) {
     } else {
         b->to_out.append(buf, static_cast<size_t>(got));
     }
-    if (!b->is_child_gone && !b->editor.line.empty()) {
-        look_at_reading(b);  // the shell may prompt now, and shows what it has been given so far
+    // The shell may prompt now, and shows what it has been given so far; or what has been typed has ended a program that
+    // leaves attributes behind which are to be put right before anybody reads or writes.
+    if (!b->is_child_gone && b->plan->is_raw && (b->is_look_due || !b->editor.line.empty())) {
+        b->is_look_due = false;
+        look_at_reading(b);
     }
 }
 

@@ -57,12 +57,6 @@ bool is_passing(const struct termios &attributes) {
     return (attributes.c_lflag & EXTPROC) != 0 && (attributes.c_oflag & OPOST) == 0;
 }
 
-bool set_passing(const host_options &options, const link_terminal &terminal, struct termios *attributes) {
-    attributes->c_lflag |= EXTPROC;
-    attributes->c_oflag &= ~static_cast<tcflag_t>(OPOST);
-    return kind_of(options).set_attributes(options, terminal, *attributes);
-}
-
 std::string explain(const host_options &options, link_name name, const link_attempt &last) {
     std::string path = path_of(options, name);
     const char *role = role_of(name);
@@ -216,13 +210,7 @@ void link_copy_size(const host_options &options, const link_terminal &terminal, 
 }
 
 bool link_prepare_typing(const host_options &options, const link_terminal &terminal) {
-    struct termios attributes = {};
-    if (!kind_of(options).get_attributes(options, terminal, &attributes)) {
-        return false;
-    }
-    attributes.c_iflag |= ICRNL;
-    attributes.c_lflag |= ICANON | ECHO | ECHOE | ECHOK | ISIG | IEXTEN;
-    return set_passing(options, terminal, &attributes);
+    return kind_of(options).set_passing(options, terminal, true);
 }
 
 bool link_get_reading(const host_options &options, const link_terminal &terminal, link_reading *reading) {
@@ -230,7 +218,7 @@ bool link_get_reading(const host_options &options, const link_terminal &terminal
     if (!kind_of(options).get_attributes(options, terminal, &attributes)) {
         return false;
     }
-    if (!is_passing(attributes) && !set_passing(options, terminal, &attributes)) {
+    if (!is_passing(attributes) && !kind_of(options).set_passing(options, terminal, false)) {
         return false;
     }
     reading->is_by_lines = (attributes.c_lflag & ICANON) != 0;

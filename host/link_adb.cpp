@@ -367,23 +367,13 @@ bool get_attributes(const host_options &, const link_terminal &terminal, struct 
     return true;
 }
 
-// Gives back what stty prints, with other flags: the number of control characters is the handset's own.
-bool set_attributes(const host_options &, const link_terminal &terminal, const struct termios &attributes) {
-    std::string text;
-    if (!run_stty(terminal, "-g", &text)) {
-        return false;
-    }
-    size_t characters = 0;
-    for (int flags = 0; flags < 4; ++flags) {
-        characters = text.find(':', characters) + 1;
-    }
+bool set_passing(const host_options &, const link_terminal &terminal, bool is_new) {
     std::string ignored;
-    std::string flags =
-        text_of("%x:%x:%x:%x:", attributes.c_iflag, attributes.c_oflag, attributes.c_cflag, attributes.c_lflag);
-    return run_stty(terminal, flags + text.substr(characters, text.find('\n') - characters), &ignored);
+    return run_stty(terminal, is_new ? "extproc -opost icrnl icanon echo echoe echok isig iexten" : "extproc -opost",
+                    &ignored);
 }
 
 }  // namespace
 
-const link_kind m_link_adb = {take,     explain_absence, identity,       loss,           open_terminal,
-                              set_size, get_attributes,  set_attributes, reopen_terminal};
+const link_kind m_link_adb = {take,     explain_absence, identity,    loss,           open_terminal,
+                              set_size, get_attributes,  set_passing, reopen_terminal};

@@ -35,8 +35,9 @@ struct link_kind {
                           link_terminal *terminal);
     void (*set_size)(const host_options &options, const link_terminal &terminal, const struct winsize &size);
     bool (*get_attributes)(const host_options &options, const link_terminal &terminal, struct termios *attributes);
-    bool (*set_attributes)(const host_options &options, const link_terminal &terminal,
-                           const struct termios &attributes);
+    // Switches EXTPROC on and output processing off, so that the kernel passes all bytes; with `is_new` also gives the
+    // terminal the attributes of an ordinary one: lines, echo, signals, Enter as newline.
+    bool (*set_passing)(const host_options &options, const link_terminal &terminal, bool is_new);
     bool (*reopen_terminal)(const host_options &options, link_terminal *terminal);
 };
 

@@ -230,19 +230,33 @@ bool get_attributes(const host_options &, const link_terminal &terminal, struct 
     return tcgetattr(terminal.fd, attributes) == 0;
 }
 
-bool set_attributes(const host_options &, const link_terminal &terminal, const struct termios &attributes) {
-    if (tcsetattr(terminal.fd, TCSANOW, &attributes) != 0) {
+// A program that sets all attributes anew (`top`, `stty sane`) would clear EXTPROC, and the kernel would give the child
+// its own output to read until that is noticed. Root can forbid it.
+void lock_passing(int fd) {
+    struct termios locked = {};
+    locked.c_lflag = EXTPROC;
+    ioctl(fd, TIOCSLCKTRMIOS, &locked);
+}
+
+bool set_passing(const host_options &, const link_terminal &terminal, bool is_new) {
+    struct termios attr = {};
+    if (tcgetattr(terminal.fd, &attr) != 0) {
         return false;
     }
-    // A program that sets all attributes anew (`top`, `stty sane`) would clear EXTPROC, and the kernel would give the
-    // child its own output to read until that is noticed. Root can prevent it; for others it is put right when noticed.
-    struct termios locked = {};
-    locked.c_lflag = attributes.c_lflag & EXTPROC;
-    ioctl(terminal.fd, TIOCSLCKTRMIOS, &locked);
+    attr.c_lflag |= EXTPROC;
+    attr.c_oflag &= ~static_cast<tcflag_t>(OPOST);
+    if (is_new) {
+        attr.c_iflag |= ICRNL;
+        attr.c_lflag |= ICANON | ECHO | ECHOE | ECHOK | ISIG | IEXTEN;
+    }
+    if (tcsetattr(terminal.fd, TCSANOW, &attr) != 0) {
+        return false;
+    }
+    lock_passing(terminal.fd);
     return true;
 }
 
 }  // namespace
 
-const link_kind m_link_local = {take,     explain_absence, identity,       no_loss,        open_terminal,
-                                set_size, get_attributes,  set_attributes, reopen_terminal};
+const link_kind m_link_local = {take,     explain_absence, identity,    no_loss,        open_terminal,
+                                set_size, get_attributes,  set_passing, reopen_terminal};

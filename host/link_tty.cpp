@@ -102,7 +102,7 @@ bool get_no_attributes(const host_options &, const link_terminal &, struct termi
     return false;
 }
 
-bool set_no_attributes(const host_options &, const link_terminal &, const struct termios &) {
+bool set_no_passing(const host_options &, const link_terminal &, bool) {
     return false;
 }
 
@@ -121,12 +121,6 @@ bool link_tty_speed(const std::string &line, speed_t *code) {
     return comma == std::string::npos || find_speed(line.substr(comma + 1), code);
 }
 
-const link_kind m_link_tty = {take,
-                              explain_absence,
-                              no_identity,
-                              loss,
-                              open_no_terminal,
-                              set_no_size,
-                              get_no_attributes,
-                              set_no_attributes,
-                              reopen_no_terminal};
+const link_kind m_link_tty = {
+    take,           explain_absence,   no_identity, loss, open_no_terminal, set_no_size, get_no_attributes,
+    set_no_passing, reopen_no_terminal};
