@@ -79,9 +79,7 @@ TEST_F(Beyond32Bits, KernelMessagesOpenALargeFile) {
 
 TEST_F(Beyond32Bits, YearsAreTold) {
     desk_options options = with_log_property(log_property({{3, "5,20480"}}));
-    options.files.push_back(stand_in("later_clock", "/system/lib/later_clock.so"));
-    options.environment.push_back("LD_PRELOAD=/system/lib/later_clock.so");
-    options.environment.push_back("ASAN_OPTIONS=verify_asan_link_order=0");
+    preload(&options, "later_clock");
     ASSERT_NO_FATAL_FAILURE(boot(options));
     EXPECT_EQ(command("+SAVE_LOG", 60000), kOk);
 

@@ -2,6 +2,7 @@
 #include "tests/support/agent.h"
 
 #include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -25,7 +26,8 @@ desk_options quiet_options() {
 }
 
 void AgentTest::TearDown() {
-    if (HasFailure() && h != nullptr) {
+    struct stat st;  // a pipe in its place is not to be read
+    if (HasFailure() && h != nullptr && desk_stat(h, kSaLog, &st) && S_ISREG(st.st_mode)) {
         fprintf(stderr, "---- sa.log\n%s----\n", desk_file_text(h, kSaLog).c_str());
     }
     end();

@@ -46,11 +46,26 @@ desk_file stand_in(const std::string &name, const std::string &path) {
 
 static const char kFailures[] = "/dev/.desk/fail";
 
-void add_failing_calls(desk_options *options) {
-    const char *path = "/system/lib/failing_calls.so";
-    options->files.push_back(stand_in("failing_calls", path));
-    options->environment.push_back(std::string("LD_PRELOAD=") + path);
+void preload(desk_options *options, const std::string &name) {
+    const std::string variable = "LD_PRELOAD=";
+    const std::string path = "/system/lib/" + name + ".so";
+    options->files.push_back(stand_in(name, path));
+    for (std::string &entry : options->environment) {
+        if (entry.compare(0, variable.size(), variable) == 0) {
+            entry += ":" + path;
+            return;
+        }
+    }
+    options->environment.push_back(variable + path);
     options->environment.push_back("ASAN_OPTIONS=verify_asan_link_order=0");
+}
+
+bool put_pipe(desk *h, const std::string &path) {
+    return desk_remove(h, path) && desk_shell(h, "busybox mkfifo -m 600 " + path).status == 0;
+}
+
+void add_failing_calls(desk_options *options) {
+    preload(options, "failing_calls");
 }
 
 void fail_call(desk *h, const std::string &call, const std::string &how) {

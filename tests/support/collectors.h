@@ -25,6 +25,11 @@ desk_file script(const std::string &path, const std::string &text);
 
 // A library of tests/support/stand_ins, to be put at `path` of a handset.
 desk_file stand_in(const std::string &name, const std::string &path);
+// Loads this library of tests/support/stand_ins into all services of a handset, before any other library. Several calls
+// add up.
+void preload(desk_options *options, const std::string &name);
+// A pipe takes the place of the file at `path`, opened by the agent and read by whoever opens it for reading.
+bool put_pipe(desk *h, const std::string &path);
 // Lets calls of the C library fail in all services of a handset, once fail_call asks for it.
 void add_failing_calls(desk_options *options);
 // From now on this call fails with this error number: "1", or for one path alone, "1 /path"; statfs may also tell of a

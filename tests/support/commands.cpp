@@ -350,11 +350,14 @@ static bool is_traced(desk *h, pid_t pid) {
     });
 }
 
-void CommandTest::inject(const std::string &injection) {
+void CommandTest::inject(const std::string &injection, const std::string &path) {
     const pid_t agent = desk_agent_pid(h);
     desk_program program;
     program.argv = {"/usr/bin/strace",    "-f", "-qq", "-o", "/dev/null", "-e", "inject=" + injection, "-p",
                     std::to_string(agent)};
+    if (!path.empty()) {
+        program.argv.insert(program.argv.end() - 2, {"-P", path});
+    }
     ASSERT_TRUE(desk_start(h, program, &tracer)) << desk_error();
     ASSERT_TRUE(desk_until([&] { return is_traced(h, agent); })) << "strace is not in place";
 }

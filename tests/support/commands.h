@@ -79,8 +79,9 @@ class CommandTest : public CollectorTest {
 
     // Starts the program of a service as init would, without init knowing; waits until it goes by its name.
     pid_t start_program(const std::string &name);
-    // Puts strace with this injection between the agent and the kernel and waits until it is in place.
-    void inject(const std::string &injection);
+    // Puts strace with this injection between the agent and the kernel and waits until it is in place. With a path: for
+    // calls on that file alone.
+    void inject(const std::string &injection, const std::string &path = "");
     void stop_injecting();
 
   private:
