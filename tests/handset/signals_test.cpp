@@ -1,10 +1,12 @@
 // Handled signals: their status, their lines, what they tear down and what they leave.
+#include <fcntl.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
 
-#include "tests/support/agent.h"
+#include "tests/support/collectors.h"
 #include "tests/support/crash.h"
 
 static const char kLink[] = "/dev/ttyCMD0";
@@ -51,6 +53,13 @@ class Signals : public AgentTest {
         const std::string before = "]sa_handle_init m_read_cmd_thread_id[";
         const size_t at = text.find(before);
         return at == std::string::npos ? 0 : strtoul(text.c_str() + at + before.size(), nullptr, 10);
+    }
+
+    // Whether the main thread sleeps in the call that reads the configuration.
+    bool is_asleep_in_start() {
+        const std::vector<std::string> lines = process_lines(agent.pid);
+        const std::string status = desk_file_text(h, "/proc/" + std::to_string(agent.pid) + "/status");
+        return count_lines(lines, "parse_sa_cfg()") > 0 && status.find("State:\tS") != std::string::npos;
     }
 
     // Waits until the command thread has served what it got and sleeps in its next read.
@@ -121,6 +130,26 @@ TEST_P(EndingSignal, LeavesTheCollectorsAlone) {
     EXPECT_EQ(desk_wait(h, &agent, 10000), 0);
     EXPECT_EQ(desk_pids(h, "logcat"), collectors);
     EXPECT_EQ(desk_file_text(h, kSaLog).find("sa_kill_all_child_service_ex"), std::string::npos);
+}
+
+// A configuration file that does not come to its end: a pipe that nobody writes to, or that somebody keeps open.
+TEST_P(EndingSignal, EndsTheAgentWhileItReadsItsConfiguration) {
+    static const char kConfig[] = "/system/etc/zr-qel-sa.cfg";
+    desk_options options = quiet_options();
+    options.agent = false;
+    ASSERT_NO_FATAL_FAILURE(boot_only(options));
+    ASSERT_TRUE(put_pipe(h, kConfig));
+    for (const bool is_held_open : {false, true}) {
+        SCOPED_TRACE(is_held_open ? "somebody keeps it open" : "nobody writes to it");
+        const int writer = is_held_open ? desk_open(h, kConfig, O_RDWR | O_CLOEXEC) : -1;
+        agent = launch();
+        ASSERT_TRUE(desk_until([&] { return is_asleep_in_start() || wait_listening(agent.pid, 0); }));
+        ASSERT_TRUE(desk_kill(h, agent.pid, GetParam().signo));
+        const int status = desk_wait(h, &agent, 10000);
+        close(writer);
+        ASSERT_EQ(status, 0);
+        EXPECT_EQ(last_lines(5).back(), "signal_treatment exit");
+    }
 }
 
 static std::string name_of(const ::testing::TestParamInfo<ending> &one) {
