@@ -1,6 +1,5 @@
-// Local time in the diagnostic file: a change of daylight saving and a change of the zone itself, both while the agent
-// runs. Two handsets share the wait for one whole minute, the time at which zones change.
-#include <stdlib.h>
+// Local time in the diagnostic file: a change of the zone while the agent runs, on its threads and in its signal handler.
+#include <signal.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -29,14 +28,6 @@ static int offset_of(desk *h, const std::string &text, time_t when) {
     return (across + 7) / 15 * 15 % 1440;  // the request took its time
 }
 
-static void request(desk *h, const std::string &bytes) {
-    const int channel = desk_open_tty(h, "/dev/ttyCMD0");
-    ASSERT_GE(channel, 0) << desk_error();
-    ASSERT_EQ(write(channel, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
-    EXPECT_TRUE(desk_wait_text(h, kSaLog, "req[" + bytes + "] ret_val[0]"));
-    close(channel);
-}
-
 // A zone without daylight saving, made inside the handset by the system's own compiler, becomes the handset's zone.
 static void set_zone(desk *h, const std::string &offset) {
     ASSERT_TRUE(desk_write_file(h, "/data/local/tmp/source", "Zone Desk " + offset + " - DESK\n"));
@@ -47,38 +38,43 @@ static void set_zone(desk *h, const std::string &offset) {
               0);
 }
 
-TEST_F(Zone, ChangesAreFollowedWithinAMinute) {
-    // The first handset's zone goes from one hour to two hours east at the next whole minute but one at the most.
-    const time_t now = time(nullptr);
-    const time_t change = (now + 10 + 59) / 60 * 60;
-    struct tm standard;
-    const time_t shown = change + 3600;
-    gmtime_r(&shown, &standard);
-    char rule[64];
-    snprintf(rule, sizeof(rule), "DESK-1SUMMER-2,%d/%d:%02d,%d/23:59", standard.tm_yday, standard.tm_hour,
-             standard.tm_min, (standard.tm_yday + 100) % 365);
+// Changes the zone and waits until the change must show: the agent looks once a second.
+static void change_zone(desk *h) {
+    ASSERT_NO_FATAL_FAILURE(set_zone(h, "5:30"));
+    const time_t changed = time(nullptr);
+    ASSERT_TRUE(desk_until([&] { return time(nullptr) >= changed + 2; }));
+}
+
+TEST_F(Zone, ChangeIsFollowedWithinASecondOnBothThreads) {
+    const std::string served = "sa_handle_read_cmd_loop req[AT\r] ret_val[0]";
+    const std::string listened = "sa_listener_loop service[no shell]";
+    ASSERT_NO_FATAL_FAILURE(boot());
+    ASSERT_EQ(ask("AT\r"), kOk);
+    ASSERT_TRUE(wait_file_line(served));
+    EXPECT_EQ(offset_of(h, served, time(nullptr)), 0);
+    ASSERT_TRUE(desk_remove(h, kSaLog));
+    ASSERT_NO_FATAL_FAILURE(change_zone(h));
+    ASSERT_EQ(ask("AT\r"), kOk);
+    ASSERT_TRUE(wait_file_line(served));
+    EXPECT_EQ(offset_of(h, served, time(nullptr)), 330);
+    const int listener = desk_open_tty(h, "/dev/ttysa1");
+    ASSERT_EQ(write(listener, "no shell", 8), 8);
+    ASSERT_TRUE(wait_file_line(listened));
+    EXPECT_EQ(offset_of(h, listened, time(nullptr)), 330);
+    close(listener);
+}
+
+// The handler interrupts the main thread in its listener, after a time without any line.
+TEST_F(Zone, ChangeIsFollowedByASignalHandlerOfAnIdleAgent) {
+    const std::string handled = "signal_treatment signal[15-SIGTERM]";
     desk_options options = quiet_options();
-    options.timezone = rule;
-    ASSERT_NO_FATAL_FAILURE(boot(options));
-    hang_up();
-
-    // The second one's is changed below.
-    desk *other = desk_boot(quiet_options());
-    ASSERT_NE(other, nullptr) << desk_error();
-    ASSERT_NO_FATAL_FAILURE(request(other, "utc\r"));
-    const time_t early = time(nullptr);
-    EXPECT_EQ(offset_of(other, "sa_handle_read_cmd_loop req[utc\r] ret_val[0]", early), 0);
-    ASSERT_NO_FATAL_FAILURE(set_zone(other, "5:30"));
-
-    ASSERT_NO_FATAL_FAILURE(request(h, "standard\r"));
-    const time_t before = time(nullptr);
-    if (before < change) {
-        EXPECT_EQ(offset_of(h, "sa_handle_read_cmd_loop req[standard\r] ret_val[0]", before), 60);
-    }
-    ASSERT_TRUE(desk_until([&] { return time(nullptr) > change; }, 75000));
-    ASSERT_NO_FATAL_FAILURE(request(h, "summer\r"));
-    EXPECT_EQ(offset_of(h, "sa_handle_read_cmd_loop req[summer\r] ret_val[0]", time(nullptr)), 120);
-    ASSERT_NO_FATAL_FAILURE(request(other, "east\r"));
-    EXPECT_EQ(offset_of(other, "sa_handle_read_cmd_loop req[east\r] ret_val[0]", time(nullptr)), 330);
-    desk_end(other);
+    options.agent = false;
+    ASSERT_NO_FATAL_FAILURE(boot_only(options));
+    desk_child agent = launch();
+    ASSERT_TRUE(wait_listening(agent.pid));
+    ASSERT_TRUE(desk_wait_text(h, kSaLog, "]sa_handle_read_cmd_loop ptm_fd["));
+    ASSERT_NO_FATAL_FAILURE(change_zone(h));
+    ASSERT_TRUE(desk_kill(h, agent.pid, SIGTERM));
+    ASSERT_EQ(desk_wait(h, &agent, 10000), 0);
+    EXPECT_EQ(offset_of(h, handled, time(nullptr)), 330);
 }

@@ -102,6 +102,8 @@ TEST(LocalTimeZone, ChangeShowsInTheNextSecond) {
     EXPECT_EQ(ours(noon), "2023-11-14 22:13:00");
     set_zone("CET-1");
     EXPECT_EQ(ours(noon + 1), "2023-11-14 23:13:01");
+    set_zone("EST5");
+    EXPECT_EQ(ours(noon - 60), "2023-11-14 17:12:00") << "also after the clock was set back";
     unsetenv("TZ");
     tzset();
 }
