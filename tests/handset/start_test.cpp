@@ -167,6 +167,15 @@ TEST_F(Start, OptionsForPathAndCountChangeNothing) {
     EXPECT_EQ(desk_list(h, "/data/local/log"), std::vector<std::string>{"sa.log"});
 }
 
+// The first word that is no option ends them.
+TEST_F(Start, OptionsBehindAnOperandAreNotRead) {
+    ASSERT_NO_FATAL_FAILURE(boot_without_agent());
+    const desk_child agent = launch({"-c", "3", "operand", "-h"});
+    ASSERT_TRUE(wait_listening(agent.pid));
+    open_channel();
+    EXPECT_EQ(ask("AT\r"), kOk);
+}
+
 // ---- banner, pid file, order
 
 TEST_F(Start, BannerGoesToThePlatformLogAlone) {
