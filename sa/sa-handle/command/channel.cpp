@@ -1,6 +1,6 @@
 // The command channel's endpoint.
 //
-// State, under m_mutex: m_sa_handle.pty, whether the channel is retired, and the parked descriptor number. Whoever holds
+// State, under m_mutex: m_sa_handle.pty, whether the channel is retired or was ever opened, and the parked descriptor number. Whoever holds
 // the mutex takes no signals, so a handler never waits for the thread that it has interrupted; a step makes a few system
 // calls that do not block. m_fd is the master's number for the command reader thread, which reads it without the mutex.
 #include "sa/sa-handle/command/channel.h"
@@ -18,9 +18,13 @@
 
 struct sa_handle_st m_sa_handle;
 
+static const int kStopLimit = 3000;  // ms that init is given to stop an agent that still starts
+static const int kStopPause = 10;    // ms
+
 static struct pub_pty_st *const m_pty_ptr = &m_sa_handle.pty;
 static pthread_mutex_t m_mutex = PTHREAD_MUTEX_INITIALIZER;
 static bool m_is_retired = false;
+static bool m_was_opened = false;  // by the command reader thread, in this process
 static int m_parked_fd = -1;
 static std::atomic<int32_t> m_fd(-1);
 
@@ -74,7 +78,6 @@ void sa_channel_prepare(const char *name) {
     hold(&mask);
     memset(m_pty_ptr, 0, sizeof(*m_pty_ptr));
     memcpy(m_pty_ptr->m_pts_mapping_name_a, name, strnlen(name, limit));
-    m_is_retired = false;
     publish_fd();
     release(&mask);
 }
@@ -83,9 +86,24 @@ int32_t sa_channel_fd(void) {
     return m_fd.load();
 }
 
+// A teardown before the first open comes from a signal in the middle of the start. It ends the process, or init refuses to
+// stop the agent and the channel is resumed, or init does not answer: then the start goes on here.
+static void await_stop(sigset_t *mask_ptr) {
+    for (int waited = 0; m_is_retired && waited < kStopLimit; waited += kStopPause) {
+        release(mask_ptr);
+        usleep(kStopPause * 1000);
+        hold(mask_ptr);
+    }
+    m_is_retired = false;
+}
+
 long sa_channel_open(struct pub_pty_st *seen_ptr) {
     sigset_t mask;
     hold(&mask);
+    if (!m_was_opened && m_is_retired) {
+        await_stop(&mask);
+    }
+    m_was_opened = true;
     unpark();
     const long ret_val = m_is_retired ? -1 : pub_pty_open(m_pty_ptr);
     publish_fd();

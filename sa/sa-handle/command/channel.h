@@ -2,7 +2,7 @@
 //
 // The command reader thread opens and closes it. A teardown, in a signal handler on any thread, retires it at any moment:
 //
-//   prepare ─▶ open ⇄ close        retire ─▶ closed, and not opened again until resume
+//   prepare ─▶ open ⇄ close        retire ─▶ closed, and not opened again until resume (the first open waits 3 s at most)
 #ifndef SA_SA_HANDLE_COMMAND_CHANNEL_H
 #define SA_SA_HANDLE_COMMAND_CHANNEL_H
 
@@ -11,7 +11,7 @@
 #include "pub/pty/pty.h"
 
 /**
- * Names the channel and puts it into service. Main thread, before the command reader thread exists.
+ * Names the channel. Main thread, before the command reader thread exists.
  *
  * @param name  where the slave is published, at most 27 characters; empty: the channel cannot be opened.
  */
@@ -21,10 +21,11 @@ void sa_channel_prepare(const char *name);
 int32_t sa_channel_fd(void);
 
 /**
- * Opens the channel and publishes its slave. Command reader thread. errno is that of the call that failed.
+ * Opens the channel and publishes its slave. Command reader thread. errno is that of the call that failed. The first open
+ * after a retirement waits for the end of the process or for sa_channel_resume, 3 s at most, and then opens the channel.
  *
  * @param seen_ptr  receives a copy of the endpoint record, for log lines.
- * @return the result of pub_pty_open, or -1 after a retirement.
+ * @return the result of pub_pty_open, or -1 after a retirement, if the channel had been open before.
  */
 long sa_channel_open(struct pub_pty_st *seen_ptr);
 
