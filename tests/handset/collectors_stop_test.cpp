@@ -158,6 +158,7 @@ TEST_F(CollectorsStop, OfAReaderThatEndedAtOnceLeavesTheCommandChannelAlone) {
          "kill thread [I3] failed, mthread_id[" + reader + "], errno[No such process]"}));
     EXPECT_EQ(count_lines(stop_platform_lines(), "pthread_kill(" + reader + ")=3"), 1);
     for (int round = 0; round < 20; round++) {
+        ASSERT_TRUE(desk_until([&] { return threads(desk_agent_pid(h)) == 2; })) << "a reader that lives is stopped";
         ASSERT_EQ(command("+DELETE_LOG"), kOk) << round;
         ASSERT_EQ(ask("AT\r"), kOk) << round;
     }

@@ -186,13 +186,18 @@ TEST_F(CommandChild, GoesOnWhenItsOutOfMemoryScoreCannotBeWritten) {
     EXPECT_EQ(read_file("/tmp/out"), "on\n");
 }
 
-TEST_F(CommandChild, TellsThatAStreamCouldNotBeTaken) {
+// A program must not run on the agent's own streams.
+TEST_F(CommandChild, WithoutOneOfItsStreamsEndsBeforeTheProgram) {
     for (const int skip : {0, 1, 2}) {
+        SCOPED_TRACE("stream " + std::to_string(skip));
         forget();
         fail_call("dup2", EBUSY, skip);
-        run_script("streams", "exit 0\n");
+        const int pid = run_script("never", "echo ran >/tmp/out\n");
         pass_calls();
-        EXPECT_EQ(count_of(file(), "create_subprocess_ex dup2 errno[16-Device or resource busy]"), 1) << skip;
+        EXPECT_EQ(platform(pid).back(), "create_subprocess_ex dup2 error[16-Device or resource busy]");
+        EXPECT_EQ(count_of(file(), "create_subprocess_ex dup2 errno[16-Device or resource busy]"), 1);
+        EXPECT_EQ(count_of(platform(), "subproc_waiter_service Exit code[255]"), 1);
+        EXPECT_EQ(access("/tmp/out", F_OK), -1);
     }
 }
 
@@ -420,13 +425,17 @@ TEST_F(ShellChild, GoesOnWhenItsOutOfMemoryScoreCannotBeWritten) {
     EXPECT_EQ(count_of(file(), "create_subprocess write errno[28-No space left on device]"), 1);
 }
 
-TEST_F(ShellChild, TellsThatAStreamCouldNotBeTaken) {
+TEST_F(ShellChild, WithoutOneOfItsStreamsEndsBeforeTheProgram) {
     int pid = 0;
+    int status = 0;
     fail_call("dup2", EBUSY, 2);
-    ASSERT_EQ(create_subprocess(theirs, "-c", "exit 0", &pid), theirs);
+    ASSERT_EQ(create_subprocess(theirs, "-c", "echo ran", &pid), theirs);
     pass_calls();
     close(theirs);
-    ASSERT_EQ(waitpid(pid, nullptr, 0), pid);
+    EXPECT_EQ(output(), "");
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_EQ(WEXITSTATUS(status), 255);
+    EXPECT_EQ(platform(pid).back(), "create_subprocess dup2 error[16-Device or resource busy]");
     EXPECT_EQ(count_of(file(), "create_subprocess dup2 errno[16-Device or resource busy]"), 1);
 }
 
