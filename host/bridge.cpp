@@ -9,7 +9,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstring>
 
+#include "frame.h"
 #include "line_editor.h"
 #include "local_tty.h"
 #include "message.h"
@@ -22,7 +24,6 @@ constexpr size_t OUT_MAX_MARKED = 256 * 1024;
 constexpr size_t OUT_MAX_BARE = 64 * 1024 * 1024;
 constexpr size_t OUT_PIECE = 4096;  // a pipe that polls writable takes this much without blocking
 constexpr size_t IN_MAX = 16 * 1024;
-constexpr size_t FRAME_BYTES = 57;  // one base64 line: a multiple of three, so that only the last line is padded
 
 constexpr char BYTE_END = 4;
 constexpr char BYTE_SUSPEND = 26;
@@ -195,30 +196,15 @@ void end_typed(bridge *b) {
     }
 }
 
-void encode_line(const std::string &bytes, size_t at, size_t len, std::string *out) {
-    static const char digits[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    for (size_t end = at + len; at < end; at += 3) {
-        size_t count = std::min<size_t>(3, end - at);
-        unsigned bits = 0;
-        for (size_t i = 0; i < 3; ++i) {
-            bits = bits << 8 | (i < count ? static_cast<unsigned char>(bytes[at + i]) : 0U);
-        }
-        for (size_t i = 0; i < 4; ++i) {
-            *out += i <= count ? digits[bits >> (18 - 6 * i) & 63] : '=';
-        }
-    }
-    *out += '\n';
-}
-
 void take_framed(bridge *b, const char *data, size_t len) {
     b->frame_rest.append(data, len);
     size_t at = 0;
     for (; b->frame_rest.size() - at >= FRAME_BYTES; at += FRAME_BYTES) {
-        encode_line(b->frame_rest, at, FRAME_BYTES, &b->to_child);
+        frame_line(b->frame_rest, at, FRAME_BYTES, &b->to_child);
     }
     size_t whole = (b->frame_rest.size() - at) / 3 * 3;
     if (whole > 0) {
-        encode_line(b->frame_rest, at, whole, &b->to_child);
+        frame_line(b->frame_rest, at, whole, &b->to_child);
     }
     b->frame_rest.erase(0, at + whole);
 }
@@ -227,7 +213,7 @@ void end_input(bridge *b) {
     b->plan->in_fd = -1;
     if (b->plan->is_framed) {
         if (!b->frame_rest.empty()) {
-            encode_line(b->frame_rest, 0, b->frame_rest.size(), &b->to_child);
+            frame_line(b->frame_rest, 0, b->frame_rest.size(), &b->to_child);
         }
         b->to_child += FRAME_END;
     } else if (b->plan->ends_with_eot) {
@@ -302,6 +288,9 @@ void write_out(bridge *b) {
     ssize_t done = write(STDOUT_FILENO, b->to_out.data() + b->out_done, std::min(out_waiting(*b), OUT_PIECE));
     if (done < 0) {
         b->is_reader_gone = errno != EAGAIN && errno != EINTR;
+        if (b->is_reader_gone && errno != EPIPE) {
+            say("Writing the output failed: %s.", strerror(errno));
+        }
         return;
     }
     b->out_done += static_cast<size_t>(done);

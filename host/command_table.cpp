@@ -7,11 +7,15 @@
 #include "channel.h"
 #include "console.h"
 #include "fetch.h"
+#include "files.h"
 #include "help.h"
 #include "kill.h"
 #include "log.h"
 #include "message.h"
+#include "sets.h"
 #include "shell.h"
+#include "shell_stderr.h"
+#include "status.h"
 #include "view/view.h"
 #include "wait.h"
 
@@ -50,7 +54,11 @@ int run_query(const command_row &row, const host_options &options, const word_li
 }
 
 int run_save_log(const command_row &row, const host_options &options, const word_list &operands) {
-    return options.fetch_dir.empty() ? run_request(row, options, operands) : fetch_saved(options, options.fetch_dir);
+    if (!options.fetch_dir.empty()) {
+        return fetch_saved(options, options.fetch_dir);
+    }
+    sets_flush_packets(options);
+    return run_request(row, options, operands);
 }
 
 int run_send(const command_row &, const host_options &options, const word_list &operands) {
@@ -72,11 +80,26 @@ int run_shell(const command_row &, const host_options &options, const word_list 
     for (const std::string &word : operands) {
         command += (command.empty() ? "" : " ") + word;
     }
-    return shell_run(options, command);
+    if (!options.is_stderr_apart) {
+        return shell_run(options, command);
+    }
+    if (command.empty()) {
+        say("--stderr needs a command: the two outputs of an interactive shell are one terminal.");
+        return HOST_REFUSED;
+    }
+    return shell_run_stderr_apart(options, command);
 }
 
 int run_fetch(const command_row &, const host_options &options, const word_list &operands) {
     return fetch_set(options, operands.size() == 2 ? operands[0] : "", operands.back());
+}
+
+int run_status(const command_row &, const host_options &options, const word_list &) {
+    return status_show(options);
+}
+
+int run_sets(const command_row &, const host_options &options, const word_list &) {
+    return sets_show(options);
 }
 
 int run_wait(const command_row &, const host_options &options, const word_list &) {
@@ -89,6 +112,14 @@ int run_log(const command_row &, const host_options &options, const word_list &)
 
 int run_view(const command_row &, const host_options &options, const word_list &operands) {
     return view_set(operands[0], {options.since, options.until, options.grep, options.only, options.html});
+}
+
+int run_pull(const command_row &, const host_options &options, const word_list &operands) {
+    return file_pull(options, operands[0], operands.size() == 2 ? operands[1] : ".");
+}
+
+int run_push(const command_row &, const host_options &options, const word_list &operands) {
+    return file_push(options, operands[0], operands[1]);
 }
 
 int run_kill(const command_row &, const host_options &options, const word_list &) {
@@ -239,12 +270,16 @@ const std::vector<command_row> &command_rows() {
          OPERAND_OTHER,
          false,
          "delete the collected logs, start afresh",
-         "Deletes the collectors' files in /data/local/log and starts the collectors again. sa.log and the sets on "
-         "the\n"
+         "Deletes the collectors' files in /data/local/log and starts the collectors again. sa.log and the sets on the\n"
          "card are kept.",
          run_request,
          {"+DELETE_LOG", SHAPE_BARE, 120}},
 
+        {"status", "", 0, 0, nullptr, OPERAND_OTHER, false, "the state of the agent at a glance",
+         "Process, switches, collectors with their files, free space, auto-start list, panic records, as the handset\n"
+         "shows them to a remote command. The switches are those of the settings file: packets counts as it was when\n"
+         "another switch was changed last.",
+         run_status, NO_REQUEST},
         {"wait", "", 0, 0, nullptr, OPERAND_OTHER, false, "wait until the agent is up, or down",
          "Up: it answers on its command channel and listens for remote shells. Down: it publishes no command channel.\n"
          "Without -T it waits for as long as it takes.",
@@ -261,17 +296,26 @@ const std::vector<command_row> &command_rows() {
          "status, or with 255 when sa-host itself failed. In a shell on a terminal, ~. at the beginning of a line\n"
          "leaves it and ~? lists what else there is.",
          run_shell, NO_REQUEST},
+        {"sets", "", 0, 0, nullptr, OPERAND_OTHER, false, "list the saved log sets on the card",
+         "Name, time, size and whether the set is complete: a save that was broken off has no bug report.", run_sets,
+         NO_REQUEST},
         {"fetch", "[SET] DIR", 1, 2, nullptr, OPERAND_DIRECTORY, false, "copy a saved log set (the newest) into DIR",
          "The copy appears as DIR/SET once its size and checksum are right. A copy that was broken off goes on where\n"
          "it stopped when the same command is run again.",
          run_fetch, NO_REQUEST},
         {"view", "DIR", 1, 1, nullptr, OPERAND_DIRECTORY, false, "all logs of a fetched set, merged by time",
-         "DIR is a set that fetch has copied, or a log directory; a directory that holds sets is listed, with each "
-         "set's\n"
-         "size and whether it is complete. TIME is [[YYYY-]MM-DD ]hh:mm[:ss[.fraction]] in the handset's local time, "
-         "and\n"
+         "DIR is a set that fetch has copied, or a log directory; a directory that holds sets is listed, with each set's\n"
+         "size and whether it is complete. TIME is [[YYYY-]MM-DD ]hh:mm[:ss[.fraction]] in the handset's local time, and\n"
          "--until includes all of what it names. The sources are kernel, main, events, radio, sa and packets.",
          run_view, NO_REQUEST},
+        {"pull", "REMOTE [LOCAL]", 1, 2, nullptr, OPERAND_FILE, false, "copy a file from the handset",
+         "LOCAL is the name of the copy or a directory, by default the current one. The copy appears once its size and\n"
+         "checksum are right. A copy that was broken off goes on where it stopped when the same command is run again.",
+         run_pull, NO_REQUEST},
+        {"push", "LOCAL REMOTE", 2, 2, nullptr, OPERAND_FILE, false, "copy a file to the handset",
+         "REMOTE is the name of the copy or a directory. The copy, with the mode of the file, appears once its size and\n"
+         "checksum are right.",
+         run_push, NO_REQUEST},
         {"kill", "", 0, 0, nullptr, OPERAND_OTHER, false, "end the agent",
          "The agent ends at once. The handset's init may start it again.", run_kill, NO_REQUEST},
         {"console", "", 0, 0, nullptr, OPERAND_OTHER, false, "sub-commands line by line, with history",
@@ -316,7 +360,7 @@ const std::vector<option_row> &option_rows() {
          OPTION_COUNT, nullptr, &all::line_count, nullptr},
         {"--quiet", 'q', " query ", nullptr, nullptr, OPERAND_OTHER, "print nothing: exit status 0 runs, 4 does not",
          OPTION_FLAG, nullptr, nullptr, &all::is_quiet},
-        {"--json", 'j', " query ", nullptr, nullptr, OPERAND_OTHER, "print the result as JSON",
+        {"--json", 'j', " query sets status ", nullptr, nullptr, OPERAND_OTHER, "print the result as JSON",
          OPTION_FLAG, nullptr, nullptr, &all::is_json},
         {"--raw", 0, " send ", nullptr, nullptr, OPERAND_OTHER, "show the bytes of both directions",
          OPTION_FLAG, nullptr, nullptr, &all::is_raw},
@@ -327,6 +371,9 @@ const std::vector<option_row> &option_rows() {
         {"--no-status", 0, " shell ", nullptr, nullptr, OPERAND_OTHER,
          "send the command as it is: the exit status is 0 whatever happens",
          OPTION_FLAG, nullptr, nullptr, &all::is_bare},
+        {"--stderr", 'e', " shell ", nullptr, nullptr, OPERAND_OTHER,
+         "the command's standard error comes out on standard error",
+         OPTION_FLAG, nullptr, nullptr, &all::is_stderr_apart},
         {"--fetch", 0, " save-log ", "DIR", nullptr, OPERAND_DIRECTORY, "then copy the new set into DIR",
          OPTION_TEXT, &all::fetch_dir, nullptr, nullptr},
         {"--since", 0, " view ", "TIME", nullptr, OPERAND_OTHER, "leave out what is earlier",
