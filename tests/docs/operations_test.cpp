@@ -261,7 +261,7 @@ TEST_F(Operations, HostToolsManualHasItsOptionsAndSubCommands) {
         }
     }
     // Options of the one sub-command "shell" are in its own line of the summary.
-    for (const char *own : {"--no-input", "--terminal"}) {
+    for (const char *own : {"--no-input", "--stderr", "--terminal"}) {
         told.erase(own);
     }
     EXPECT_EQ(told, printed);

@@ -127,36 +127,26 @@ TEST_P(Sets, ListsTimeSizeAndState) {
 
 OVER_EVERY_LINK(Sets);
 
-class Wait : public HostTest {
-  protected:
-    void boot_without_agent() {
-        desk_options options = quiet_options();
-        options.agent = false;
-        ASSERT_NO_FATAL_FAILURE(boot_only(options));
-    }
-    void start_the_agent() {
-        ASSERT_EQ(desk_shell(h, "setprop ctl.start zr-qel-sa").status, 0);
-    }
-};
+class Wait : public LinkTest {};
 
-TEST_F(Wait, UpEndsOnceTheAgentAnswersAndListens) {
-    ASSERT_NO_FATAL_FAILURE(boot_without_agent());
+TEST_P(Wait, UpEndsOnceTheAgentAnswersAndListens) {
+    ASSERT_NO_FATAL_FAILURE(boot_link_without_agent());
     host_job waiting;
     host_start(inside({"wait"}), false, &waiting);
     host_job bounded;
     host_start(inside({"-T", "100", "send", "AT"}), false, &bounded);
     EXPECT_EQ(host({"wait", "-T", "1"}).status, 2);
-    start_the_agent();
+    ASSERT_EQ(desk_shell(h, "setprop ctl.start zr-qel-sa").status, 0);
     EXPECT_EQ(host_finish(&waiting).status, 0);
     EXPECT_EQ(host({"shell", "echo up"}).out, "up\n");
     const host_result answered = host_finish(&bounded);
     EXPECT_EQ(answered.out, "OK\n") << answered.err;
 }
 
-TEST_F(Wait, DownEndsOnceTheChannelIsGone) {
+TEST_P(Wait, DownEndsOnceTheChannelIsGone) {
     desk_options options = quiet_options();
     options.restart_ms = 3600000;
-    ASSERT_NO_FATAL_FAILURE(boot_host(options));
+    ASSERT_NO_FATAL_FAILURE(boot_link(options));
     EXPECT_EQ(host({"wait", "--for", "up"}).status, 0);
     const host_result too_early = host({"wait", "--for", "down", "-T", "1"});
     EXPECT_EQ(too_early.status, 2);
@@ -167,5 +157,7 @@ TEST_F(Wait, DownEndsOnceTheChannelIsGone) {
     EXPECT_EQ(host_finish(&waiting).status, 0);
     EXPECT_EQ(host({"wait", "--for", "later"}).status, 3);
 }
+
+OVER_EVERY_LINK(Wait);
 
 }  // namespace
