@@ -165,8 +165,8 @@ const std::vector<command_row> &command_rows() {
          OPERAND_SERVICE,
          false,
          "ask whether a service runs",
-         "A service runs when the first argument of a process contains NAME.\n"
-         "Prints \"QUERY_SERVICE: 1\" when it runs, \"QUERY_SERVICE: 0\" when it does not.",
+         "A service runs when the first argument of a process contains NAME. Prints \"QUERY_SERVICE: 1\"\n"
+         "when it runs, \"QUERY_SERVICE: 0\" when it does not.",
          run_query,
          {"+QUERY_SERVICE", SHAPE_NAME, 30}},
         {"start",
@@ -199,8 +199,8 @@ const std::vector<command_row> &command_rows() {
          OPERAND_SERVICE,
          false,
          "services that are started with the agent",
-         "The list has ten entries and survives restarts of the agent and of the handset.\n"
-         "sa-host status prints it.",
+         "The list has ten entries and survives restarts of the agent and of the handset. sa-host status\n"
+         "prints it.",
          run_request,
          {"+AUTO_START_SERVICE", SHAPE_LIST, 30}},
         {"system",
@@ -211,9 +211,9 @@ const std::vector<command_row> &command_rows() {
          OPERAND_OTHER,
          true,
          "run a shell command line (five tries)",
-         "The words are joined with blanks, as those of shell are. OK when one of at most five runs ended with\n"
-         "status 0. The output is not returned: use shell to read it.\n"
-         "The command line cannot contain a double quote.",
+         "The words are joined with blanks, as those of shell are. OK when one of at most five runs ended\n"
+         "with status 0. The output is not returned: use shell to read it. The command line cannot contain\n"
+         "a double quote.",
          run_request,
          {"+SYSTEM", SHAPE_COMMAND, 600}},
         {"kernel-log",
@@ -224,8 +224,8 @@ const std::vector<command_row> &command_rows() {
          OPERAND_OTHER,
          false,
          "kernel-message capture",
-         "Off whenever the agent starts. Switched on beside the kernel-message collector, each message goes to one of\n"
-         "the two readers.",
+         "Off whenever the agent starts. Switched on beside the kernel-message collector, each message\n"
+         "goes to one of the two readers.",
          run_request,
          {"+KERNEL_LOG", SHAPE_SWITCH, 30}},
         {"dmesg-log",
@@ -247,8 +247,8 @@ const std::vector<command_row> &command_rows() {
          OPERAND_OTHER,
          false,
          "packet-capture switch",
-         "The tcpdump collector does not depend on this switch: it follows the property that sa-host status prints.\n"
-         "off after on kills the agent's process group; init starts the agent again.",
+         "The tcpdump collector does not depend on this switch: it follows the property that sa-host\n"
+         "status prints. off after on kills the agent's process group; init starts the agent again.",
          run_request,
          {"+DATA_PACKETS_LOG", SHAPE_SETTING, 30}},
         {"save-log",
@@ -270,57 +270,59 @@ const std::vector<command_row> &command_rows() {
          OPERAND_OTHER,
          false,
          "delete the collected logs, start afresh",
-         "Deletes the collectors' files in /data/local/log and starts the collectors again. sa.log and the sets on the\n"
-         "card are kept.",
+         "Deletes the collectors' files in /data/local/log and starts the collectors again. sa.log and the\n"
+         "sets on the card are kept.",
          run_request,
          {"+DELETE_LOG", SHAPE_BARE, 120}},
 
         {"status", "", 0, 0, nullptr, OPERAND_OTHER, false, "the state of the agent at a glance",
-         "Process, switches, collectors with their files, free space, auto-start list, panic records, as the handset\n"
-         "shows them to a remote command. The switches are those of the settings file: packets counts as it was when\n"
-         "another switch was changed last.",
+         "Process, switches, collectors with their files, free space, auto-start list, panic records, as\n"
+         "the handset shows them to a remote command. The switches are those of the settings file: packets\n"
+         "counts as it was when another switch was changed last.",
          run_status, NO_REQUEST},
         {"wait", "", 0, 0, nullptr, OPERAND_OTHER, false, "wait until the agent is up, or down",
-         "Up: it answers on its command channel and listens for remote shells. Down: it publishes no command channel.\n"
-         "Without -T it waits for as long as it takes.",
+         "Up: it answers on its command channel and listens for remote shells. Down: it publishes no\n"
+         "command channel. Without -T it waits for as long as it takes.",
          run_wait, NO_REQUEST},
         {"log", "", 0, 0, nullptr, OPERAND_OTHER, false, "the agent's diagnostic log",
          "With -f it goes on with what the agent writes, over restarts of the agent and of the handset.", run_log,
          NO_REQUEST},
         {"send", "REQUEST...", 1, -1, nullptr, OPERAND_OTHER, false, "send requests as they are",
-         "A request that does not begin with AT gets the prefix, and each gets a carriage return. Ends with the first\n"
-         "request that fails.",
+         "A request that does not begin with AT gets the prefix, and each gets a carriage return. Ends\n"
+         "with the first request that fails.",
          run_send, NO_REQUEST},
         {"shell", "[COMMAND...]", 0, -1, nullptr, OPERAND_OTHER, true, "remote shell, or one command",
-         "Without a command: a shell, on a terminal an interactive one. With one: runs it and ends with its exit\n"
-         "status, or with 255 when sa-host itself failed. In a shell on a terminal, ~. at the beginning of a line\n"
-         "leaves it and ~? lists what else there is.",
+         "Without a command: a shell, on a terminal an interactive one. With one: runs it and ends with\n"
+         "its exit status, or with 255 when sa-host itself failed. In a shell on a terminal, ~. at the\n"
+         "beginning of a line leaves it and ~? lists what else there is.",
          run_shell, NO_REQUEST},
         {"sets", "", 0, 0, nullptr, OPERAND_OTHER, false, "list the saved log sets on the card",
          "Name, time, size and whether the set is complete: a save that was broken off has no bug report.", run_sets,
          NO_REQUEST},
         {"fetch", "[SET] DIR", 1, 2, nullptr, OPERAND_DIRECTORY, false, "copy a saved log set (the newest) into DIR",
-         "The copy appears as DIR/SET once its size and checksum are right. A copy that was broken off goes on where\n"
-         "it stopped when the same command is run again.",
+         "The copy appears as DIR/SET once its size and checksum are right. A copy that was broken off\n"
+         "goes on where it stopped when the same command is run again.",
          run_fetch, NO_REQUEST},
         {"view", "DIR", 1, 1, nullptr, OPERAND_DIRECTORY, false, "all logs of a fetched set, merged by time",
-         "DIR is a set that fetch has copied, or a log directory; a directory that holds sets is listed, with each set's\n"
-         "size and whether it is complete. TIME is [[YYYY-]MM-DD ]hh:mm[:ss[.fraction]] in the handset's local time, and\n"
-         "--until includes all of what it names. The sources are kernel, main, events, radio, sa and packets.",
+         "DIR is a set that fetch has copied, or a log directory; a directory that holds sets is listed,\n"
+         "with each set's size and whether it is complete. TIME is [[YYYY-]MM-DD ]hh:mm[:ss[.fraction]] in\n"
+         "the handset's local time, and --until includes all of what it names. The sources are kernel,\n"
+         "main, events, radio, sa and packets.",
          run_view, NO_REQUEST},
         {"pull", "REMOTE [LOCAL]", 1, 2, nullptr, OPERAND_FILE, false, "copy a file from the handset",
-         "LOCAL is the name of the copy or a directory, by default the current one. The copy appears once its size and\n"
-         "checksum are right. A copy that was broken off goes on where it stopped when the same command is run again.",
+         "LOCAL is the name of the copy or a directory, by default the current one. The copy appears once\n"
+         "its size and checksum are right. A copy that was broken off goes on where it stopped when the\n"
+         "same command is run again.",
          run_pull, NO_REQUEST},
         {"push", "LOCAL REMOTE", 2, 2, nullptr, OPERAND_FILE, false, "copy a file to the handset",
-         "REMOTE is the name of the copy or a directory. The copy, with the mode of the file, appears once its size and\n"
-         "checksum are right.",
+         "REMOTE is the name of the copy or a directory. The copy, with the mode of the file, appears once\n"
+         "its size and checksum are right.",
          run_push, NO_REQUEST},
         {"kill", "", 0, 0, nullptr, OPERAND_OTHER, false, "end the agent",
          "The agent ends at once. The handset's init may start it again.", run_kill, NO_REQUEST},
         {"console", "", 0, 0, nullptr, OPERAND_OTHER, false, "sub-commands line by line, with history",
-         "A line that begins with +, AT or SA+ is sent as it is. quit ends the console. On a terminal, Ctrl-C\n"
-         "abandons the request under way and keeps the prompt.",
+         "A line that begins with +, AT or SA+ is sent as it is. quit ends the console. On a terminal,\n"
+         "Ctrl-C abandons the request under way and keeps the prompt.",
          run_console, NO_REQUEST},
         {"completion", "bash|zsh", 1, 1, "bash zsh", OPERAND_OTHER, false, "print a shell's completion script",
          "Source it: . <(sa-host completion bash). An installed sa-host brings both scripts.", run_completion,
