@@ -179,8 +179,27 @@ void note_use(int lock, const std::string &life) {
 
 // ---- Turns
 
+// A link that a killed agent left may lead to a number that the new agent has used for its other name, with the right
+// owner, until this name is published anew. Of two names that lead to one terminal the newer link is the right one.
+bool is_left_over(const host_options &options, const std::string &path, const file_state &link,
+                  const file_state &target) {
+    const std::string &other = path == options.channel ? options.listener : options.channel;
+    adb_refusal refusal;
+    file_state other_link = {};
+    file_state other_target = {};
+    if (stat_file("STA2", other, &other_target, &refusal) != FILE_TOLD ||
+        stat_file("LST2", other, &other_link, &refusal) != FILE_TOLD || other_target.error != 0 ||
+        other_link.error != 0) {
+        return false;
+    }
+    bool is_one = other_target.device == target.device && other_target.inode == target.inode;
+    bool is_older = link.change_time != other_link.change_time ? link.change_time < other_link.change_time
+                                                               : link.inode < other_link.inode;
+    return is_one && is_older;
+}
+
 // Judges a name by what the file service tells. `life` becomes the text of its publication, "" when it is no link.
-link_state judge(const std::string &path, std::string *life, link_attempt *attempt) {
+link_state judge(const host_options &options, const std::string &path, std::string *life, link_attempt *attempt) {
     adb_refusal refusal;
     file_state link = {};
     file_state target = {};
@@ -209,7 +228,10 @@ link_state judge(const std::string &path, std::string *life, link_attempt *attem
         attempt->error = ENOTTY;
         return LINK_REFUSED;
     }
-    return is_published && !is_agents(target) ? LINK_FOREIGN : LINK_TAKEN;
+    if (is_published && !is_agents(target)) {
+        return LINK_FOREIGN;
+    }
+    return is_published && is_left_over(options, path, link, target) ? LINK_ABSENT : LINK_TAKEN;
 }
 
 // Opens a device file of the handset. The daemon gives no reason when it cannot: the file may also have gone just now.
@@ -240,7 +262,7 @@ link_attempt take(const host_options &options, const std::string &path, link_tur
         attempt.reason = refused_text(refusal);
     }
     if (attempt.state == LINK_TAKEN) {
-        attempt.state = judge(path, &life, &attempt);
+        attempt.state = judge(options, path, &life, &attempt);
     }
     if (attempt.state == LINK_TAKEN && !life.empty() && was_used(lock, life)) {
         attempt.state = LINK_USED;

@@ -106,6 +106,36 @@ link_state take_endpoint(int fd, bool published) {
     return LINK_TAKEN;
 }
 
+// When the link itself was made. Result: whether it could be told.
+bool link_time(const std::string &root, const std::string &path, struct timespec *time) {
+    int fd = open_in_root(root, path, O_PATH | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) {
+        return false;
+    }
+    struct stat st = {};
+    bool is_told = fstat(fd, &st) == 0;
+    close(fd);
+    *time = st.st_ctim;
+    return is_told;
+}
+
+// A link that a killed agent left may lead to a number that the new agent has used for its other name, with the right
+// owner, until this name is published anew. Of two names that lead to one terminal the newer link is the right one.
+bool is_left_over(const host_options &options, const std::string &path, const struct stat &target) {
+    const std::string &other = path == options.channel ? options.listener : options.channel;
+    struct stat other_target = {};
+    int there = find_inside(options.root, other, &other_target);
+    if (there < 0) {
+        return false;
+    }
+    close(there);
+    struct timespec own = {};
+    struct timespec newer = {};
+    return other_target.st_dev == target.st_dev && other_target.st_rdev == target.st_rdev &&
+           link_time(options.root, path, &own) && link_time(options.root, other, &newer) &&
+           (own.tv_sec < newer.tv_sec || (own.tv_sec == newer.tv_sec && own.tv_nsec < newer.tv_nsec));
+}
+
 link_attempt take(const host_options &options, const std::string &path, link_turn *turn) {
     link_attempt attempt;
     bool published = is_published(options, path);
@@ -116,6 +146,11 @@ link_attempt take(const host_options &options, const std::string &path, link_tur
         attempt.state = LINK_FOREIGN;
         attempt.uid = st.st_uid;
         attempt.gid = st.st_gid;
+        return attempt;
+    }
+    if (found >= 0 && published && is_left_over(options, path, st)) {
+        close(found);
+        attempt.state = LINK_ABSENT;
         return attempt;
     }
     int fd = found < 0 ? -1 : open_found(found);

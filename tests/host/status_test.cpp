@@ -158,6 +158,26 @@ TEST_P(Wait, DownEndsOnceTheChannelIsGone) {
     EXPECT_EQ(host({"wait", "--for", "later"}).status, 3);
 }
 
+// A killed agent leaves its links. The new one may publish its listener under the number that the old channel had, before
+// it publishes its own channel: no request may go to the listener then.
+TEST_P(Wait, AChannelThatLeadsToTheListenerIsNotThereYet) {
+    ASSERT_NO_FATAL_FAILURE(boot_link());
+    const std::string listener = desk_link_target(h, "/dev/ttysa1");
+    const std::string own = desk_link_target(h, "/dev/ttyCMD0");
+    ASSERT_EQ(
+        desk_shell(h, "ln -sfn " + listener + " /dev/ttyCMD0;sleep 0.1;ln -sfn " + listener + " /dev/ttysa1").status,
+        0);
+    const host_result early = host({"query", "x"});
+    EXPECT_EQ(early.status, 2);
+    EXPECT_NE(early.err.find("command channel"), std::string::npos) << early.err;
+    host_job patient;
+    host_start(inside({"-T", "100", "query", "x"}), false, &patient);
+    EXPECT_EQ(host({"shell", "echo the listener is free"}).out, "the listener is free\n");
+    ASSERT_EQ(desk_shell(h, "ln -sfn " + own + " /dev/ttyCMD0").status, 0);
+    EXPECT_EQ(host_finish(&patient).out, "QUERY_SERVICE: 0\n");
+    EXPECT_EQ(received(), words{"AT SA+QUERY_SERVICE=\"x\"\r"});
+}
+
 OVER_EVERY_LINK(Wait);
 
 }  // namespace
