@@ -63,6 +63,14 @@ class OnTerminal : public HostTest {
             return attributes(&attr) && (attr.c_lflag & ICANON) != 0 && ((attr.c_lflag & ECHO) != 0) == is_echoed;
         });
     }
+    bool is_stopped(const words &argv) {
+        for (pid_t pid : desk_pids(h, argv[0])) {
+            if (desk_arguments(h, pid) == argv) {
+                return desk_file_text(h, "/proc/" + std::to_string(pid) + "/stat").find(") T ") != std::string::npos;
+            }
+        }
+        return false;
+    }
     // Types a command line and waits until its program runs and reads lines; `argv` is empty for the shell itself.
     bool starts_reading(const std::string &command, const words &argv, bool is_echoed = true) {
         terminal_type(&terminal, command + "\r");
@@ -321,7 +329,7 @@ TEST_F(OnTerminal, CtrlZStopsAJob) {
     ASSERT_NO_FATAL_FAILURE(start_shell());
     terminal_type(&terminal, "sleep 6543\r");
     ASSERT_TRUE(wait_runs({"sleep", "6543"}));
-    ASSERT_TRUE(wait_reads_lines(true));
+    ASSERT_TRUE(wait_reads_lines());
     terminal_type(&terminal, "\x1a");
     EXPECT_TRUE(terminal_expect(&terminal, "Stopped"));
     EXPECT_TRUE(terminal_expect(&terminal, "# "));
@@ -331,7 +339,7 @@ TEST_F(OnTerminal, CtrlZStopsAJob) {
     EXPECT_TRUE(line("jobs", "Stopped"));
     terminal_type(&terminal, "fg\r");
     ASSERT_TRUE(terminal_expect(&terminal, "sleep 6543\r\n"));
-    ASSERT_TRUE(wait_reads_lines(true));
+    ASSERT_TRUE(wait_reads_lines() && desk_until([&] { return !is_stopped({"sleep", "6543"}); }));
     terminal_type(&terminal, "\3");
     EXPECT_TRUE(wait_gone({"sleep", "6543"}));
     EXPECT_TRUE(terminal_expect(&terminal, "# "));
@@ -381,7 +389,7 @@ TEST_F(OnTerminal, ACommandWithTheTerminalReadsLinesToo) {
     ASSERT_NO_FATAL_FAILURE(boot_host());
     start({"shell", "-t", "cat > /data/typed; echo $?; exit 5"});
     ASSERT_TRUE(wait_runs({"cat"}));
-    ASSERT_TRUE(wait_reads_lines(true));
+    ASSERT_TRUE(wait_reads_lines());
     ASSERT_TRUE(desk_until([&] { return !terminal_is_cooked(&terminal); }));
     terminal_type(&terminal, "lineX\x7f\r\x04");
     EXPECT_TRUE(terminal_expect(&terminal, "\n1\r\n"));  // a read error for cat
@@ -452,6 +460,19 @@ TEST_F(OnTerminal, InTmux) {
     EXPECT_TRUE(shows("\n#")) << screen();
     ASSERT_EQ(system((tmux + "send-keys 'seq 3; busybox stty size' Enter").c_str()), 0);
     EXPECT_TRUE(shows("\n1\n2\n3\n30 90\n#")) << screen();
+    auto keys = [&](const std::string &names) { return system((tmux + "send-keys " + names).c_str()) == 0; };
+    ASSERT_TRUE(keys("'cat > /data/typed; echo over' Enter"));
+    ASSERT_TRUE(wait_runs({"cat"}));
+    ASSERT_TRUE(keys("'one two thref' BSpace e C-w three Enter"));
+    EXPECT_TRUE(shows("\none two three\n")) << screen();
+    EXPECT_TRUE(desk_until([&] { return desk_file_text(h, "/data/typed") == "one two three\n"; }));
+    ASSERT_TRUE(keys("C-d"));
+    EXPECT_TRUE(shows("\nover\n#")) << screen();
+    ASSERT_TRUE(keys("'TERM=vt100 busybox vi /data/typed' Enter"));
+    EXPECT_TRUE(shows("one two three\n~\n~\n")) << screen();
+    ASSERT_TRUE(keys("dw :x Enter"));
+    EXPECT_TRUE(desk_until([&] { return desk_file_text(h, "/data/typed") == "two three\n"; }));
+    EXPECT_TRUE(shows("busybox vi /data/typed\n#")) << screen();
     ASSERT_EQ(system((tmux + "send-keys C-d").c_str()), 0);
     EXPECT_TRUE(shows("\nlocal:")) << screen();
     ASSERT_EQ(system((tmux + "send-keys 'echo back' Enter").c_str()), 0);
