@@ -82,7 +82,7 @@ bool read_packet_line(source_reader *reader, const char *text, size_t len) {
     int64_t us = 0;
     size_t at = 0;
     int decimals = -1;
-    for (; at < len && at < 24 && decimals < 6; ++at) {
+    for (; at < len && decimals < 6 && us < INT64_MAX / 20; ++at) {
         if (text[at] >= '0' && text[at] <= '9') {
             us = us * 10 + (text[at] - '0');
             decimals += decimals >= 0 ? 1 : 0;
@@ -92,7 +92,7 @@ bool read_packet_line(source_reader *reader, const char *text, size_t len) {
             return false;
         }
     }
-    if (decimals != 6 || us > INT64_MAX / 2) {
+    if (decimals != 6) {
         return false;
     }
     size_t skipped = std::min(at + 1, len);
