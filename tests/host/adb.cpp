@@ -58,10 +58,12 @@ host_result adb_cable::adb(const words &arguments, const std::string &input) con
     return host_finish(&job, input);
 }
 
-void adb_cable::start_daemon() {
+void adb_cable::start_daemon(uid_t uid) {
     desk_program program;
     program.argv = {"/system/bin/adbd"};
     program.fds[0] = listening;
+    program.uid = uid;
+    program.gid = uid;
     ASSERT_TRUE(desk_start(handset, program, &daemon)) << desk_error();
 }
 
@@ -81,7 +83,7 @@ void adb_cable::plug_in(desk *h) {
     setenv("ADB_SERVER_SOCKET", ("localfilesystem:" + home.path + "/server").c_str(), 1);
     unsetenv("ANDROID_SERIAL");
     ASSERT_NO_FATAL_FAILURE(start_server());
-    ASSERT_NO_FATAL_FAILURE(start_daemon());
+    ASSERT_NO_FATAL_FAILURE(start_daemon(0));
     connect();
 }
 
@@ -90,12 +92,12 @@ void adb_cable::pull() {
     EXPECT_NE(desk_wait(handset, &daemon, 20000), -1);
 }
 
-void adb_cable::plug_in_again() {
+void adb_cable::plug_in_again(uid_t uid) {
     if (server < 0) {
         ASSERT_NO_FATAL_FAILURE(start_server());
     }
     adb({"disconnect", serial});  // else the server keeps what it knew of the old one for a while
-    ASSERT_NO_FATAL_FAILURE(start_daemon());
+    ASSERT_NO_FATAL_FAILURE(start_daemon(uid));
     connect();
 }
 

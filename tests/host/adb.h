@@ -15,8 +15,8 @@ class adb_cable {
     void plug_in(desk *handset);
     // The daemon is killed: the server loses the handset at once.
     void pull();
-    // After pull: a new daemon on the same port, and a server connected to it.
-    void plug_in_again();
+    // After pull: a new daemon on the same port, run as this user, and a server connected to it.
+    void plug_in_again(uid_t uid = 0);
     // Kills the server at once.
     void kill_server();
     // Runs adb with these arguments and returns what it printed.
@@ -26,7 +26,7 @@ class adb_cable {
 
   private:
     void start_server();
-    void start_daemon();
+    void start_daemon(uid_t uid);
     void connect();
 
     desk *handset = nullptr;

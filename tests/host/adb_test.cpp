@@ -93,6 +93,18 @@ TEST_F(AdbTest, ATerminalThatIsNotTheAgentsIsNotOpened) {
     EXPECT_NE(result.err.find("not the agent's (owner 0:0)"), std::string::npos) << result.err;
 }
 
+// A daemon without root's rights, as builds for customers have it: the agent's terminals are 0660 1000:1001.
+TEST_F(AdbTest, ADaemonThatMayNotOpenTheTerminalIsToldToBecomeRoot) {
+    ASSERT_NO_FATAL_FAILURE(boot_adb());
+    cable.pull();
+    ASSERT_NO_FATAL_FAILURE(cable.plug_in_again(2000));
+    host_result result = host({"send", "AT"});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_NE(result.err.find("cannot open /dev/ttyCMD0: it needs root's rights. Run adb root"), std::string::npos)
+        << result.err;
+    EXPECT_EQ(received(), words());
+}
+
 TEST_F(AdbTest, CommandsWithInputOutputAndStatus) {
     ASSERT_NO_FATAL_FAILURE(boot_adb());
     host_result result = host({"shell", "echo out; exit 7"});
