@@ -68,9 +68,13 @@ void adb_cable::start_daemon(uid_t uid) {
 }
 
 void adb_cable::connect() {
-    const host_result result = adb({"connect", serial});
-    ASSERT_NE(result.out.find("connected to " + serial), std::string::npos) << result.out << result.err;
-    EXPECT_EQ(adb({"-s", serial, "wait-for-device"}).status, 0);
+    // A server forgets a handset on a network some time after it has said so, and until then connects to nothing new.
+    ASSERT_TRUE(desk_until(
+        [&] {
+            adb({"connect", serial});
+            return adb({"-s", serial, "get-state"}).out == "device\n";
+        },
+        60000));
 }
 
 void adb_cable::plug_in(desk *h) {
@@ -90,6 +94,7 @@ void adb_cable::plug_in(desk *h) {
 void adb_cable::pull() {
     EXPECT_TRUE(desk_kill(handset, daemon.pid, SIGKILL));
     EXPECT_NE(desk_wait(handset, &daemon, 20000), -1);
+    EXPECT_TRUE(desk_until([&] { return adb({"-s", serial, "get-state"}).out != "device\n"; }, 60000));
 }
 
 void adb_cable::plug_in_again(uid_t uid) {

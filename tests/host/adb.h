@@ -13,7 +13,7 @@ class adb_cable {
     ~adb_cable();
     // Starts the handset's daemon and a server, and connects them.
     void plug_in(desk *handset);
-    // The daemon is killed: the server loses the handset at once.
+    // The daemon is killed. Returns when the server has noticed.
     void pull();
     // After pull: a new daemon on the same port, run as this user, and a server connected to it.
     void plug_in_again(uid_t uid = 0);
