@@ -27,7 +27,7 @@ static const wrap_case kWraps[] = {
     {"JustBeyond32Bits", 4194305, 1024},
 };
 
-class KernelReader : public TrailTest {
+class KernelReaderWrap : public TrailTest, public ::testing::WithParamInterface<wrap_case> {
   protected:
     void SetUp() override {
         TrailTest::SetUp();
@@ -77,18 +77,6 @@ class KernelReader : public TrailTest {
 
     int stream = -1;
 };
-
-// A restart of collection stores the settings anew while the reader runs.
-TEST_F(KernelReader, KeepsTheLimitThatItStartedWith) {
-    ASSERT_NO_FATAL_FAILURE(start(1));
-    g_zr_log_svc[LOG_SVC_KMSG - 1].file_size_val = 1000;
-    ASSERT_NO_FATAL_FAILURE(feed(1025, 'a'));
-    ASSERT_TRUE(wait_size(kStamp + 1025)) << size_now();
-    ASSERT_NO_FATAL_FAILURE(feed(1, 'b'));
-    EXPECT_TRUE(wait_until([] { return byte_at(0) == 'b'; }));
-}
-
-class KernelReaderWrap : public KernelReader, public ::testing::WithParamInterface<wrap_case> {};
 
 TEST_P(KernelReaderWrap, FollowsTheFirstByteBeyondTheLimit) {
     const off_t limit = GetParam().limit;
