@@ -103,7 +103,7 @@ merge_result merge_run(const log_set &set, const log_choice &choice, line_taker 
     source_reader readers[SOURCE_COUNT];
     merge_result result;
     for (int i = 0; i < SOURCE_COUNT; ++i) {
-        if (choice.has_source[i]) {
+        if (!choice.is_left_out[i]) {
             source_open(&readers[i], static_cast<log_source>(i), set);
         }
     }

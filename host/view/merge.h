@@ -8,7 +8,7 @@
 
 // What is chosen of a set.
 struct log_choice {
-    bool has_source[SOURCE_COUNT] = {true, true, true, true, true, true};
+    bool is_left_out[SOURCE_COUNT] = {};
     int64_t since = NO_TIME;
     int64_t until = INT64_MAX;
     const regex_t *pattern = nullptr;  // null: every line

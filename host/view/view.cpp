@@ -25,7 +25,7 @@ std::string source_list() {
 bool choose_source(const std::string &name, log_choice *choice) {
     for (int i = 0; i < SOURCE_COUNT; ++i) {
         if (name == SOURCE_NAMES[i]) {
-            choice->has_source[i] = true;
+            choice->is_left_out[i] = false;
             return true;
         }
     }
@@ -37,8 +37,8 @@ bool choose_sources(const std::string &only, log_choice *choice) {
     if (only.empty()) {
         return true;
     }
-    for (bool &is_chosen : choice->has_source) {
-        is_chosen = false;
+    for (bool &is_left_out : choice->is_left_out) {
+        is_left_out = true;
     }
     size_t at = 0;
     while (at <= only.size()) {

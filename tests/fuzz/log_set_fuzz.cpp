@@ -62,11 +62,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         abort();
     }
     log_choice choice;
-    choice.has_source[SOURCE_KERNEL] = false;
+    choice.is_left_out[SOURCE_KERNEL] = true;
     if (merge_run(set, choice, check_line, nullptr).entries != lines) {
         abort();
     }
-    choice.has_source[SOURCE_KERNEL] = true;  // joins lines where a file was overwritten: they are not counted
+    choice.is_left_out[SOURCE_KERNEL] = false;  // joins lines where a file was overwritten: they are not counted
     merge_run(set, choice, check_line, nullptr);
     int64_t us = 0;
     time_read_bound(std::string(reinterpret_cast<const char *>(data), size), set.saved, true, &us);

@@ -105,6 +105,23 @@ TEST_F(View, PlacesKernelMessagesOfAnEarlierBootBeforeTheNextOne) {
     EXPECT_NE(result.err.find("Times of kernel messages are estimated"), std::string::npos) << result.err;
 }
 
+TEST_F(View, AKernelFileBegunBeforeTheBootIsOfAnEarlierOne) {
+    clocks("2026-01-02T02:10:00.000Z", "600.00", " +0100");
+    log("kmsg.log", "<6>[    5.000000] overwritten file of the last boot\n");
+    log("kmsg.log.1", "[2026-01-01 20:00:00]\n<6>[    1.000000] boot before\n");
+    EXPECT_EQ(view().out,
+              "01-01 20:00:01.000000 kernel  <6>[    1.000000] boot before\n"
+              "01-02 03:00:05.000000 kernel  <6>[    5.000000] overwritten file of the last boot\n");
+}
+
+TEST_F(View, DoesNotUseTheBootOfAHandsetThatHasRebootedSince) {
+    clocks("2026-01-02T05:00:00.000Z", "600.00", " +0100");  // booted hours after the set was saved
+    log("kmsg.log", "<6>[   11.000000] last before the set\n");
+    const host_result result = view();
+    EXPECT_EQ(result.out, "01-02 03:04:05.000000 kernel  <6>[   11.000000] last before the set\n");
+    EXPECT_NE(result.err.find("Times of kernel messages are estimated"), std::string::npos) << result.err;
+}
+
 TEST_F(View, EstimatesKernelTimesWithoutARecordedUptime) {
     log("kmsg.log", "[2026-01-02 03:04:00]\n<6>[    1.000000] one\n<4>[   11.000000] last before the set\n");
     const host_result result = view();
@@ -178,12 +195,13 @@ TEST_F(View, LinesWithoutATimeFollowTheirNeighbours) {
     log("logcat.log",
         "rest of a line\n01-02 03:00:01.000000     1     1 D t: one\ncontinued\n"
         "01-02 03:00:03.000000     1     1 D t: three");
-    log("sa.log", "[01-02 03:00:02.000]two\n");
+    log("sa.log", "[01-02 03:00:02.000]two\nmore\n");
     EXPECT_EQ(view().out,
               "01-02 03:00:01.000000 main    rest of a line\n"
               "01-02 03:00:01.000000 main        1     1 D t: one\n"
               "01-02 03:00:01.000000 main    continued\n"
               "01-02 03:00:02.000    sa      two\n"
+              "01-02 03:00:02.000    sa      more\n"
               "01-02 03:00:03.000000 main        1     1 D t: three\n");
 }
 
@@ -206,6 +224,9 @@ TEST_F(View, PacketsFollowTheZoneThroughTheChangeOfItsClocks) {
         "10-26 02:00:00.000000 packets IP 10.0.0.1.1000 > 10.0.0.2.9: UDP, length 0\n";
     clocks("2026-01-02T02:10:00.000Z", "600.00", "Europe/Berlin +0100");
     EXPECT_EQ(view().out, expected);
+    // A name that does not agree with the offset is another zone's.
+    clocks("2026-01-02T02:10:00.000Z", "600.00", "Europe/Berlin +0900");
+    EXPECT_EQ(view().out.substr(0, 15), "10-26 09:59:59.");
     unlink((set + "/handset.txt").c_str());
     set_write(set, "getprop.log", "[ro.x]: [1]\n[persist.sys.timezone]: [Europe/Berlin]\n");
     EXPECT_EQ(view().out, expected);
