@@ -87,8 +87,8 @@ TEST_F(AdbTest, AnAgentThatIsNotThereIsASentence) {
 
 TEST_F(AdbTest, ATerminalThatIsNotTheAgentsIsNotOpened) {
     ASSERT_NO_FATAL_FAILURE(boot_adb());
-    ASSERT_EQ(WEXITSTATUS(desk_shell(h, "ln -s /dev/null /dev/stranger").status), 0);
-    host_result result = host({"--channel", "/dev/stranger", "send", "AT"});
+    ASSERT_EQ(WEXITSTATUS(desk_shell(h, "ln -s /dev/null /data/stranger").status), 0);
+    host_result result = host({"--channel", "/data/stranger", "send", "AT"});
     EXPECT_EQ(result.status, 2);
     EXPECT_NE(result.err.find("not the agent's (owner 0:0)"), std::string::npos) << result.err;
 }
@@ -211,6 +211,11 @@ TEST_F(AdbTest, TheInteractiveShellReadsLinesForPrograms) {
     terminal_type(&terminal, "exit 6\r");
     EXPECT_EQ(terminal_finish(&terminal), 6);
     terminal_end(&terminal);
+}
+
+TEST_F(AdbTest, TheShellInTmux) {
+    ASSERT_NO_FATAL_FAILURE(boot_adb());
+    try_shell_in_tmux();
 }
 
 // ---- what breaks in the middle

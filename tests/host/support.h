@@ -70,6 +70,8 @@ class HostTest : public AgentTest {
     virtual words inside(const words &arguments) const;
     host_result host(const words &arguments) const;
     host_result host_with(const words &arguments, const std::string &input) const;
+    // A session of the remote shell on a screen of tmux: prompt, window size, lines for a program, an editor, the end.
+    void try_shell_in_tmux();
     // The requests that the agent has read from its command channel, in order.
     words received();
     // Whether a process with exactly these arguments runs on the handset.
