@@ -261,19 +261,28 @@ int run_short(const host_options &options, const std::string &command) {
     return is_done ? 0 : -1;
 }
 
-// Follows script_find. Stops the processes that must not see the terminal closed (s) and says "."; after a line from this
-// side waits until the foreground (f) has ended, at most for a second, and says "."; after the next line, or when this side
-// has hung up, continues what it stopped. Without a foreground group either a prompting shell reads by itself, and the
-// script ends without a "."; or the foreground is everything but the session's leader. A zombie has no /proc/PID/exe.
+// Follows script_find. Stops the shells above the foreground (s), which would read next, and says "."; after a line from
+// this side waits until the foreground (f) has ended, at most for a second, and says "."; after the next line, or when this
+// side has hung up, continues what it stopped. No shell runs while its child is stopped, since it would take notice: the
+// outermost is stopped first and continued last. Without a foreground group either a prompting shell reads by itself, and
+// the script ends without a "."; or the foreground is everything but the session's leader. A zombie has no /proc/PID/exe.
 std::string script_end_input(bool is_prompting) {
-    return std::string("x=$g.* f= s=\n") + (is_prompting ? "[ $g ]||exit\n" : "[ $g ]||x=*.$l\n") +
-           "for p in $q;do case $p in $x)f=\"$f ${p#*.}\";;*)s=\"$s ${p#*.}\";;esac;done\n"
-           "[ $g ]||{ x=$f f=$s;s=$x;}\n"
+    return std::string(is_prompting ? "[ $g ]||exit\n" : "") +
+           "f= s= c=\n"
+           "for p in $q;do\n"
+           "[ ${p%.*} = ${g:-$l} ]&&[ ${p#*.} != $l ]&&f=\"$f ${p#*.}\"\n"
+           "done\n"
+           "[ \"$f\" ]||exit\n"
+           "p=${f##* }\n"
+           "while read r</proc/$p/stat&&set -- ${r##*) }&&[ $4 = $l ];do\n"
+           "{ [ $3 != ${g:-$l} ]||[ $p = $l ];}&&s=\"$p $s\" c=\"$c $p\"\n"
+           "p=$2\n"
+           "done\n"
            "kill -STOP $s;echo .;read x;n=0 r=1\n"
            "while [ $r ]&&[ $((n+=1)) -le 20 ];do\n"
            "sleep .05;r=;for p in $f;do [ -e /proc/$p/exe ]&&r=1;done\n"
            "done\n"
-           "echo .;read x;kill -CONT $s\n";
+           "echo .;read x;kill -CONT $c\n";
 }
 
 // The same in a process of its own, which holds nothing of ours: neither the connection it is about, which must hang up

@@ -78,7 +78,7 @@ pid_t remote_signal_terminal(const host_options &options, const std::string &pat
 
 // Tells the foreground program of a terminal that its input has ended. The child's side is a master, which has no end of
 // file, but a read of it fails with EIO while nobody has the slave open. So this closes the terminal and opens it again;
-// the processes that would read next, such as the shell, are stopped meanwhile. With `is_prompting` the child is a shell
+// the shells above that program, which would read next, are stopped meanwhile. With `is_prompting` the child is a shell
 // that prompts: when it reads by itself (its own `read`), nothing is done, since its next prompt would end it.
 // Blocks for about 0.2 s, and for some seconds if the handset does not answer.
 // Result: whether the terminal is open; false when it has gone meanwhile.

@@ -261,10 +261,26 @@ TEST_F(OnTerminal, CtrlDEndsTheInputOfAProgram) {
     terminal_type(&terminal, "\x04");
     EXPECT_TRUE(terminal_expect(&terminal, "\nno line\r\n# "));
     EXPECT_TRUE(line("jobs", "Running"));
+    EXPECT_EQ(terminal.screen.find("Stopped"), std::string::npos) << terminal.screen;
     EXPECT_TRUE(runs({"sleep", "3210"}));
     terminal_type(&terminal, "\x04");  // and at the prompt it ends the shell
     terminal_type(&terminal, "\x04");  // which warns of the job first
     EXPECT_EQ(terminal_finish(&terminal), 0);
+}
+
+TEST_F(OnTerminal, CtrlDEndsTheInputBelowAShellInTheShell) {
+    ASSERT_NO_FATAL_FAILURE(start_shell());
+    terminal_type(&terminal, "PS1=inner#: mksh\r");
+    ASSERT_TRUE(terminal_expect(&terminal, "\ninner#:"));
+    ASSERT_TRUE(starts_reading("sh -c 'cat > /data/typed; echo ended'", {"cat"}));
+    terminal_type(&terminal, "text\r\x04");
+    EXPECT_TRUE(terminal_expect(&terminal, "\nended\r\ninner#:"));
+    EXPECT_EQ(desk_file_text(h, "/data/typed"), "text\n");
+    terminal_type(&terminal, "echo $((90 + 9))\r");
+    EXPECT_TRUE(terminal_expect(&terminal, "99\r\ninner#:"));
+    terminal_type(&terminal, "\x04");
+    EXPECT_TRUE(terminal_expect(&terminal, "\n# "));
+    EXPECT_EQ(terminal.screen.find("Stopped"), std::string::npos) << terminal.screen;
 }
 
 // What is typed after the end is for whoever reads next.
