@@ -68,6 +68,8 @@ void Busy::wait_files(const std::string &directory) {
     for (const char *name : {"/logcat.log", "/logcat-events.log", "/logcat-radio.log", "/kmsg.log"}) {
         ASSERT_TRUE(desk_wait_path(h, directory + name)) << name;
     }
+    // The reader that is stopped before it has set the owner leaves the file as it is then.
+    ASSERT_TRUE(desk_until([&] { return desk_owner(h, directory + "/kmsg.log") == "0644 2000:1007"; }));
 }
 
 // Every request that leaves something behind, and two more starts, which shift what the ones before have left.

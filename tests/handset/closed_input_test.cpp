@@ -23,9 +23,11 @@ class ClosedInput : public AgentTest {
                         "exec 0<&-; exec /system/bin/zr-qel-sa"};
         desk_child tracer;
         EXPECT_TRUE(desk_start(h, program, &tracer)) << desk_error();
-        EXPECT_TRUE(desk_wait_path(h, "/dev/ttysa1"));
-        EXPECT_TRUE(desk_wait_path(h, "/dev/ttyCMD0"));
-        EXPECT_TRUE(desk_kill(h, tracer.pid, SIGKILL));  // lets go of the agent
+        const std::string process = "/proc/" + std::to_string(tracer.pid);
+        EXPECT_TRUE(desk_until([&] {  // an agent whose listener comes first ends, and its tracer with it
+            return (desk_exists(h, "/dev/ttysa1") && desk_exists(h, "/dev/ttyCMD0")) || !desk_exists(h, process);
+        }));
+        desk_kill(h, tracer.pid, SIGKILL);  // lets go of the agent
         desk_wait(h, &tracer, 10000);
         const std::vector<pid_t> pids = desk_pids(h, "zr-qel-sa");
         if (pids.size() != 1) {

@@ -202,17 +202,22 @@ static uint64_t end_of_log(desk *h) {
     return log.empty() ? 0 : log.back().sequence + 1;
 }
 
+// The name of the channel may be left over from an agent that was killed, and lead to the new one's listener by now.
+void CollectorTest::open_new_channel(uint64_t from) {
+    ASSERT_NE(desk_wait_log_part(h, "zr-qel-sa", "sa_listener_loop fd[", from), 0u) << "the agent did not come up";
+    ASSERT_NE(desk_wait_log_part(h, "zr-qel-sa", "sa_handle_read_cmd_loop pub_pty_open ", from), 0u);
+    open_channel();
+}
+
 void CollectorTest::start_agent() {
     const uint64_t from = end_of_log(h);
     ASSERT_EQ(desk_service_start(h, "zr-qel-sa"), 0);
-    ASSERT_NE(desk_wait_log_part(h, "zr-qel-sa", "sa_listener_loop fd[", from), 0u) << "the agent did not come up";
-    open_channel();
+    ASSERT_NO_FATAL_FAILURE(open_new_channel(from));
 }
 
 void CollectorTest::restart_agent() {
     const uint64_t from = end_of_log(h);
     hang_up();
     ASSERT_EQ(desk_service_restart(h, "zr-qel-sa"), 0);
-    ASSERT_NE(desk_wait_log_part(h, "zr-qel-sa", "sa_listener_loop fd[", from), 0u) << "the agent did not come again";
-    open_channel();
+    ASSERT_NO_FATAL_FAILURE(open_new_channel(from));
 }

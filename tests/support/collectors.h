@@ -68,6 +68,10 @@ class CollectorTest : public AgentTest {
     void start_agent();
     // Asks init to restart the agent and waits until the new one listens.
     void restart_agent();
+
+  private:
+    // Opens the command channel of the agent that has logged since the entry `from`, once it has published it.
+    void open_new_channel(uint64_t from);
 };
 
 #endif
