@@ -1,5 +1,6 @@
 // Reports of sanitizers inside a handset. A service has no visible standard error, so the reports are written to files,
-// which the program that booted the handset prints. Other builds have none. State: in the handle, the directory.
+// which the program that booted the handset prints. In a build with counters of lines the files of those are there too, and
+// go to the directory COVERAGE_PROFILES of the environment. Other builds have none. State: in the handle, the directory.
 #include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -32,7 +33,7 @@ std::vector<std::string> reports_environment() {
 }
 
 bool reports_open(desk *h) {
-    if (!SANITIZED) {
+    if (!SANITIZED && getenv("COVERAGE_PROFILES") == nullptr) {
         return true;
     }
     if (!desk_make_dir(h, REPORTS, 01777)) {
@@ -50,6 +51,23 @@ static std::string text_of(int directory, const std::string &name) {
         close(fd);
     }
     return text;
+}
+
+static bool is_profile(const std::string &name) {
+    const std::string ending = ".profraw";
+    return name.size() > ending.size() && name.compare(name.size() - ending.size(), ending.size(), ending) == 0;
+}
+
+// Process ids are the handset's, so the name outside is a new one.
+static void keep_profile(const std::string &counters) {
+    std::string path = std::string(getenv("COVERAGE_PROFILES")) + "/XXXXXX.profraw";
+    const int fd = mkostemps(&path[0], 8, O_CLOEXEC);
+    if (fd < 0 || write(fd, counters.data(), counters.size()) != static_cast<ssize_t>(counters.size())) {
+        perror(path.c_str());
+    }
+    if (fd >= 0) {
+        close(fd);
+    }
 }
 
 // At the end of a process the sanitizer traces it to find leaks. When a test traces it already, or a thread ends
@@ -80,7 +98,9 @@ void reports_close(desk *h) {
     bool found = false;
     for (const std::string &name : names_in(dup(h->reports))) {
         const std::string text = text_of(h->reports, name);
-        if (is_finding(text)) {
+        if (is_profile(name)) {
+            keep_profile(text);
+        } else if (is_finding(text)) {
             found = true;
             fprintf(stderr, "---- %s\n%s", name.c_str(), text.c_str());
         }

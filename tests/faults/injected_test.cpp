@@ -104,14 +104,15 @@ static const sample kTheRest[] = {
     {"SIGUSR2", {"writev", "", "EPIPE", "1"}, "does not end"},
 };
 
-// "StartCloneEAGAIN1": letters and digits are all that a test's name may hold.
+// "start_no_log_directory_mkdir_ENOSPC1_4": letters, digits and underscores are all that a test's name may hold.
 static std::string name_of(const ::testing::TestParamInfo<sample> &info) {
     const sample &s = info.param;
     const bool stays = s.injected.when.back() == '+';
     std::string name;
     for (const char c : std::string(s.stage) + "_" + s.injected.call + "_" + s.injected.error + s.injected.when) {
-        if (isalnum(static_cast<unsigned char>(c)) != 0 || c == '_') {
-            name += c;
+        const bool may_stand = isalnum(static_cast<unsigned char>(c)) != 0;
+        if (may_stand || (!name.empty() && name.back() != '_')) {
+            name += may_stand ? c : '_';
         }
     }
     return name + (stays ? "_always" : "") + "_" + std::to_string(info.index);

@@ -267,11 +267,20 @@ TEST_F(Scarce, LogDirectoryIsMadeAnewWithTheCollectors) {
     EXPECT_TRUE(holds_no_more());
 }
 
+struct replacement {
+    const char *name;
+    const char *command;
+};
+
+static void PrintTo(const replacement &one, std::ostream *out) {
+    *out << one.command;
+}
+
 // What stands in the diagnostic file's place while the agent runs and when it starts.
-class ScarceLog : public Scarce, public ::testing::WithParamInterface<const char *> {
+class ScarceLog : public Scarce, public ::testing::WithParamInterface<replacement> {
   protected:
     void replace_log() {
-        const std::string replace = std::string("cd /data/local/log; rm -rf sa.log; ") + GetParam();
+        const std::string replace = std::string("cd /data/local/log; rm -rf sa.log; ") + GetParam().command;
         ASSERT_EQ(run({"/system/bin/sh", "-c", replace}).status, 0);
     }
 
@@ -311,6 +320,10 @@ TEST_P(ScarceLog, IsReplacedAndComesBackAtTheNextStart) {
     expect_log_with("sa_handle_read_cmd_loop req[AT SA+DELETE_LOG\r] ret_val[0]");
 }
 
-INSTANTIATE_TEST_SUITE_P(ByThings, ScarceLog,
-                         ::testing::Values("mkdir sa.log", "ln -s /data/nowhere/sa.log sa.log", "ln -s sa.log sa.log",
-                                           "mkfifo sa.log", "ln -s /dev/full sa.log"));
+INSTANTIATE_TEST_SUITE_P(Replaced, ScarceLog,
+                         ::testing::Values(replacement{"ByADirectory", "mkdir sa.log"},
+                                           replacement{"ByADanglingLink", "ln -s /data/nowhere/sa.log sa.log"},
+                                           replacement{"ByALinkToItself", "ln -s sa.log sa.log"},
+                                           replacement{"ByAPipe", "mkfifo sa.log"},
+                                           replacement{"ByAFullDevice", "ln -s /dev/full sa.log"}),
+                         [](const auto &one) { return std::string(one.param.name); });

@@ -66,6 +66,10 @@ struct refused_value {
     int records;        // that were filled
 };
 
+static void PrintTo(const refused_value &one, std::ostream *out) {
+    *out << one.value;
+}
+
 static const refused_value kRefused[] = {
     {"NothingButCommas", ",,,", "Log path is null!!!", ";;;;;;", 0},
     {"PathAlone", "/data/local/log", "Get Log Type Failed. LogTypeID=I1", ";;;;;;", 0},
@@ -220,4 +224,5 @@ TEST_P(OneCollectorOff, LeavesTheOthersRunning) {
     EXPECT_EQ(children_of(desk_agent_pid(h)).size(), GetParam() == 3 ? 4u : 3u);
 }
 
-INSTANTIATE_TEST_SUITE_P(Position, OneCollectorOff, ::testing::Values(2, 3, 4, 5, 6));
+INSTANTIATE_TEST_SUITE_P(Position, OneCollectorOff, ::testing::Values(2, 3, 4, 5, 6),
+                         [](const auto &position) { return "I" + std::to_string(position.param); });

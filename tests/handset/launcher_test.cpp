@@ -127,8 +127,7 @@ TEST_F(Launcher, ProgramThatCannotBeExecutedEndsWith255) {
     EXPECT_EQ(count_lines(file_lines(), "start_log_service All Log Service Start Success."), 1);
 }
 
-class IdentityThatFails : public Launcher,
-                          public ::testing::WithParamInterface<std::pair<const char *, const char *>> {};
+class IdentityThatFails : public Launcher, public ::testing::WithParamInterface<std::pair<std::string, std::string>> {};
 
 TEST_P(IdentityThatFails, EndsTheChildBeforeItsProgram) {
     const std::string call = GetParam().first;
@@ -151,7 +150,8 @@ TEST_P(IdentityThatFails, EndsTheChildBeforeItsProgram) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Calls, IdentityThatFails,
-                         ::testing::Values(std::make_pair("setgid", "AID_LOG"), std::make_pair("setuid", "AID_SHELL")),
+                         ::testing::Values(std::pair<std::string, std::string>("setgid", "AID_LOG"),
+                                           std::pair<std::string, std::string>("setuid", "AID_SHELL")),
                          [](const auto &row) { return std::string(row.param.first); });
 
 // ---- launches that fail in the agent ----

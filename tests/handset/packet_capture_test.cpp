@@ -18,6 +18,10 @@ struct size_case {
     const char *millions;
 };
 
+static void PrintTo(const size_case &one, std::ostream *out) {
+    *out << one.property;
+}
+
 class PacketCaptureSize : public PacketCapture, public ::testing::WithParamInterface<size_case> {};
 
 TEST_P(PacketCaptureSize, BecomesMillionsOfBytes) {

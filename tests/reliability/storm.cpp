@@ -20,7 +20,7 @@ static long number_of_environment(const char *name, long fallback) {
 }
 
 int storm_rounds(int ordinary) {
-    return static_cast<int>(number_of_environment("ROUNDS", ordinary));
+    return static_cast<int>(number_of_environment("ROUNDS", ordinary * number_of_environment("TIMES", 1)));
 }
 
 // ---- chance

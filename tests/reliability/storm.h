@@ -17,7 +17,7 @@
 // How long a storm waits for anything, ms: enough for a machine that runs many tests at once.
 const int kStormLimit = 30000;
 
-// ROUNDS of the environment, or else the ordinary number.
+// ROUNDS of the environment, or else the ordinary number, TIMES times.
 int storm_rounds(int ordinary);
 
 class chance {

@@ -137,6 +137,10 @@ struct split_case {
     const char *value;
 };
 
+static void PrintTo(const split_case &one, std::ostream *out) {
+    *out << one.line;
+}
+
 static const split_case kSplits[] = {
     {"plain", "zr.tty.cmd=ttyCMD0", "zr.tty.cmd", "ttyCMD0"},
     {"blanks everywhere", "   zr.tty.cmd   =   ttyCMD0  \r\n", "zr.tty.cmd", "ttyCMD0"},

@@ -20,6 +20,10 @@ struct wrap_case {
     off_t limit;        // bytes
 };
 
+static void PrintTo(const wrap_case &one, std::ostream *out) {
+    *out << one.file_size << " KiB";
+}
+
 static const wrap_case kWraps[] = {
     {"AtItsDefault", 20480, 20971520},
     {"OfOneKib", 1, 1024},

@@ -358,6 +358,10 @@ struct attr_case {
     int passed;  // of the four calls
 };
 
+static void PrintTo(const attr_case &one, std::ostream *out) {
+    *out << one.call;
+}
+
 static std::string attr_name(const ::testing::TestParamInfo<attr_case> &one) {
     return one.param.call;
 }
