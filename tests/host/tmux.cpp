@@ -42,7 +42,7 @@ void HostTest::try_shell_in_tmux() {
     EXPECT_TRUE(desk_until([&] { return desk_file_text(h, "/data/typed") == "two three\n"; }));
     EXPECT_TRUE(shows("busybox vi /data/typed\n#")) << screen();
     ASSERT_EQ(system((tmux + "send-keys C-d").c_str()), 0);
-    EXPECT_TRUE(shows("\nlocal:")) << screen();
+    EXPECT_TRUE(shows("# ^D\nlocal:")) << screen();
     ASSERT_EQ(system((tmux + "send-keys 'echo back' Enter").c_str()), 0);
     EXPECT_TRUE(shows("\nback\nlocal:")) << screen();
     EXPECT_EQ(system((tmux + "kill-server").c_str()), 0);
