@@ -248,16 +248,10 @@ static bool is_done(const desk *h, const std::string &path) {
 }
 
 static bool put_file(desk *h, const desk_file &file) {
-    desk_remove(h, file.path);
-    if (file.host_source.empty()) {
-        return desk_write_file(h, file.path, file.text, file.mode, file.uid, file.gid);
+    if (!file.host_source.empty()) {
+        return desk_bring(h, file.host_source, file.path, file.mode, file.uid, file.gid);
     }
-    int fd = desk_bring(h, file.host_source, file.path, file.mode) ? desk_open(h, file.path, O_RDONLY) : -1;
-    bool owned = fd >= 0 && fchown(fd, file.uid, file.gid) == 0;
-    if (fd >= 0) {
-        close(fd);
-    }
-    return owned;
+    return desk_remove(h, file.path) && desk_write_file(h, file.path, file.text, file.mode, file.uid, file.gid);
 }
 
 static bool put_files(desk *h) {

@@ -157,8 +157,9 @@ std::string desk_file_text(desk *h, const std::string &path);
 bool desk_write_file(desk *h, const std::string &path, const std::string &text, mode_t mode = 0644, uid_t uid = 0,
                      gid_t gid = 0);
 bool desk_append_file(desk *h, const std::string &path, const std::string &text);
-// Copies a host file in.
-bool desk_bring(desk *h, const std::string &host_source, const std::string &path, mode_t mode = 0755);
+// Copies a host file; the execute bits of the source are added to `mode`. Replaces an existing file.
+bool desk_bring(desk *h, const std::string &host_source, const std::string &path, mode_t mode = 0755, uid_t uid = 0,
+                gid_t gid = 0);
 bool desk_stat(desk *h, const std::string &path, struct stat *st);
 bool desk_lstat(desk *h, const std::string &path, struct stat *st);
 bool desk_exists(desk *h, const std::string &path);
@@ -189,7 +190,7 @@ std::vector<desk_event> desk_events(desk *h, const std::string &kind = "");
 
 // One line of the log journal: an entry that the log daemon has accepted.
 struct desk_log_entry {
-    uint64_t sequence = 0;
+    uint64_t sequence = 0;  // ascending: the offset of its line in the journal, plus 1
     double time = 0;
     std::string buffer;  // "main", "radio", "events", ...
     pid_t pid = 0;

@@ -5,7 +5,6 @@
 #include <linux/openat2.h>
 #include <stdio.h>
 #include <string.h>
-#include <sys/sendfile.h>
 #include <sys/statfs.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -101,29 +100,16 @@ bool desk_append_file(desk *h, const std::string &path, const std::string &text)
     return written;
 }
 
-bool desk_bring(desk *h, const std::string &host_source, const std::string &path, mode_t mode) {
-    int in = open(host_source.c_str(), O_RDONLY | O_CLOEXEC);
+bool desk_bring(desk *h, const std::string &host_source, const std::string &path, mode_t mode, uid_t uid, gid_t gid) {
+    const int in = open(host_source.c_str(), O_RDONLY | O_CLOEXEC);
+    std::string text;
     struct stat st;
-    if (in < 0 || fstat(in, &st) != 0) {
-        if (in >= 0) {
-            close(in);
-        }
-        return desk_fail_errno(host_source);
+    const bool is_read = in >= 0 && fstat(in, &st) == 0 && read_all(in, &text);
+    const bool is_brought = is_read || desk_fail_errno(host_source);
+    if (in >= 0) {
+        close(in);
     }
-    mode |= st.st_mode & 0111;
-    int out = desk_open(h, path, O_WRONLY | O_CREAT | O_TRUNC, mode);
-    bool copied = out >= 0 && fchmod(out, mode) == 0;
-    for (off_t left = st.st_size; copied && left > 0;) {
-        ssize_t moved = sendfile(out, in, nullptr, static_cast<size_t>(left));
-        copied = moved > 0;
-        left -= moved;
-    }
-    copied = copied || desk_fail_errno(path);
-    close(in);
-    if (out >= 0) {
-        close(out);
-    }
-    return copied;
+    return is_brought && desk_remove(h, path) && desk_write_file(h, path, text, mode | (st.st_mode & 0111), uid, gid);
 }
 
 static bool stat_with(desk *h, const std::string &path, int flags, struct stat *st) {

@@ -1,4 +1,4 @@
-// handset: boots a desk handset for a person or for a test that needs its paths. State: none beyond main's.
+// handset: boots a desk handset for a person or for a test that needs its paths. No state.
 #include <errno.h>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -14,7 +14,7 @@
 
 #include "handset/desk/handset.h"
 
-// Starts over with root's rights; returns only when that cannot be done.
+// Executes this program again through sudo; returns only on failure.
 static int become_root(int argc, char **argv) {
     char self[4096];
     ssize_t length = readlink("/proc/self/exe", self, sizeof(self) - 1);
@@ -39,12 +39,12 @@ static bool copy_tree(const std::string &from, const std::string &to) {
     return status == 0;
 }
 
-// Before the services start: yesterday's /data.
+// Before the services start: copies /data from --state.
 static bool load_state(desk *h, const std::string &state) {
     return mkdir(state.c_str(), 0700) == 0 || copy_tree(state + "/.", desk_host_path(h, "/data"));
 }
 
-// On this program's own streams.
+// Runs the program with this process' streams.
 static int run(desk *h, const handset_call &call) {
     desk_program program;
     program.argv = call.program.empty() ? std::vector<std::string>{"/system/bin/sh"} : call.program;
@@ -65,8 +65,8 @@ static int run(desk *h, const handset_call &call) {
     return status >= 0 && WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-// Leaves the streams of whoever has detached this process.
-static void give_up_streams() {
+// Closes the streams of the detached process.
+static void close_streams() {
     int null = open("/dev/null", O_RDWR | O_CLOEXEC);
     for (int fd = 0; fd < 3; fd++) {
         dup2(null, fd);
@@ -74,8 +74,7 @@ static void give_up_streams() {
     close(null);
 }
 
-// Boots in a process of its own, which this one leaves behind; its output is passed on until it is up. Comes back in
-// that process alone.
+// Forks. The parent copies the child's output until the handset is up, and exits. Returns in the child.
 static void detach() {
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0) {
@@ -101,7 +100,7 @@ static void detach() {
     _exit(is_up ? 0 : 125);
 }
 
-// The adb daemon of the handset, on a port of this machine. It ends with the handset.
+// Starts the handset's adb daemon on a TCP port of this machine. It ends with the handset.
 static bool start_adbd(desk *h, int port) {
     struct sockaddr_in address = {};
     address.sin_family = AF_INET;
@@ -138,7 +137,7 @@ static bool keep_pid(const desk *h, const std::string &path) {
     return true;
 }
 
-// The program of the same build, or else the one in PATH.
+// The path of a program in the same build directory, or its name to be found in PATH.
 static std::string sibling(const std::string &path) {
     char self[4096];
     const ssize_t length = readlink("/proc/self/exe", self, sizeof(self) - 1);
@@ -148,7 +147,7 @@ static std::string sibling(const std::string &path) {
     return access(built.c_str(), X_OK) == 0 ? built : path.substr(path.rfind('/') + 1);
 }
 
-static void tell_how_to_reach(desk *h, const handset_call &call) {
+static void print_summary(desk *h, const handset_call &call) {
     const int pid = static_cast<int>(desk_init_pid(h));
     const std::string root = desk_host_path(h, "/");
     const std::string sa_host = sibling("host/sa-host");
@@ -166,14 +165,14 @@ static void tell_how_to_reach(desk *h, const handset_call &call) {
     fflush(stdout);
 }
 
-// Until a signal or, unless detached, the end of input; the signals were blocked before the boot.
+// Waits for a signal or, unless detached, the end of input. The signals were blocked before the boot.
 static int stay(desk *h, const handset_call &call, int signals) {
     if (!keep_pid(h, call.pid_file)) {
         return 125;
     }
-    tell_how_to_reach(h, call);
+    print_summary(h, call);
     if (call.detach) {
-        give_up_streams();
+        close_streams();
     }
     struct pollfd fds[2] = {{call.detach ? -1 : 0, POLLIN, 0}, {signals, POLLIN, 0}};
     for (;;) {
@@ -189,7 +188,7 @@ static int stay(desk *h, const handset_call &call, int signals) {
 
 static int open_signals(const handset_call &call) {
     if (call.verb != "boot") {
-        return -1;  // the others end at once with their handset
+        return -1;  // the other commands end by the signal, and their handset with them
     }
     sigset_t ends;
     sigemptyset(&ends);

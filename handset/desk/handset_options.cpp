@@ -31,14 +31,9 @@ static const char kHelp[] =
     "  --no-sd-card           without /storage/real_sd\n"
     "  --sd-card BYTES        size of the SD card\n"
     "  --no-tmp               without /tmp\n"
-    "  --no-config            without /system/etc/zr-qel-sa.cfg\n"
     "  --prop NAME=VALUE      property set before anything starts\n"
     "  --env NAME=VALUE       environment of everything started inside\n"
     "  --timezone TZ          time zone of everything started inside\n"
-    "  --old-ctl              ctl.start and ctl.stop of unknown services succeed\n"
-    "  --restart MS           shortest time between two starts of a service\n"
-    "  --umask OCTAL          of services (077)\n"
-    "  --closed-stdin         services start without descriptor 0\n"
     "  --output FILE          services append stdout and stderr to FILE\n"
     "  --kmsg machine         copy this machine's kernel log to /proc/kmsg\n"
     "  --user UID[:GID]       run: identity of PROGRAM\n"
@@ -51,8 +46,7 @@ static const struct {
 } kFlags[] = {
     {"--agent", &boot_options::agent, true},         {"--no-agent", &boot_options::agent, false},
     {"--no-log-dir", &boot_options::log_dir, false}, {"--no-sd-card", &boot_options::sd_card, false},
-    {"--no-tmp", &boot_options::tmp, false},         {"--no-config", &boot_options::config, false},
-    {"--old-ctl", &boot_options::old_ctl, true},     {"--closed-stdin", &boot_options::closed_stdin, true},
+    {"--no-tmp", &boot_options::tmp, false},
 };
 
 static bool take_flag(const std::string &name, desk_options *o) {
@@ -83,10 +77,6 @@ static bool take_simple(const std::string &name, const std::string &value, desk_
         o->sd_card_size = bytes_of(value);
     } else if (name == "--output") {
         o->output = value;
-    } else if (name == "--restart") {
-        o->restart_ms = atoi(value.c_str());
-    } else if (name == "--umask") {
-        o->umask = static_cast<int>(strtol(value.c_str(), nullptr, 8));
     } else {
         return false;
     }

@@ -1,5 +1,5 @@
-// A shell of the handset on our terminal: a pseudo-terminal of the handset's own, its master joined to our streams.
-// State: the terminal's settings before, while a shell runs.
+// A shell of the handset on this process' terminal: copies bytes between standard streams and the master of a
+// pseudo-terminal of the handset. State: the terminal's settings from before, while a shell runs.
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -23,7 +23,7 @@ static void restore() {
     }
 }
 
-static void make_raw() {
+static void set_raw() {
     if (tcgetattr(0, &m_before) != 0) {
         return;
     }
@@ -33,7 +33,7 @@ static void make_raw() {
     atexit(restore);
 }
 
-static void note_size(int) {
+static void on_resize(int) {
     m_resized = 1;
 }
 
@@ -45,7 +45,7 @@ static void pass_size(int master) {
     m_resized = 0;
 }
 
-// A terminal made inside the handset: both ends as descriptors of ours.
+// Opens both ends of a pseudo-terminal of the handset.
 static bool open_terminal(desk *h, int *master, int *slave) {
     *master = desk_open(h, "/dev/ptmx", O_RDWR | O_NOCTTY);
     int number = -1;
@@ -73,8 +73,8 @@ static bool pass(int from, int to) {
     return got > 0;
 }
 
-// Until the shell has ended; the end of our input is its end of file.
-static void join(int master, int wait_fd) {
+// Copies until the shell has ended. The end of standard input becomes Ctrl-D.
+static void copy_streams(int master, int wait_fd) {
     bool input = true;
     for (;;) {
         struct pollfd fds[3] = {{master, POLLIN, 0}, {wait_fd, POLLIN, 0}, {input ? 0 : -1, POLLIN, 0}};
@@ -118,9 +118,9 @@ int handset_shell(desk *h, const std::vector<std::string> &argv) {
         return 125;
     }
     close(slave);
-    signal(SIGWINCH, note_size);
-    make_raw();
-    join(master, child.wait_fd);
+    signal(SIGWINCH, on_resize);
+    set_raw();
+    copy_streams(master, child.wait_fd);
     restore();
     close(master);
     int status = desk_wait(h, &child, 5000);

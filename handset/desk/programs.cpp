@@ -1,10 +1,9 @@
 // Runs programs inside a handset, through its init, and reads its processes. No state: the caller owns a child.
 #include <errno.h>
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
-#include <string.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -56,133 +55,48 @@ int desk_wait(desk *h, desk_child *child, int limit_ms) {
     return control_number(answer, "exit", -1);
 }
 
-// Three pipes to a program: the ends of this process and the program's.
-struct streams {
-    int ours[3] = {-1, -1, -1};
-    int theirs[3] = {-1, -1, -1};
-};
-
-static void close_one(int *fd) {
-    if (*fd >= 0) {
-        close(*fd);
-        *fd = -1;
+// A file in memory with this content, at its start; -1 on failure.
+static int memory_file(const std::string &text) {
+    const int fd = memfd_create("desk", MFD_CLOEXEC);
+    if (fd >= 0 && write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size()) &&
+        lseek(fd, 0, SEEK_SET) == 0) {
+        return fd;
     }
+    close(fd);
+    return -1;
 }
 
-static void close_streams(streams *s) {
-    for (int i = 0; i < 3; i++) {
-        close_one(&s->ours[i]);
-        close_one(&s->theirs[i]);
-    }
+static std::string text_of(int fd) {
+    std::string text;
+    lseek(fd, 0, SEEK_SET);
+    read_all(fd, &text);
+    return text;
 }
 
-static bool open_streams(streams *s) {
-    for (int i = 0; i < 3; i++) {
-        int ends[2];
-        if (pipe2(ends, O_CLOEXEC) != 0) {
-            close_streams(s);
-            return desk_fail_errno("pipe");
-        }
-        s->ours[i] = ends[i == 0 ? 1 : 0];
-        s->theirs[i] = ends[i == 0 ? 0 : 1];
-        fcntl(s->ours[i], F_SETFL, O_NONBLOCK);
-    }
-    return true;
-}
-
-// A program may end without reading its input. Blocks the SIGPIPE of that without changing the caller's disposition.
-static ssize_t write_without_signal(int fd, const char *data, size_t size) {
-    sigset_t pipe_signal;
-    sigset_t before;
-    sigemptyset(&pipe_signal);
-    sigaddset(&pipe_signal, SIGPIPE);
-    pthread_sigmask(SIG_BLOCK, &pipe_signal, &before);
-    ssize_t put = write(fd, data, size);
-    int error = errno;
-    if (put < 0 && error == EPIPE) {
-        struct timespec at_once = {0, 0};
-        sigtimedwait(&pipe_signal, nullptr, &at_once);
-    }
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    errno = error;
-    return put;
-}
-
-// Writes or reads what is possible without blocking. False at the end of the stream.
-static bool pump_in(int fd, const std::string &input, size_t *sent) {
-    if (*sent == input.size()) {
-        return false;
-    }
-    ssize_t put = write_without_signal(fd, input.data() + *sent, input.size() - *sent);
-    if (put > 0) {
-        *sent += static_cast<size_t>(put);
-    }
-    return (put > 0 && *sent < input.size()) || (put < 0 && (errno == EAGAIN || errno == EINTR));
-}
-
-static bool pump_out(int fd, std::string *text) {
-    return !read_all(fd, text) && (errno == EAGAIN || errno == EINTR);
-}
-
-// Until the program has ended, or the limit has passed. A surviving grandchild may keep the pipes open: its output after
-// the program's end does not count.
-static void exchange(streams *s, desk_child *child, const std::string &input, int limit_ms, desk_result *result) {
-    int64_t end = desk_now_ms() + limit_ms;
-    size_t sent = 0;
-    if (input.empty()) {
-        close_one(&s->ours[0]);
-    }
-    for (bool ended = false; !ended;) {
-        struct pollfd fds[4] = {
-            {s->ours[0], POLLOUT, 0}, {s->ours[1], POLLIN, 0}, {s->ours[2], POLLIN, 0}, {child->wait_fd, POLLIN, 0}};
-        int slice = desk_slice_ms(end);
-        int ready = poll(fds, 4, slice);
-        if ((ready == 0 && slice == 0) || (ready < 0 && errno != EINTR)) {
-            return;
-        }
-        if (ready <= 0) {
-            continue;
-        }
-        ended = fds[3].revents != 0;
-        if (fds[0].revents != 0 && !pump_in(s->ours[0], input, &sent)) {
-            close_one(&s->ours[0]);
-        }
-        std::string *texts[3] = {nullptr, &result->output, &result->errors};
-        for (int i = 1; i < 3; i++) {
-            if (fds[i].revents != 0 && !pump_out(s->ours[i], texts[i])) {
-                close_one(&s->ours[i]);
-            }
-        }
-    }
-}
-
+// The streams are files, so that neither side ever waits for the other one to read or write.
 desk_result desk_run(desk *h, const desk_program &program, const std::string &input, int limit_ms) {
     desk_result result;
-    streams s;
-    if (!open_streams(&s)) {
-        return result;
+    desk_program with_files = program;
+    for (int i = 0; i < 3; i++) {
+        with_files.fds[i] = memory_file(i == 0 ? input : "");
     }
-    desk_program piped = program;
-    memcpy(piped.fds, s.theirs, sizeof(piped.fds));
     desk_child child;
-    bool started = desk_start(h, piped, &child);
-    for (int &fd : s.theirs) {
-        close_one(&fd);
-    }
-    if (started) {
-        exchange(&s, &child, input, limit_ms, &result);
-        result.status = desk_wait(h, &child, 0);
-        read_all(s.ours[1], &result.output);
-        read_all(s.ours[2], &result.errors);
+    if (with_files.fds[0] < 0 || with_files.fds[1] < 0 || with_files.fds[2] < 0) {
+        desk_fail_errno("memfd_create");
+    } else if (desk_start(h, with_files, &child)) {
+        result.status = desk_wait(h, &child, limit_ms);
         if (result.status < 0 && child.wait_fd >= 0) {
             desk_kill(h, child.pid, SIGKILL);
             desk_wait(h, &child, 5000);
-            result.status = -1;
             desk_fail("it did not end within the limit");
         }
-        close_one(&child.wait_fd);
+        result.output = text_of(with_files.fds[1]);
+        result.errors = text_of(with_files.fds[2]);
+        close(child.wait_fd);
     }
-    close_streams(&s);
+    for (const int fd : with_files.fds) {
+        close(fd);
+    }
     return result;
 }
 

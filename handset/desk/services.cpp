@@ -9,21 +9,16 @@
 static const char kKernelMessages[] = "kernel messages of its own (/proc/kmsg is the machine's)";
 
 std::string desk_property(desk *h, const std::string &name) {
-    int fd = desk_open(h, "/dev/__properties__", O_RDONLY);
-    if (fd < 0) {
+    const property_area *area = property_area_map(desk_open(h, PROPERTY_AREA_PATH, O_RDONLY));
+    if (area == nullptr) {
         return "";
     }
-    void *memory = mmap(nullptr, sizeof(property_area), PROT_READ, MAP_SHARED, fd, 0);
-    close(fd);
-    if (memory == MAP_FAILED) {
-        return "";
-    }
-    const property_slot *slot = property_area_find(static_cast<const property_area *>(memory), name.c_str());
+    const property_slot *slot = property_area_find(area, name.c_str());
     char value[PROPERTY_VALUE_SIZE] = "";
     if (slot != nullptr) {
         property_slot_read(slot, value, sizeof(value));
     }
-    munmap(memory, sizeof(property_area));
+    munmap(const_cast<property_area *>(area), sizeof(property_area));
     return value;
 }
 

@@ -2,7 +2,6 @@
 // State: the actions in the order they were read, and whether property triggers are enabled.
 #include <stdio.h>
 #include <stdlib.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include "handset/init/init.h"
@@ -32,45 +31,19 @@ static void wait_for(const std::string &path, int ms) {
     }
 }
 
-static void make_dir(const command_line &words) {
-    mkdir(words[1].c_str(), 0755);
-    if (words.size() > 2) {
-        chmod(words[1].c_str(), static_cast<mode_t>(strtol(words[2].c_str(), nullptr, 8)));
-    }
-    if (words.size() > 4 && chown(words[1].c_str(), account_id(words[3], 0), account_id(words[4], 0)) != 0) {
-        fprintf(stderr, "init: chown of %s failed\n", words[1].c_str());
-    }
-}
-
-static bool run_file_command(const command_line &words) {
-    const std::string &verb = words[0];
-    if (verb == "mkdir") {
-        make_dir(words);
-    } else if (verb == "write" && words.size() == 3) {
-        text_write_file(words[1], words[2], 0644);
-    } else if (verb == "wait") {
-        wait_for(words[1], words.size() > 2 ? 1000 * atoi(words[2].c_str()) : 5000);
-    } else {
-        return false;
-    }
-    return true;
-}
-
 static void run_command(const command_line &words) {
     const std::string &verb = words[0];
     if (words.size() < 2) {
         fprintf(stderr, "init: command %s needs an argument\n", verb.c_str());
-    } else if (verb == "start" || verb == "stop" || verb == "restart") {
+    } else if (verb == "start" || verb == "stop") {
         service_control(verb, words[1]);
     } else if (verb == "setprop") {
         property_request(words[1], words.size() > 2 ? words[2] : "", 0);
     } else if (verb == "class_start") {
         services_start_class(words[1]);
-    } else if (verb == "class_stop") {
-        services_stop_class(words[1]);
-    } else if (verb == "trigger") {
-        actions_run_event(words[1]);
-    } else if (!run_file_command(words)) {
+    } else if (verb == "wait") {
+        wait_for(words[1], words.size() > 2 ? 1000 * atoi(words[2].c_str()) : 5000);
+    } else {
         fprintf(stderr, "init: unknown command %s\n", verb.c_str());
     }
 }

@@ -101,7 +101,6 @@ void kmsg_when_drained(std::function<void()> done);
 // Replies of the property service.
 enum property_reply : uint32_t {
     PROPERTY_OK = 0,
-    PROPERTY_READ_COMMAND = 0x4,
     PROPERTY_READ_DATA = 0x8,
     PROPERTY_READ_ONLY = 0xB,
     PROPERTY_NAME = 0x10,
@@ -182,7 +181,6 @@ service *service_find(const std::string &name);
 // `verb`: "start", "stop" or "restart".
 property_reply service_control(const std::string &verb, const std::string &name);
 void services_start_class(const std::string &name);
-void services_stop_class(const std::string &name);
 bool services_any_running();
 
 // ---- property_service.cpp: requests of clients ----------------------------------------------------------------------

@@ -1,4 +1,4 @@
-// Init's one loop: epoll over descriptors, a list of timers. State: both, and the flag that ends the loop.
+// Init's event loop: epoll and timers. State: both, and the flag that ends the loop.
 #include <errno.h>
 #include <sys/epoll.h>
 #include <time.h>
@@ -17,7 +17,7 @@ struct timer {
 static int m_epoll = -1;
 static bool m_ended = false;
 static int m_last_timer = 0;
-// Shared so that a callback may forget its own descriptor while it runs.
+// Shared pointers, so that a callback can forget its own descriptor while it runs.
 static std::map<int, std::shared_ptr<std::function<void(uint32_t)>>> m_watched;
 static std::map<int, timer> m_timers;
 

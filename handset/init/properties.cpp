@@ -21,7 +21,7 @@ static bool m_is_saving = false;
 
 bool properties_open(std::function<void(const std::string &name, const std::string &value)> changed) {
     m_changed = std::move(changed);
-    int fd = open("/dev/__properties__", O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0444);
+    int fd = open(PROPERTY_AREA_PATH, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0444);
     if (fd < 0 || ftruncate(fd, sizeof(property_area)) != 0) {
         return false;
     }
@@ -31,7 +31,6 @@ bool properties_open(std::function<void(const std::string &name, const std::stri
         return false;
     }
     m_area = static_cast<property_area *>(memory);
-    m_area->magic = PROPERTY_AREA_MAGIC;
     return true;
 }
 

@@ -1,5 +1,5 @@
-// The property service: requests to set a property, one a connection. State: none but the listener's and the clients'
-// descriptors; a client owns its buffer, descriptor and timer until it is answered.
+// The property service: requests to set a property, one a connection, each sent in one piece as libcutils does.
+// State: none but the descriptors in the loop.
 #include <errno.h>
 #include <fcntl.h>
 #include <string.h>
@@ -9,21 +9,10 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <memory>
-
 #include "handset/init/init.h"
 
 static const char kSocket[] = "/dev/socket/property_service";
 static const uint32_t kSetCommand = 0x00020001;
-static const uint32_t kMaxString = 0xffff;
-static const int kDeliveryMs = 2000;  // from the connection to the end of its request
-
-struct client {
-    int fd;
-    uid_t uid;
-    int timer;
-    std::string received;
-};
 
 property_reply property_request(const std::string &name, const std::string &value, uid_t uid) {
     const bool is_control = text_starts(name, "ctl.");
@@ -39,90 +28,65 @@ property_reply property_request(const std::string &name, const std::string &valu
     return reply == PROPERTY_CONTROL && options().old_ctl ? PROPERTY_OK : reply;
 }
 
-static void finish(const std::shared_ptr<client> &c, property_reply reply) {
-    send(c->fd, &reply, sizeof(reply), MSG_NOSIGNAL);  // a client may have gone without waiting
-    loop_cancel(c->timer);
-    loop_forget(c->fd);
-    close(c->fd);
-}
-
-// Reads a length and its string at `at`. 1: done, 0: incomplete, -1: longer than a string may be.
-static int take_string(const std::string &from, size_t *at, std::string *text) {
+// Reads a length and its string at `at`; false when the message ends before.
+static bool take_string(const std::string &from, size_t *at, std::string *text) {
     uint32_t length;
     if (from.size() < *at + sizeof(length)) {
-        return 0;
+        return false;
     }
     memcpy(&length, from.data() + *at, sizeof(length));
-    if (length > kMaxString) {
-        return -1;
+    *at += sizeof(length);
+    if (from.size() - *at < length) {
+        return false;
     }
-    if (from.size() < *at + sizeof(length) + length) {
-        return 0;
-    }
-    *text = from.substr(*at + sizeof(length), length);
-    *at += sizeof(length) + length;
-    return 1;
+    *text = from.substr(*at, length);
+    *at += length;
+    return true;
 }
 
-static void serve_set(const std::shared_ptr<client> &c) {
-    size_t at = sizeof(uint32_t);
+static property_reply serve(const std::string &message, uid_t uid) {
+    uint32_t command = 0;
+    size_t at = sizeof(command);
     std::string name;
     std::string value;
-    int got = take_string(c->received, &at, &name);
-    if (got == 1) {
-        got = take_string(c->received, &at, &value);
+    if (message.size() >= at) {
+        memcpy(&command, message.data(), at);
     }
-    if (got != 0) {
-        finish(c, got < 0 ? PROPERTY_READ_DATA : property_request(name, value, c->uid));
+    if (command != kSetCommand) {
+        return PROPERTY_UNKNOWN_COMMAND;
     }
+    if (!take_string(message, &at, &name) || !take_string(message, &at, &value)) {
+        return PROPERTY_READ_DATA;
+    }
+    return property_request(name, value, uid);
 }
 
-static void serve(const std::shared_ptr<client> &c) {
-    uint32_t command;
-    if (c->received.size() < sizeof(command)) {
-        return;
-    }
-    memcpy(&command, c->received.data(), sizeof(command));
-    if (command == kSetCommand) {
-        serve_set(c);
-    } else {
-        finish(c, PROPERTY_UNKNOWN_COMMAND);
-    }
-}
-
-static property_reply incomplete(const std::shared_ptr<client> &c) {
-    return c->received.size() < sizeof(uint32_t) ? PROPERTY_READ_COMMAND : PROPERTY_READ_DATA;
-}
-
-static void client_ready(const std::shared_ptr<client> &c) {
-    char buf[4096];
-    ssize_t got = recv(c->fd, buf, sizeof(buf), MSG_DONTWAIT);
+static void client_ready(int fd) {
+    char buf[8192];
+    const ssize_t got = recv(fd, buf, sizeof(buf), MSG_DONTWAIT);
     if (got < 0 && (errno == EAGAIN || errno == EINTR)) {
         return;
     }
-    if (got <= 0) {
-        finish(c, incomplete(c));
-        return;
+    loop_forget(fd);
+    if (got > 0) {
+        struct ucred peer = {};
+        socklen_t size = sizeof(peer);
+        getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size);
+        const property_reply reply = serve(std::string(buf, static_cast<size_t>(got)), peer.uid);
+        send(fd, &reply, sizeof(reply), MSG_NOSIGNAL);  // the client may have ended
     }
-    c->received.append(buf, static_cast<size_t>(got));
-    serve(c);
+    close(fd);
 }
 
 static void accept_client(int listener) {
-    int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-    if (fd < 0) {
-        return;
+    const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+    if (fd >= 0) {
+        loop_watch(fd, EPOLLIN, [fd](uint32_t) { client_ready(fd); });
     }
-    struct ucred peer = {};
-    socklen_t size = sizeof(peer);
-    getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size);
-    auto c = std::make_shared<client>(client{fd, peer.uid, 0, ""});
-    c->timer = loop_after(kDeliveryMs, [c] { finish(c, incomplete(c)); });
-    loop_watch(fd, EPOLLIN, [c](uint32_t) { client_ready(c); });
 }
 
 bool property_service_open() {
-    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     struct sockaddr_un addr = {};
     addr.sun_family = AF_UNIX;
     strcpy(addr.sun_path, kSocket);

@@ -207,14 +207,6 @@ void services_start_class(const std::string &name) {
     }
 }
 
-void services_stop_class(const std::string &name) {
-    for (service &sv : m_services) {
-        if (in_class(sv, name)) {
-            stop(&sv, false);
-        }
-    }
-}
-
 bool services_any_running() {
     return std::any_of(m_services.begin(), m_services.end(), [](const service &sv) { return sv.pid > 0; });
 }

@@ -1,4 +1,4 @@
-// Where the lines go: standard output, or a file that is rotated.
+// logcat's output: standard output, or a file that is rotated.
 #ifndef HANDSET_LOGCAT_OUTPUT_H
 #define HANDSET_LOGCAT_OUTPUT_H
 

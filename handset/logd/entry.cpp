@@ -4,82 +4,26 @@
 #include <stdio.h>
 #include <string.h>
 
+#include <algorithm>
+
 #include "handset/common/journal.h"
 #include "handset/logd/wire.h"
 
 static const unsigned kKernelBuffer = 7;  // the kernel fills it, programs do not
-static const int kMaxDepth = 8;           // of lists in lists
 
-struct cursor {
-    const char *at;
-    size_t left;
-};
-
-static bool take(cursor *from, void *to, size_t size) {
-    if (from->left < size) {
-        return false;
+// The value of an events record: a number or a string, which the record may cut off. "" for another type.
+static std::string value_text(const char *value, size_t length) {
+    int32_t number;
+    uint32_t size;
+    if (length >= 1 + sizeof(number) && value[0] == LOG_EVENT_INT) {
+        memcpy(&number, value + 1, sizeof(number));
+        return std::to_string(number);
     }
-    memcpy(to, from->at, size);
-    from->at += size;
-    from->left -= size;
-    return true;
-}
-
-template <typename number>
-static bool append_number(cursor *from, std::string *out) {
-    number value;
-    if (!take(from, &value, sizeof(value))) {
-        return false;
+    if (length >= 1 + sizeof(size) && value[0] == LOG_EVENT_STRING) {
+        memcpy(&size, value + 1, sizeof(size));
+        return std::string(value + 1 + sizeof(size), std::min<size_t>(size, length - 1 - sizeof(size)));
     }
-    *out += std::to_string(value);
-    return true;
-}
-
-// A string that the record cuts off is appended as far as it goes.
-static bool append_string(cursor *from, std::string *out) {
-    uint32_t length;
-    if (!take(from, &length, sizeof(length))) {
-        return false;
-    }
-    const size_t present = length < from->left ? length : from->left;
-    out->append(from->at, present);
-    from->at += present;
-    from->left -= present;
-    return present == length;
-}
-
-static bool append_value(cursor *from, int depth, std::string *out);
-
-static bool append_list(cursor *from, int depth, std::string *out) {
-    unsigned char count;
-    if (depth == kMaxDepth || !take(from, &count, 1)) {
-        return false;
-    }
-    *out += '[';
-    for (unsigned i = 0; i < count; i++) {
-        *out += i == 0 ? "" : ",";
-        if (!append_value(from, depth + 1, out)) {
-            return false;
-        }
-    }
-    *out += ']';
-    return true;
-}
-
-// Appends one typed value. False when it is cut off or of an unknown type; the text then ends there.
-static bool append_value(cursor *from, int depth, std::string *out) {
-    unsigned char type;
-    if (!take(from, &type, 1)) {
-        return false;
-    }
-    switch (type) {
-        case LOG_EVENT_INT: return append_number<int32_t>(from, out);
-        case LOG_EVENT_LONG: return append_number<int64_t>(from, out);
-        case LOG_EVENT_FLOAT: return append_number<float>(from, out);
-        case LOG_EVENT_STRING: return append_string(from, out);
-        case LOG_EVENT_LIST: return append_list(from, depth, out);
-        default: return false;
-    }
+    return "";
 }
 
 struct content {
@@ -102,12 +46,12 @@ static content text_content(const char *payload, size_t length) {
 
 static content event_content(const char *payload, size_t length) {
     content of;
-    cursor from = {payload, length};
     uint32_t number;
-    if (take(&from, &number, sizeof(number))) {
+    if (length >= sizeof(number)) {
+        memcpy(&number, payload, sizeof(number));
         of.letter = 'I';
         of.tag = std::to_string(number);
-        append_value(&from, 0, &of.text);
+        of.text = value_text(payload + sizeof(number), length - sizeof(number));
     }
     return of;
 }
@@ -117,15 +61,15 @@ static bool is_binary(unsigned buffer) {
     return name == "events" || name == "stats" || name == "security";
 }
 
-bool entry_append_line(const char *record, size_t length, const struct ucred &sender, uint64_t number,
+void entry_append_line(const char *record, size_t length, const struct ucred &sender, uint64_t number,
                        std::string *lines) {
     log_record_header header;
     if (length <= sizeof(header)) {
-        return false;
+        return;
     }
     memcpy(&header, record, sizeof(header));
     if (header.buffer >= kLogBufferCount || header.buffer == kKernelBuffer) {
-        return false;
+        return;
     }
     const char *payload = record + sizeof(header);
     length -= sizeof(header);
@@ -138,5 +82,4 @@ bool entry_append_line(const char *record, size_t length, const struct ucred &se
     *lines += '\t';
     journal_append_field(of.text, lines);
     *lines += '\n';
-    return true;
 }

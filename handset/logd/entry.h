@@ -9,9 +9,9 @@
 #include <string>
 
 // Appends the line of a record: number, sec.nsec, buffer, pid, tid, uid, priority letter, tag, text. The tag of a binary
-// record is its number, the text its values. False, and nothing is appended, for a record that the log does not accept:
-// one without payload, or with the number of no buffer or of the kernel's.
-bool entry_append_line(const char *record, size_t length, const struct ucred &sender, uint64_t number,
+// record is its number, the text its values. Appends nothing for a record without payload, or with the number of no
+// buffer or of the kernel's.
+void entry_append_line(const char *record, size_t length, const struct ucred &sender, uint64_t number,
                        std::string *lines);
 
 #endif

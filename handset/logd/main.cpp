@@ -1,6 +1,6 @@
 // The log daemon of a handset: receives records from every process and appends them to the log journal, which logcat and
 // tests read. A service of init; ends only by a signal. One thread, which polls all sockets.
-// State: the journal's descriptor and size, the number of the last line, and the connections of those who read along.
+// State: the journal's descriptor and size, and the connections of its readers.
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -30,7 +30,6 @@ static const off_t kFreeStep = 16 << 20;
 
 static int m_journal = -1;
 static off_t m_size = 0;
-static uint64_t m_last = 0;
 static std::vector<int> m_readers;
 
 static int open_socket(const char *path, int type, mode_t mode) {
@@ -69,7 +68,7 @@ static void append(const std::string &lines) {
     for (size_t done = 0; done < lines.size();) {
         const ssize_t written = write(m_journal, lines.data() + done, lines.size() - done);
         if (written < 0 && errno != EINTR) {
-            return;  // the missing numbers show the gap
+            return;
         }
         done += written > 0 ? static_cast<size_t>(written) : 0;
         m_size += written > 0 ? written : 0;
@@ -83,20 +82,6 @@ static void free_oldest(off_t before) {
     }
 }
 
-// Number of the last whole line. Ends a line that a killed daemon has left incomplete.
-static uint64_t last_number() {
-    char tail[8 * kLogPayloadMax];  // longer than a line whose bytes are all escaped
-    const off_t start = m_size > static_cast<off_t>(sizeof(tail)) ? m_size - static_cast<off_t>(sizeof(tail)) : 0;
-    const ssize_t length = pread(m_journal, tail, sizeof(tail), start);
-    std::string text(tail, length > 0 ? static_cast<size_t>(length) : 0);
-    if (!text.empty() && text.back() != '\n') {
-        append("\n");
-        text.resize(text.rfind('\n') + 1);
-    }
-    const size_t before = text.size() < 2 ? std::string::npos : text.rfind('\n', text.size() - 2);
-    return strtoull(text.c_str() + (before == std::string::npos ? 0 : before + 1), nullptr, 10);
-}
-
 // The log group reads the journal, as logcat does for the agent.
 static bool open_journal() {
     m_journal = open(LOG_JOURNAL, O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC, 0640);
@@ -104,7 +89,10 @@ static bool open_journal() {
         return false;
     }
     m_size = lseek(m_journal, 0, SEEK_END);
-    m_last = last_number();
+    char last = '\n';
+    if (m_size > 0 && pread(m_journal, &last, 1, m_size - 1) == 1 && last != '\n') {
+        append("\n");  // of a line that a killed daemon has left incomplete
+    }
     return true;
 }
 
@@ -130,9 +118,8 @@ static bool receive_record(int socket, std::string *lines) {
     }
     struct ucred sender;
     memcpy(&sender, CMSG_DATA(header), sizeof(sender));
-    if (entry_append_line(record, static_cast<size_t>(length), sender, m_last + 1, lines)) {
-        m_last++;
-    }
+    const auto offset = static_cast<uint64_t>(m_size) + lines->size();
+    entry_append_line(record, static_cast<size_t>(length), sender, offset + 1, lines);
     return true;
 }
 

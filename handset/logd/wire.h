@@ -23,13 +23,10 @@ static_assert(sizeof(log_record_header) == 11);
 
 static const unsigned kLogBufferCount = 8;
 
-// Types of the values in an events record.
+// Types of the value of an events record. The platform has more.
 enum log_event_type {
     LOG_EVENT_INT = 0,     // 4 bytes
-    LOG_EVENT_LONG = 1,    // 8 bytes
     LOG_EVENT_STRING = 2,  // length in 4 bytes, then that many bytes, no NUL
-    LOG_EVENT_LIST = 3,    // count in 1 byte, then that many values
-    LOG_EVENT_FLOAT = 4,   // 4 bytes
 };
 
 // Name of a buffer below kLogBufferCount.

@@ -6,9 +6,7 @@
 #include <fcntl.h>
 #include <stdint.h>
 #include <string.h>
-#include <sys/mman.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/uio.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -25,22 +23,8 @@ static const property_area *map_area() {
     if (area != nullptr) {
         return area;
     }
-    int fd = open("/dev/__properties__", O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
-    if (fd < 0) {
-        return nullptr;
-    }
-    struct stat st;
-    void *memory = MAP_FAILED;
-    if (fstat(fd, &st) == 0 && st.st_size >= static_cast<off_t>(sizeof(property_area))) {
-        memory = mmap(nullptr, sizeof(property_area), PROT_READ, MAP_SHARED, fd, 0);
-    }
-    close(fd);
-    if (memory == MAP_FAILED) {
-        return nullptr;
-    }
-    area = static_cast<const property_area *>(memory);
-    if (area->magic != PROPERTY_AREA_MAGIC) {
-        munmap(memory, sizeof(property_area));
+    area = property_area_map(open(PROPERTY_AREA_PATH, O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+    if (area == nullptr) {
         return nullptr;
     }
     // Two threads may both map the area at their first read. Neither mapping is ever removed.

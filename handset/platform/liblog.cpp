@@ -1,8 +1,8 @@
 // The platform's log library on a PC: sends each entry as one datagram to the log daemon.
-// State: the process' socket to the daemon (opened at the first write, inherited by fork) and the count of lost entries.
+// State: the process' socket to the daemon, opened at the first write and inherited by fork.
 //
 // Can be called from any thread, from a signal handler, and from the child of a threaded process between fork and exec:
-// it takes no lock. The shared state is two lock-free atomics. The socket is published by one compare-exchange and never
+// it takes no lock. The socket is published by one compare-exchange and never
 // closed or replaced; after a restart of the daemon the same socket is connected again. The text is formatted on the
 // stack: vsnprintf into a buffer takes no stream lock, and no heap for integers, characters and strings.
 #include <android/log.h>
@@ -25,17 +25,12 @@
 
 static constexpr size_t kTextSize = 1024;  // of a formatted text, its NUL included
 static constexpr int kMainBuffer = 0;
-static constexpr int kEventsBuffer = 2;
-static constexpr int32_t kLostTag = 1006;  // of the event that reports the number of lost entries
 static constexpr size_t kHeaderSize = 11;
 static constexpr int kInPlaceMs = 5000;
 
 // -1 until the first write, then constant, unless other code of the process closes the descriptor.
 static std::atomic<int> m_socket{-1};
-// Entries dropped since the last report to the daemon.
-static std::atomic<int32_t> m_lost{0};
-static_assert(std::atomic<int>::is_always_lock_free && std::atomic<int32_t>::is_always_lock_free,
-              "a lock inside an atomic could be held by the thread that a handler interrupts");
+static_assert(std::atomic<int>::is_always_lock_free, "a signal handler could interrupt the holder of a lock");
 
 static void put_u32(unsigned char *to, uint32_t value) {
     for (unsigned i = 0; i < 4; i++) {
@@ -115,24 +110,6 @@ static bool send_parts(int fd, struct iovec *parts, size_t count) {
     return sendmsg(fd, &message, MSG_NOSIGNAL | MSG_DONTWAIT) >= 0;
 }
 
-// Reports to the daemon how many entries were lost.
-static void report_lost(int fd) {
-    const int32_t lost = m_lost.exchange(0);
-    if (lost == 0) {
-        return;
-    }
-    unsigned char header[kHeaderSize];
-    unsigned char event[9];
-    put_header(header, kEventsBuffer);
-    put_u32(event, kLostTag);
-    event[4] = 0;  // the value is an int
-    put_u32(event + 5, static_cast<uint32_t>(lost));
-    struct iovec parts[] = {{header, sizeof header}, {event, sizeof event}};
-    if (!send_parts(fd, parts, 2)) {
-        m_lost.fetch_add(lost);
-    }
-}
-
 // The daemon's queue has the platform's length, except in place: there it has the kernel's default of about ten entries,
 // so a full one is waited for.
 static bool wait_in_place(int fd) {
@@ -145,7 +122,6 @@ static void deliver(struct iovec *parts, size_t count) {
     if (fd == -1) {
         return;
     }
-    report_lost(fd);
     if (send_parts(fd, parts, count)) {
         return;
     }
@@ -155,8 +131,8 @@ static void deliver(struct iovec *parts, size_t count) {
             return;
         }
     }
-    if (errno == EAGAIN && !(wait_in_place(fd) && send_parts(fd, parts, count))) {
-        m_lost.fetch_add(1);
+    if (errno == EAGAIN && wait_in_place(fd)) {
+        send_parts(fd, parts, count);
     }
 }
 

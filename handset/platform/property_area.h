@@ -1,15 +1,18 @@
-// The property area: the shared memory through which every process of a handset reads properties without asking anyone.
-// Its only writer is init; readers map /dev/__properties__ read-only. The layout is the same for 32- and 64-bit code.
+// The property area: shared memory from which every process of a handset reads properties. init is its only writer, other
+// processes map it read-only. The layout is the same for 32- and 64-bit code.
 #ifndef HANDSET_PROPERTY_AREA_H
 #define HANDSET_PROPERTY_AREA_H
 
+#include <fcntl.h>
 #include <stdint.h>
 #include <string.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 enum {
-    PROPERTY_AREA_MAGIC = 0x50525031,
     PROPERTY_SLOTS = 1024,
-    PROPERTY_NAME_SIZE = 256,    // with the NUL; a device knows no limit here
+    PROPERTY_NAME_SIZE = 256,    // with the NUL; a device has no limit
     PROPERTY_VALUE_SIZE = 1024,  // with the NUL; only ro.* values may use more than PROPERTY_VALUE_MAX of it
 };
 
@@ -23,10 +26,24 @@ struct property_slot {
 
 // Slots are filled in order and never freed; a slot is complete before `count` includes it.
 struct property_area {
-    uint32_t magic;
     uint32_t count;
     struct property_slot slots[PROPERTY_SLOTS];
 };
+
+#define PROPERTY_AREA_PATH "/dev/__properties__"
+
+// Maps the area for reading and closes `fd`, which may be -1; null on failure.
+static inline const struct property_area *property_area_map(int fd) {
+    struct stat st;
+    void *memory = MAP_FAILED;
+    if (fd >= 0 && fstat(fd, &st) == 0 && st.st_size >= static_cast<off_t>(sizeof(struct property_area))) {
+        memory = mmap(nullptr, sizeof(struct property_area), PROT_READ, MAP_SHARED, fd, 0);
+    }
+    if (fd >= 0) {
+        close(fd);
+    }
+    return memory == MAP_FAILED ? nullptr : static_cast<const struct property_area *>(memory);
+}
 
 // The slot of `name`, or null.
 static inline const struct property_slot *property_area_find(const struct property_area *area, const char *name) {

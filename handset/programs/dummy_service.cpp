@@ -1,6 +1,6 @@
 // Stands in for another service of the platform: runs under its name until a signal ends it. No state.
-// Called as `dummy_service NAME` it waits and then executes /system/bin/NAME, which is the same program. Properties:
-// desk.service.NAME.delay (seconds before the exec), desk.service.NAME.ignore_term (1: SIGTERM is ignored).
+// Called as `dummy_service NAME` it executes /system/bin/NAME, which is the same program. It ignores SIGTERM when the
+// property desk.service.NAME.ignore_term is 1.
 #include <cutils/properties.h>
 #include <signal.h>
 #include <stdio.h>
@@ -8,16 +8,7 @@
 #include <string.h>
 #include <unistd.h>
 
-static void get_setting(const char *name, const char *what, char *value) {
-    char property[128];
-    snprintf(property, sizeof(property), "desk.service.%s.%s", name, what);
-    property_get(property, value, "0");
-}
-
 static int run_as(const char *name) {
-    char delay[PROPERTY_VALUE_MAX];
-    get_setting(name, "delay", delay);
-    usleep(static_cast<useconds_t>(atof(delay) * 1e6));
     char path[128];
     snprintf(path, sizeof(path), "/system/bin/%s", name);
     char *const arguments[] = {path, nullptr};
@@ -31,8 +22,10 @@ int main(int argc, char **argv) {
     if (argc == 2 && strcmp(name, "dummy_service") == 0) {
         return run_as(argv[1]);
     }
+    char property[128];
     char ignores[PROPERTY_VALUE_MAX];
-    get_setting(name, "ignore_term", ignores);
+    snprintf(property, sizeof(property), "desk.service.%s.ignore_term", name);
+    property_get(property, ignores, "0");
     if (atoi(ignores) != 0) {
         signal(SIGTERM, SIG_IGN);
     }

@@ -2,8 +2,6 @@
 #include <cutils/properties.h>
 #include <fcntl.h>
 #include <stdio.h>
-#include <sys/mman.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <string>
@@ -12,15 +10,13 @@
 #include "handset/platform/property_area.h"
 
 static int print_all() {
-    int fd = open("/dev/__properties__", O_RDONLY | O_CLOEXEC);
-    void *memory = fd < 0 ? MAP_FAILED : mmap(nullptr, sizeof(property_area), PROT_READ, MAP_SHARED, fd, 0);
-    if (memory == MAP_FAILED) {
+    const property_area *area = property_area_map(open(PROPERTY_AREA_PATH, O_RDONLY | O_CLOEXEC));
+    if (area == nullptr) {
         fprintf(stderr, "getprop: no properties\n");
         return 1;
     }
-    auto *area = static_cast<const property_area *>(memory);
     std::vector<std::string> lines;
-    uint32_t count = __atomic_load_n(&area->count, __ATOMIC_ACQUIRE);
+    const uint32_t count = __atomic_load_n(&area->count, __ATOMIC_ACQUIRE);
     for (uint32_t i = 0; i < count && i < PROPERTY_SLOTS; i++) {
         char value[PROPERTY_VALUE_SIZE];
         property_slot_read(&area->slots[i], value, sizeof(value));

@@ -1,5 +1,5 @@
 // Shared parts of the desk handset's tests. No state.
-#include "fixture.h"
+#include "tests/desk/fixture.h"
 
 #include <string.h>
 #include <sys/socket.h>
@@ -22,51 +22,24 @@ desk_options handset::no_agent() {
     return options;
 }
 
-int property_connect(desk *h) {
-    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    struct sockaddr_un addr = {};
-    addr.sun_family = AF_UNIX;
-    strncpy(addr.sun_path, desk_host_path(h, "/dev/socket/property_service").c_str(), sizeof(addr.sun_path) - 1);
-    if (fd >= 0 && connect(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof(addr)) != 0) {
-        close(fd);
-        return -1;
-    }
-    return fd;
-}
-
-std::string property_exchange(desk *h, const std::string &bytes, bool half_close) {
-    int fd = property_connect(h);
-    if (fd < 0) {
-        return "no connection";
-    }
-    send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-    if (half_close) {
-        shutdown(fd, SHUT_WR);
-    }
-    std::string answer;
-    char buf[256];
-    for (ssize_t got; (got = recv(fd, buf, sizeof(buf), 0)) > 0;) {
-        answer.append(buf, static_cast<size_t>(got));
-    }
-    close(fd);
-    return answer;
-}
-
-static std::string number_bytes(uint32_t value) {
-    return std::string(reinterpret_cast<const char *>(&value), sizeof(value));
-}
-
-std::string property_request_bytes(const std::string &name, const std::string &value, uint32_t command) {
-    return number_bytes(command) + number_bytes(static_cast<uint32_t>(name.size())) + name +
-           number_bytes(static_cast<uint32_t>(value.size())) + value;
+static std::string number_bytes(size_t value) {
+    const auto number = static_cast<uint32_t>(value);
+    return std::string(reinterpret_cast<const char *>(&number), sizeof(number));
 }
 
 int property_reply(desk *h, const std::string &name, const std::string &value) {
-    std::string answer = property_exchange(h, property_request_bytes(name, value));
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    struct sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+    strncpy(addr.sun_path, desk_host_path(h, "/dev/socket/property_service").c_str(), sizeof(addr.sun_path) - 1);
+    const std::string bytes =
+        number_bytes(0x00020001) + number_bytes(name.size()) + name + number_bytes(value.size()) + value;
     int32_t code = -1;
-    if (answer.size() == sizeof(code)) {
-        memcpy(&code, answer.data(), sizeof(code));
+    if (connect(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof(addr)) == 0 &&
+        send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) > 0 && recv(fd, &code, sizeof(code), 0) != sizeof(code)) {
+        code = -1;
     }
+    close(fd);
     return code;
 }
 

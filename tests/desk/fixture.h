@@ -1,12 +1,12 @@
-// What the tests of the desk handset share: a handset that ends with its scope, and clients of the property socket.
+// What the tests of the desk handset share. A handset ends with its scope.
 #ifndef TESTS_DESK_FIXTURE_H
 #define TESTS_DESK_FIXTURE_H
 
 #include <gtest/gtest.h>
 
-#include "desk.h"
+#include "handset/desk/desk.h"
 
-// A booted handset; a test asserts `up` first.
+// A booted handset; a test starts with BOOTED.
 struct handset {
     explicit handset(const desk_options &options = no_agent());
     ~handset();
@@ -20,19 +20,13 @@ struct handset {
 
 #define BOOTED(set) ASSERT_NE((set).h, nullptr) << desk_error()
 
-// A raw connection to the property service; -1 on failure.
-int property_connect(desk *h);
-// Sends bytes, closes our sending side when asked, reads the answer to its end.
-std::string property_exchange(desk *h, const std::string &bytes, bool half_close = false);
-// A request of the protocol with replies.
-std::string property_request_bytes(const std::string &name, const std::string &value, uint32_t command = 0x00020001);
-// The request sent and its reply code; -1 when there was no whole reply.
+// Sends a request to the property service, whatever the name and value are. Its reply code; -1 without a reply.
 int property_reply(desk *h, const std::string &name, const std::string &value);
 
-// A boot option: an rc file of the test's own.
+// An rc file for desk_options::files.
 desk_file rc_file(const std::string &text);
 
-// States that the journal tells of a service, in order, as "running stopped".
+// The states of a service in the journal, in order, as "running stopped".
 std::string states_of(desk *h, const std::string &service);
 
 #endif

@@ -1,7 +1,6 @@
 #!/bin/sh
-# Handsets in place, in a container such as people have: no new namespaces, no mounts, all of root's other common rights.
-# What ./dev decides there, that a handset works and removes itself, and what it leaves alone. Arguments: the build
-# directory, the top of the tree.
+# Handsets in place, in a container without new namespaces and mounts: what ./dev decides there, that a handset works and
+# removes its files, and that it changes nothing else. Arguments: the build directory, the top of the tree.
 set -u
 build=$1
 tree=$2
@@ -15,7 +14,7 @@ fi
 scratch=$(mktemp -d) || exit 1
 levels=$(cat /proc/sys/kernel/printk)
 
-# The machine's console level, should a handset have got at it.
+# Restores the machine's console level in case a handset has changed it.
 restore_levels() {
     [ "$(cat /proc/sys/kernel/printk)" = "$levels" ] || echo "$levels" >/proc/sys/kernel/printk
 }
@@ -41,7 +40,7 @@ container() {
 
 read_only_settings="--ro-bind /proc/sys /proc/sys"
 
-# ---- what ./dev decides. It gets as far as the build, which fails here.
+# ---- what ./dev decides. It runs until the build, which fails here.
 
 mkdir "$scratch/bin"
 cp "$tree/dev" "$scratch/dev"
@@ -71,7 +70,7 @@ decides "on a machine" "$one_sentence" "$(container -- /test/dev run)"
 decides "on a machine, one line" 1 "$(container -- /test/dev test | wc -l)"
 decides "on a machine to be thrown away" "$builds_in_place" "$(container -- /test/dev test --in-place)"
 
-# ---- what ./dev test leaves out: each line of the list names tests, and ctest can take all of them together
+# ---- what ./dev test skips: each pattern of the list matches a test, and ctest accepts all patterns together
 
 names=$(ctest --test-dir "$build" -N | sed -n 's/^ *Test *#[0-9]*: //p')
 grep -v '^#' "$tree/tests/in_place" | cut -d' ' -f1 >"$scratch/patterns"
@@ -80,7 +79,7 @@ while read -r pattern; do
 done <"$scratch/patterns"
 ! grep '[()]' "$scratch/patterns" || complain "tests/in_place has a parenthesis"
 
-# ---- a handset that works and removes itself
+# ---- a handset works and removes its files
 
 place=1
 handset=$build/handset/desk/handset
@@ -94,7 +93,7 @@ EOF
 # shellcheck disable=SC2086 # a list
 decides "a life" "$(printf '1\nremoved')" "$(container $read_only_settings -- /bin/sh /test/life "$handset")"
 
-# What a script begins with that kills handsets.
+# The beginning of scripts that kill handsets.
 cat >"$scratch/kills" <<'EOF'
 mkfifo /tmp/never
 until_true() {
@@ -116,8 +115,8 @@ runs() { cat /proc/[0-9]*/cmdline 2>/dev/null | tr '\0' '\n' | grep -qx "$1"; }
 ls -A / >/tmp/before
 EOF
 
-# Its booter killed, it removes itself; its init killed, the next one removes what is left of it and ends its programs,
-# and nobody else's.
+# When its booter is killed, it removes its files. When its init is killed, the next handset removes its files and kills its
+# programs, but no others.
 cat >"$scratch/killed" <<'EOF'
 . /test/kills
 boot "$1"
@@ -138,7 +137,7 @@ EOF
 # shellcheck disable=SC2086 # a list
 decides "killed" "$(printf '3333\nremoved')" "$(container $read_only_settings -- /bin/sh /test/killed "$handset")"
 
-# ---- what it leaves alone
+# ---- what it does not change
 
 foreign_data="handset: /data exists and does not belong to a handset: a handset in place needs this path"
 
@@ -153,7 +152,7 @@ EOF
 decides "someone's /data" "$(printf '%s\nmine\nuntouched' "$foreign_data")" \
     "$(container $read_only_settings --dir /data -- /bin/sh /test/foreign "$handset")"
 
-# The same when a killed handset had one there before.
+# The same when a killed handset had a /data before.
 cat >"$scratch/stale" <<'EOF'
 . /test/kills
 boot "$1"
@@ -170,7 +169,7 @@ EOF
 decides "someone's /data after a killed init" "$(printf '%s\nmine\nremoved' "$foreign_data")" \
     "$(container $read_only_settings -- /bin/sh /test/stale "$handset")"
 
-# And what is mounted in a killed handset's /data, be it from the same file system.
+# A directory mounted in a killed handset's /data, also one of the same file system.
 cat >"$scratch/mounted" <<'EOF'
 . /test/kills
 boot "$1"
@@ -202,7 +201,7 @@ decides "names that lead out, and devices" \
     "$(printf "$refusal (%s)\n" /data/.. /data/../etc /system/. /dev/tty /dev/ttyMINE && echo untouched)" \
     "$(container $read_only_settings -- /bin/sh /test/outside "$handset")"
 
-# Opening it for writing is what is refused; nothing is written, in case it is not.
+# Opens the file for writing, which must be refused, and writes nothing.
 cat >"$scratch/levels" <<'EOF'
 "$1" run --agent -- /system/bin/sh -c '
     until grep -qs "read_kernel_log_loop open" /data/local/log/sa.log; do sleep 0.1; done

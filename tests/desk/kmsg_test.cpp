@@ -4,7 +4,7 @@
 #include <poll.h>
 #include <unistd.h>
 
-#include "fixture.h"
+#include "tests/desk/fixture.h"
 
 static std::string read_some(int fd, size_t size) {
     std::string buf(size, '\0');
@@ -28,13 +28,13 @@ TEST(Kmsg, LongRecordIsSplitAndNotJoined) {
     int fd = desk_open(set.h, "/proc/kmsg", O_RDONLY);
     ASSERT_GE(fd, 0);
     EXPECT_EQ(read_some(fd, 99), first.substr(0, 99));
-    EXPECT_EQ(read_some(fd, 99), first.substr(99)) << "62 bytes, though another record waits";
+    EXPECT_EQ(read_some(fd, 99), first.substr(99)) << "62 bytes, although there is another record";
     EXPECT_EQ(read_some(fd, 99), second);
     EXPECT_TRUE(desk_kmsg_drained(set.h));
     close(fd);
 }
 
-TEST(Kmsg, NeverEndsAndIsEmptyInBetween) {
+TEST(Kmsg, HasNoEndOfFile) {
     handset set;
     BOOTED(set);
     int fd = desk_open(set.h, "/proc/kmsg", O_RDONLY | O_NONBLOCK);
@@ -47,7 +47,7 @@ TEST(Kmsg, NeverEndsAndIsEmptyInBetween) {
     close(fd);
 }
 
-TEST(Kmsg, OnePositionForAll) {
+TEST(Kmsg, DescriptorsShareOnePosition) {
     handset set;
     BOOTED(set);
     ASSERT_TRUE(desk_kmsg_feed(set.h, "<6>one record\n"));
@@ -60,7 +60,7 @@ TEST(Kmsg, OnePositionForAll) {
     close(other);
 }
 
-TEST(Kmsg, DrainedOnlyWhenReadToItsEnd) {
+TEST(Kmsg, IsDrainedOnlyWhenReadToTheEnd) {
     handset set;
     BOOTED(set);
     EXPECT_TRUE(desk_kmsg_drained(set.h)) << "nothing fed yet";
@@ -87,7 +87,7 @@ TEST(Kmsg, ManyRecordsKeepTheirOrder) {
     close(fd);
 }
 
-TEST(Kmsg, RootAloneMayOpenIt) {
+TEST(Kmsg, OnlyRootMayOpenIt) {
     handset set;
     BOOTED(set);
     EXPECT_EQ(desk_owner(set.h, "/proc/kmsg"), "0440 0:1000");
@@ -107,7 +107,7 @@ TEST(Kmsg, MachinesLogIsCopied) {
         close(machine);
     }
     if (!some) {
-        GTEST_SKIP() << "this machine shows no kernel log";
+        GTEST_SKIP() << "this machine has no readable kernel log";
     }
     desk_options options = handset::no_agent();
     options.kmsg_machine = true;

@@ -1,5 +1,4 @@
-// The life of handsets: side by side, over reboots, and nothing left when any part of one is killed; programs run
-// inside.
+// Handsets as a whole: several at a time, reboots, what is left when a part of one is killed; programs inside.
 #include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
@@ -10,7 +9,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "fixture.h"
+#include "tests/desk/fixture.h"
 
 static std::string ns_of(pid_t pid, const char *kind) {
     char link[128];
@@ -18,7 +17,7 @@ static std::string ns_of(pid_t pid, const char *kind) {
     return length > 0 ? std::string(link, static_cast<size_t>(length)) : "";
 }
 
-// How many of the machine's processes live in this namespace.
+// How many of the machine's processes are in this namespace.
 static int processes_in(const std::string &ns, const char *kind) {
     int count = 0;
     DIR *dir = opendir("/proc");
@@ -37,7 +36,7 @@ static std::string machine_mounts() {
     return text.str();
 }
 
-TEST(Life, TwoSideBySide) {
+TEST(Life, TwoAtATimeAreSeparate) {
     handset one;
     handset two;
     BOOTED(one);
@@ -49,7 +48,7 @@ TEST(Life, TwoSideBySide) {
     EXPECT_EQ(desk_shell(two.h, "getprop desk.who; ls /data/only-one").output, "two\n");
 }
 
-TEST(Life, NamesOfItsProcessesAreNeutral) {
+TEST(Life, NoProcessHasTheAgentsName) {
     handset set;
     BOOTED(set);
     EXPECT_EQ(desk_service_state(set.h, "logd"), "running");
@@ -75,7 +74,7 @@ TEST(Life, RebootKeepsOrDropsData) {
     EXPECT_EQ(desk_shell(set.h, "stat -f -c %b /data").output, "256\n");
 }
 
-// Boots in a child process, lets `harm` do something to it, and expects every trace gone.
+// Boots in a child process, calls `harm`, and expects that no process and no mount of the handset is left.
 static void expect_gone_after(const std::function<void(pid_t booter, pid_t sandbox, pid_t init)> &harm) {
     std::string mounts = machine_mounts();
     int up[2];
@@ -100,7 +99,8 @@ static void expect_gone_after(const std::function<void(pid_t booter, pid_t sandb
     ASSERT_GT(init, 0);
     std::string pids = ns_of(init, "pid");
     std::string mount_ns = ns_of(init, "mnt");
-    ASSERT_TRUE(desk_until([&] { return processes_in(pids, "pid") >= 5; })) << "init, logd, the tough one and two naps";
+    ASSERT_TRUE(desk_until([&] { return processes_in(pids, "pid") >= 5; }))
+        << "init, logd, the service and its two children";
     std::ifstream stat("/proc/" + std::to_string(init) + "/stat");
     std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
     pid_t sandbox = -1;
@@ -115,19 +115,19 @@ static void expect_gone_after(const std::function<void(pid_t booter, pid_t sandb
     close(up[1]);
 }
 
-TEST(Life, NothingIsLeftWhenTheBooterIsKilled) {
+TEST(Life, LeavesNothingWhenTheBooterIsKilled) {
     expect_gone_after([](pid_t booter, pid_t, pid_t) { kill(booter, SIGKILL); });
 }
 
-TEST(Life, NothingIsLeftWhenTheSandboxIsKilled) {
+TEST(Life, LeavesNothingWhenTheSandboxIsKilled) {
     expect_gone_after([](pid_t, pid_t sandbox, pid_t) { kill(sandbox, SIGKILL); });
 }
 
-TEST(Life, NothingIsLeftWhenInitIsKilled) {
+TEST(Life, LeavesNothingWhenInitIsKilled) {
     expect_gone_after([](pid_t, pid_t, pid_t init) { kill(init, SIGKILL); });
 }
 
-TEST(Life, EndLeavesNothing) {
+TEST(Life, LeavesNothingAtItsEnd) {
     std::string mounts = machine_mounts();
     std::string pids;
     {
@@ -161,10 +161,10 @@ TEST(Program, OutputStatusAndInput) {
     program.argv = {"/no/such/program"};
     EXPECT_EQ(WEXITSTATUS(desk_run(set.h, program).status), 127);
     program.argv = {"true"};
-    EXPECT_EQ(desk_run(set.h, program, std::string(1 << 20, 'x')).status, 0) << "nobody must read the input";
+    EXPECT_EQ(desk_run(set.h, program, std::string(1 << 20, 'x')).status, 0) << "a program need not read its input";
 }
 
-TEST(Program, BigOutputAndLeftoverHolderOfTheStream) {
+TEST(Program, BigOutputAndAProcessThatKeepsTheStreamOpen) {
     handset set;
     BOOTED(set);
     desk_result result = desk_shell(set.h, "yes | head -c 1000000; /system/bin/sleep 1000 &");
@@ -172,7 +172,7 @@ TEST(Program, BigOutputAndLeftoverHolderOfTheStream) {
     EXPECT_EQ(result.output.size(), 1000000u);
 }
 
-TEST(Program, RunsAsAskedFor) {
+TEST(Program, RunsWithIdentityDirectoryMaskAndEnvironment) {
     handset set;
     BOOTED(set);
     desk_program program;
@@ -194,7 +194,7 @@ TEST(Program, IsKilledAtItsLimit) {
     EXPECT_TRUE(desk_until([&] { return desk_pids(set.h, "sleep").empty(); }));
 }
 
-TEST(Program, PidsOfBothWorlds) {
+TEST(Program, HasAPidInsideAndOneOnTheHost) {
     handset set;
     BOOTED(set);
     desk_program program;
@@ -215,7 +215,7 @@ TEST(Program, PidsOfBothWorlds) {
 TEST(Program, OrphansAreReaped) {
     handset set;
     BOOTED(set);
-    // The orphan lives until its parents are gone: a shell would reap it.
+    // The orphan runs until its parents have ended: a shell would reap it.
     ASSERT_EQ(desk_shell(set.h, "busybox mkfifo /data/gate && (sh -c 'read go </data/gate; exit 9' >/dev/null 2>&1 &)")
                   .status,
               0);
@@ -230,7 +230,7 @@ TEST(Program, OrphansAreReaped) {
     }));
 }
 
-TEST(Terminal, IsOpenedThroughItsPublishedName) {
+TEST(Terminal, IsOpenedThroughALink) {
     handset set;
     BOOTED(set);
     int master = desk_open(set.h, "/dev/ptmx", O_RDWR | O_NOCTTY);
@@ -238,7 +238,7 @@ TEST(Terminal, IsOpenedThroughItsPublishedName) {
     ASSERT_EQ(unlockpt(master), 0);
     ASSERT_EQ(desk_shell(set.h, "ln -s /dev/pts/0 /dev/ttyTest").status, 0);
     int slave = desk_open_tty(set.h, "/dev/ttyTest");
-    ASSERT_GE(slave, 0) << "the link's absolute target is the handset's, not the machine's";
+    ASSERT_GE(slave, 0) << "the link's absolute target is inside the handset";
     ASSERT_EQ(write(slave, "hi\n", 3), 3);
     char buf[8];
     ASSERT_EQ(read(master, buf, sizeof(buf)), 4);

@@ -1,10 +1,10 @@
-// The property service: wire protocol, rules, what survives a boot, actions, and the programs that use it.
+// Properties: rules, what is kept over a boot, actions, and the programs getprop and setprop.
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "fixture.h"
+#include "tests/desk/fixture.h"
 
 TEST(Property, SetIsAnsweredWithZeroAndVisible) {
     handset set;
@@ -17,21 +17,6 @@ TEST(Property, SetIsAnsweredWithZeroAndVisible) {
     EXPECT_EQ(events.back().fields, (std::vector<std::string>{"desk.first", ""}));
 }
 
-TEST(Property, RequestInPiecesIsServed) {
-    handset set;
-    BOOTED(set);
-    int fd = property_connect(set.h);
-    ASSERT_GE(fd, 0);
-    for (char byte : property_request_bytes("desk.pieces", "whole")) {
-        ASSERT_EQ(send(fd, &byte, 1, MSG_NOSIGNAL), 1);
-    }
-    uint32_t reply = 99;
-    ASSERT_EQ(recv(fd, &reply, sizeof(reply), MSG_WAITALL), 4);
-    EXPECT_EQ(reply, 0u);
-    close(fd);
-    EXPECT_EQ(desk_property(set.h, "desk.pieces"), "whole");
-}
-
 TEST(Property, NamesAreChecked) {
     handset set;
     BOOTED(set);
@@ -40,7 +25,7 @@ TEST(Property, NamesAreChecked) {
     }
     EXPECT_EQ(property_reply(set.h, std::string("a\0b", 3), "x"), 0x10);
     EXPECT_EQ(property_reply(set.h, "Az09.-@:_", "x"), 0);
-    EXPECT_EQ(property_reply(set.h, std::string(200, 'n'), "x"), 0) << "names know no old limit of 31";
+    EXPECT_EQ(property_reply(set.h, std::string(200, 'n'), "x"), 0) << "a name may be longer than 31 bytes";
 }
 
 TEST(Property, ValuesAreChecked) {
@@ -66,18 +51,7 @@ TEST(Property, ReadOnlyIsSetOnce) {
     EXPECT_EQ(desk_events(set.h, "refused").back().fields, (std::vector<std::string>{"ro.desk.once", "2", "0xb", "0"}));
 }
 
-TEST(Property, BrokenRequestsHaveTheirCodes) {
-    handset set;
-    BOOTED(set);
-    auto code = [](uint32_t value) { return std::string(reinterpret_cast<char *>(&value), 4); };
-    EXPECT_EQ(property_exchange(set.h, property_request_bytes("a", "b", 7)), code(0x1B));
-    EXPECT_EQ(property_exchange(set.h, "ab", true), code(0x04));
-    EXPECT_EQ(property_exchange(set.h, property_request_bytes("a", "b").substr(0, 9), true), code(0x08));
-    std::string endless = property_request_bytes("a", "b").substr(0, 4) + std::string("\x00\x00\x01\x00", 4);
-    EXPECT_EQ(property_exchange(set.h, endless), code(0x08)) << "a string of 65536 bytes";
-}
-
-TEST(Property, PersistIsOnDiskBeforeTheReply) {
+TEST(Property, PersistIsSavedBeforeTheReply) {
     handset set;
     BOOTED(set);
     EXPECT_EQ(property_reply(set.h, "persist.desk.kept", "yes"), 0);
@@ -86,7 +60,7 @@ TEST(Property, PersistIsOnDiskBeforeTheReply) {
     EXPECT_EQ(desk_list(set.h, "/data/property"), std::vector<std::string>{"persist.desk.kept"});
 }
 
-TEST(Property, PersistSurvivesARebootAndOthersDoNot) {
+TEST(Property, OnlyPersistIsKeptOverAReboot) {
     desk_options options = handset::no_agent();
     options.properties = {{"persist.desk.preset", "factory"}, {"desk.preset", "each boot"}};
     handset set(options);
@@ -102,7 +76,7 @@ TEST(Property, PersistSurvivesARebootAndOthersDoNot) {
     EXPECT_EQ(desk_property(set.h, "persist.desk.preset"), "factory");
 }
 
-TEST(Property, FullDataLosesOnlyTheSaving) {
+TEST(Property, FullDataFailsToSaveButSets) {
     handset set;
     BOOTED(set);
     ASSERT_EQ(desk_set_property(set.h, "persist.desk.full", "before"), 0);
@@ -131,7 +105,7 @@ TEST(Property, EverySetRunsTheAction) {
     EXPECT_EQ(desk_property(set.h, "desk.seen"), "yes");
 }
 
-TEST(Property, GetpropPrintsAsThePlatforms) {
+TEST(Property, GetpropPrintsOneOrAll) {
     desk_options options = handset::no_agent();
     options.properties = {{"zz.last", "b"}, {"aa.first", "a"}};
     handset set(options);
@@ -147,7 +121,7 @@ TEST(Property, GetpropPrintsAsThePlatforms) {
     EXPECT_EQ(all.substr(all.size() - 15), "[zz.last]: [b]\n");
 }
 
-TEST(Property, SetpropTellsRefusals) {
+TEST(Property, SetpropFailsWhenRefused) {
     handset set;
     BOOTED(set);
     desk_result good = desk_shell(set.h, "setprop desk.a b");

@@ -8,7 +8,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "fixture.h"
+#include "tests/desk/fixture.h"
 
 static uint64_t free_bytes(desk *h, const std::string &path) {
     struct statfs fs = {};

@@ -1,12 +1,11 @@
-// Services: how they start, their states, what a stop reaches, restarts, and what control of unknown ones answers.
+// Services: start, states, what a stop kills, restarts, and replies for unknown services.
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "fixture.h"
+#include "tests/desk/fixture.h"
 
-static const char *const m_daemon =
-    "service napper /system/bin/sleep 1000\n    class main\n    user root\n    disabled\n";
+static const char kSleeper[] = "service sleeper /system/bin/sleep 1000\n    class main\n    user root\n    disabled\n";
 
 static desk_options with_rc(const std::string &text) {
     desk_options options = handset::no_agent();
@@ -32,28 +31,28 @@ static void group_and_session(desk *h, pid_t pid, int *group, int *session) {
 }
 
 TEST(Service, StatesOfStartAndStop) {
-    handset set(with_rc(m_daemon));
+    handset set(with_rc(kSleeper));
     BOOTED(set);
-    EXPECT_EQ(desk_service_state(set.h, "napper"), "") << "never started";
-    EXPECT_EQ(desk_service_start(set.h, "napper"), 0);
-    EXPECT_EQ(desk_service_state(set.h, "napper"), "running");
-    pid_t pid = desk_service_pid(set.h, "napper");
+    EXPECT_EQ(desk_service_state(set.h, "sleeper"), "") << "never started";
+    EXPECT_EQ(desk_service_start(set.h, "sleeper"), 0);
+    EXPECT_EQ(desk_service_state(set.h, "sleeper"), "running");
+    pid_t pid = desk_service_pid(set.h, "sleeper");
     EXPECT_GT(pid, 1);
-    EXPECT_EQ(desk_service_start(set.h, "napper"), 0);
-    EXPECT_EQ(desk_service_pid(set.h, "napper"), pid) << "starting what runs changes nothing";
-    EXPECT_EQ(desk_service_stop(set.h, "napper"), 0);
-    EXPECT_TRUE(desk_wait_service(set.h, "napper", "stopped"));
+    EXPECT_EQ(desk_service_start(set.h, "sleeper"), 0);
+    EXPECT_EQ(desk_service_pid(set.h, "sleeper"), pid) << "it runs already";
+    EXPECT_EQ(desk_service_stop(set.h, "sleeper"), 0);
+    EXPECT_TRUE(desk_wait_service(set.h, "sleeper", "stopped"));
     EXPECT_TRUE(desk_wait_gone(set.h, pid));
-    EXPECT_EQ(states_of(set.h, "napper"), "running stopping stopped");
-    EXPECT_EQ(desk_service_stop(set.h, "napper"), 0) << "stopping what does not run succeeds";
-    EXPECT_EQ(desk_service_state(set.h, "napper"), "stopped");
+    EXPECT_EQ(states_of(set.h, "sleeper"), "running stopping stopped");
+    EXPECT_EQ(desk_service_stop(set.h, "sleeper"), 0) << "it does not run";
+    EXPECT_EQ(desk_service_state(set.h, "sleeper"), "stopped");
 }
 
-TEST(Service, StartsAsInitStartsThem) {
-    handset set(with_rc(m_daemon));
+TEST(Service, StartsAsThePlatformsInitDoes) {
+    handset set(with_rc(kSleeper));
     BOOTED(set);
-    ASSERT_EQ(desk_service_start(set.h, "napper"), 0);
-    pid_t pid = desk_service_pid(set.h, "napper");
+    ASSERT_EQ(desk_service_start(set.h, "sleeper"), 0);
+    pid_t pid = desk_service_pid(set.h, "sleeper");
     ASSERT_TRUE(desk_until([&] { return desk_pids(set.h, "/system/bin/sleep") == std::vector<pid_t>{pid}; }));
     EXPECT_EQ(desk_arguments(set.h, pid), (std::vector<std::string>{"/system/bin/sleep", "1000"}));
     std::string proc = "/proc/" + std::to_string(pid);
@@ -114,51 +113,51 @@ TEST(Service, StopReachesEveryDescendant) {
     ASSERT_TRUE(desk_until([&] { return desk_pids(set.h, "sleep").size() == 5; }));
     ASSERT_EQ(desk_service_stop(set.h, "family"), 0);
     EXPECT_TRUE(desk_until([&] { return desk_pids(set.h, "sleep") == std::vector<pid_t>{child.pid}; }))
-        << "all of the family and nobody else";
+        << "only the service's processes were killed";
     EXPECT_TRUE(desk_kill(set.h, child.pid, SIGKILL));
     EXPECT_EQ(desk_wait(set.h, &child, 10000), SIGKILL);
 }
 
-TEST(Service, CrashedServiceComesBackNotBeforeItsTime) {
-    desk_options options = with_rc(m_daemon);
+TEST(Service, CrashedServiceIsRestartedAfterTheDelay) {
+    desk_options options = with_rc(kSleeper);
     options.restart_ms = 300;
     handset set(options);
     BOOTED(set);
-    ASSERT_EQ(desk_service_start(set.h, "napper"), 0);
-    pid_t first = desk_service_pid(set.h, "napper");
+    ASSERT_EQ(desk_service_start(set.h, "sleeper"), 0);
+    pid_t first = desk_service_pid(set.h, "sleeper");
     ASSERT_TRUE(desk_kill(set.h, first, SIGSEGV));
-    ASSERT_TRUE(desk_until([&] { return states_of(set.h, "napper") == "running restarting running"; }));
-    EXPECT_NE(desk_service_pid(set.h, "napper"), first);
+    ASSERT_TRUE(desk_until([&] { return states_of(set.h, "sleeper") == "running restarting running"; }));
+    EXPECT_NE(desk_service_pid(set.h, "sleeper"), first);
     std::vector<double> times;
     for (const desk_event &event : desk_events(set.h, "svc")) {
-        if (event.fields[0] == "napper") {
+        if (event.fields[0] == "sleeper") {
             times.push_back(event.time);
         }
     }
-    EXPECT_GE(times[2] - times[0], 0.29) << "counted from the start before";
+    EXPECT_GE(times[2] - times[0], 0.29) << "counted from its last start";
     bool told = false;
     for (const desk_event &event : desk_events(set.h, "exit")) {
         told =
-            told || event.fields == std::vector<std::string>{"napper", std::to_string(first), std::to_string(SIGSEGV)};
+            told || event.fields == std::vector<std::string>{"sleeper", std::to_string(first), std::to_string(SIGSEGV)};
     }
     EXPECT_TRUE(told);
 }
 
-TEST(Service, StopHoldsAgainstTheRestart) {
-    desk_options options = with_rc(m_daemon);
+TEST(Service, StopCancelsTheRestart) {
+    desk_options options = with_rc(kSleeper);
     options.restart_ms = 400;
     handset set(options);
     BOOTED(set);
-    ASSERT_EQ(desk_service_start(set.h, "napper"), 0);
-    ASSERT_TRUE(desk_kill(set.h, desk_service_pid(set.h, "napper"), SIGKILL));
-    ASSERT_TRUE(desk_wait_service(set.h, "napper", "restarting"));
-    EXPECT_EQ(desk_service_stop(set.h, "napper"), 0);
+    ASSERT_EQ(desk_service_start(set.h, "sleeper"), 0);
+    ASSERT_TRUE(desk_kill(set.h, desk_service_pid(set.h, "sleeper"), SIGKILL));
+    ASSERT_TRUE(desk_wait_service(set.h, "sleeper", "restarting"));
+    EXPECT_EQ(desk_service_stop(set.h, "sleeper"), 0);
     usleep(600 * 1000);  // longer than the restart would have taken
-    EXPECT_EQ(states_of(set.h, "napper"), "running restarting stopped");
-    EXPECT_EQ(desk_service_pid(set.h, "napper"), -1);
+    EXPECT_EQ(states_of(set.h, "sleeper"), "running restarting stopped");
+    EXPECT_EQ(desk_service_pid(set.h, "sleeper"), -1);
 }
 
-TEST(Service, OneshotEndsAndItsChildrenLive) {
+TEST(Service, ChildrenOfAOneshotOutliveIt) {
     handset set(
         with_rc("service once /system/bin/sh -c \"setsid /system/bin/sleep 1234 &\"\n    oneshot\n    disabled\n"));
     BOOTED(set);
@@ -168,26 +167,26 @@ TEST(Service, OneshotEndsAndItsChildrenLive) {
     EXPECT_EQ(states_of(set.h, "once"), "running stopped");
 }
 
-TEST(Service, RestartGivesANewProcess) {
-    handset set(with_rc(m_daemon));
+TEST(Service, RestartStartsANewProcess) {
+    handset set(with_rc(kSleeper));
     BOOTED(set);
-    ASSERT_EQ(desk_service_start(set.h, "napper"), 0);
-    pid_t first = desk_service_pid(set.h, "napper");
-    EXPECT_EQ(desk_service_restart(set.h, "napper"), 0);
-    EXPECT_TRUE(desk_until([&] { return desk_service_pid(set.h, "napper") > first; }));
-    EXPECT_EQ(states_of(set.h, "napper"), "running stopping running");
+    ASSERT_EQ(desk_service_start(set.h, "sleeper"), 0);
+    pid_t first = desk_service_pid(set.h, "sleeper");
+    EXPECT_EQ(desk_service_restart(set.h, "sleeper"), 0);
+    EXPECT_TRUE(desk_until([&] { return desk_service_pid(set.h, "sleeper") > first; }));
+    EXPECT_EQ(states_of(set.h, "sleeper"), "running stopping running");
 }
 
-TEST(Service, ControlOfUnknownIsRefusedTheNewWay) {
+TEST(Service, ControlOfAnUnknownServiceIsRefused) {
     handset set;
     BOOTED(set);
     EXPECT_EQ(property_reply(set.h, "ctl.start", "nosuch"), 0x20);
     EXPECT_EQ(property_reply(set.h, "ctl.stop", "nosuch"), 0x20);
     EXPECT_EQ(WEXITSTATUS(desk_shell(set.h, "setprop ctl.start nosuch").status), 1);
-    EXPECT_EQ(desk_property(set.h, "ctl.start"), "") << "controls are never stored";
+    EXPECT_EQ(desk_property(set.h, "ctl.start"), "") << "not stored";
 }
 
-TEST(Service, ControlOfUnknownSucceedsTheOldWay) {
+TEST(Service, ControlOfAnUnknownServiceSucceedsWithOldCtl) {
     desk_options options = handset::no_agent();
     options.old_ctl = true;
     handset set(options);
@@ -197,7 +196,7 @@ TEST(Service, ControlOfUnknownSucceedsTheOldWay) {
     EXPECT_EQ(desk_events(set.h, "refused").back().fields[1], "nosuch");
 }
 
-TEST(Service, MissingProgramIsRefused) {
+TEST(Service, ServiceWithoutItsProgramIsRefused) {
     handset set(with_rc("service ghost /system/bin/ghost\n    class main\n"));
     BOOTED(set);
     EXPECT_EQ(property_reply(set.h, "ctl.start", "ghost"), 0x20);
@@ -205,26 +204,26 @@ TEST(Service, MissingProgramIsRefused) {
 }
 
 TEST(Service, StartAndStopPrograms) {
-    handset set(with_rc(m_daemon));
+    handset set(with_rc(kSleeper));
     BOOTED(set);
-    EXPECT_EQ(desk_shell(set.h, "start napper").status, 0);
-    EXPECT_EQ(desk_service_state(set.h, "napper"), "running");
-    EXPECT_EQ(desk_shell(set.h, "stop napper").status, 0);
-    EXPECT_TRUE(desk_wait_service(set.h, "napper", "stopped"));
+    EXPECT_EQ(desk_shell(set.h, "start sleeper").status, 0);
+    EXPECT_EQ(desk_service_state(set.h, "sleeper"), "running");
+    EXPECT_EQ(desk_shell(set.h, "stop sleeper").status, 0);
+    EXPECT_TRUE(desk_wait_service(set.h, "sleeper", "stopped"));
     EXPECT_EQ(WEXITSTATUS(desk_shell(set.h, "start nosuch").status), 1);
     desk_program lowly;
-    lowly.argv = {"start", "napper"};
+    lowly.argv = {"start", "sleeper"};
     lowly.uid = 2000;
     EXPECT_EQ(WEXITSTATUS(desk_run(set.h, lowly).status), 1);
 }
 
-TEST(Service, CallerOfItsOwnStopDies) {
+TEST(Service, ServiceThatStopsItselfIsKilled) {
     handset set(
-        with_rc("service suicide /system/bin/sh -c \"setprop ctl.stop suicide; setprop desk.survived yes;"
+        with_rc("service self_stopper /system/bin/sh -c \"setprop ctl.stop self_stopper; setprop desk.survived yes;"
                 " sleep 1000\"\n    disabled\n"));
     BOOTED(set);
-    ASSERT_EQ(desk_service_start(set.h, "suicide"), 0);
-    EXPECT_TRUE(desk_wait_service(set.h, "suicide", "stopped"));
+    ASSERT_EQ(desk_service_start(set.h, "self_stopper"), 0);
+    EXPECT_TRUE(desk_wait_service(set.h, "self_stopper", "stopped"));
     EXPECT_EQ(desk_property(set.h, "desk.survived"), "");
 }
 
@@ -252,14 +251,13 @@ TEST(DummyService, AllStartWithTheirNames) {
     }
 }
 
-TEST(DummyService, DelaysItsNameAndIgnoresSigtermByProperty) {
+TEST(DummyService, IgnoresSigtermByProperty) {
     desk_options options = handset::no_agent();
-    options.properties = {{"desk.service.zr-auto-test.delay", "0.5"}, {"desk.service.zr-auto-test.ignore_term", "1"}};
+    options.properties = {{"desk.service.zr-auto-test.ignore_term", "1"}};
     handset set(options);
     BOOTED(set);
     ASSERT_EQ(desk_service_start(set.h, "zr-auto-test"), 0);
     pid_t pid = desk_service_pid(set.h, "zr-auto-test");
-    EXPECT_TRUE(desk_pids(set.h, "zr-auto-test").empty());
     ASSERT_TRUE(desk_until([&] { return desk_pids(set.h, "zr-auto-test") == std::vector<pid_t>{pid}; }));
     ASSERT_TRUE(desk_until([&] { return status_field(set.h, pid, "SigIgn") == "0000000000004000"; }));
     EXPECT_TRUE(desk_kill(set.h, pid, SIGTERM));

