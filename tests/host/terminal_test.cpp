@@ -386,7 +386,12 @@ TEST_F(OnTerminal, AProgramThatOpensItsTerminalByNameCanBeLeft) {
     ASSERT_TRUE(desk_write_file(h, "/data/text", "first line\n"));
     terminal_type(&terminal, "TERM=vt100 busybox less /data/text\r");
     EXPECT_TRUE(terminal_expect(&terminal, "first line"));
-    terminal_type(&terminal, "\x1c");
+    EXPECT_TRUE(runs({"busybox", "less", "/data/text"}));
+    terminal_type(&terminal, "\x1a");
+    EXPECT_TRUE(terminal_expect(&terminal, "Stopped"));
+    EXPECT_TRUE(terminal_expect(&terminal, "# "));
+    terminal_type(&terminal, "kill -9 %%\r");
+    EXPECT_TRUE(wait_gone({"busybox", "less", "/data/text"}));
     EXPECT_TRUE(terminal_expect(&terminal, "# "));
     EXPECT_TRUE(line("echo $((80 + 8))", "88\r\n"));
 }
