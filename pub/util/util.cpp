@@ -40,11 +40,11 @@ void pub_util_create_pid_file(const char *process_name) {
     }
     // The path is cut where the platform's shell command for this file is cut. Not waiting: a pipe that nobody reads fails.
     char command_a[59];
-    snprintf(command_a, sizeof(command_a), "echo %d > /tmp/%s.pid", static_cast<int>(getpid()), process_name);
+    snprintf(command_a, sizeof(command_a), "echo %d > /tmp/%s.pid", getpid(), process_name);
     const int fd = open(strchr(command_a, '/'), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0666);
     if (fd >= 0) {  // without a writable /tmp the file is silently missing: nothing depends on it
-        dprintf(fd, "%d\n", static_cast<int>(getpid()));
+        dprintf(fd, "%d\n", getpid());
         close(fd);
     }
-    pub_log_plain("PID of %s: %d", process_name, static_cast<int>(getpid()));
+    pub_log_plain("PID of %s: %d", process_name, getpid());
 }

@@ -75,7 +75,7 @@ static void take_streams(const char *log_name, int fd) {
 // Gives the child the ordinary out-of-memory score: it must not inherit the agent's protection.
 static void allow_out_of_memory_kill(const char *log_name) {
     char text_a[64];
-    snprintf(text_a, sizeof(text_a), "/proc/%d/oom_adj", static_cast<int>(getpid()));
+    snprintf(text_a, sizeof(text_a), "/proc/%d/oom_adj", getpid());
     sa_log_as(log_name, "text[%s]", text_a);
     const int fd = open(text_a, O_WRONLY | O_CLOEXEC);
     sa_log_as(log_name, "fdoo[%d]", fd);
@@ -120,9 +120,9 @@ __attribute__((noreturn)) static void end_unexecuted(const char *log_name, const
 int subproc_waiter_service(int fd, int pid) {
     sa_log("fd[%d] pid[%d]", fd, pid);
     int status = 0;
-    int result;
+    pid_t result;
     do {  // by design there is no other way out: the child is this thread's alone to reap
-        result = static_cast<int>(waitpid(pid, &status, 0));
+        result = waitpid(pid, &status, 0);
         sa_log_platform("%s status[%d] p[%d]", __func__, status, result);
         sa_log_file("p[%d] status[%d]", result, status);
     } while (result != pid);

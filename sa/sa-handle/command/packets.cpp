@@ -36,10 +36,10 @@ __attribute__((noreturn)) static void watch_packets_capture_child_death(void) {
     if (pid < 0) {
         sa_log_platform("Packets capture SIGCHLD error in waitpid: %s", pub_util_error_text(errno));
     } else if (pid > 0 && WIFEXITED(status)) {
-        sa_log_platform("Process%d exited, status=%d", static_cast<int>(pid), WEXITSTATUS(status));
+        sa_log_platform("Process%d exited, status=%d", pid, WEXITSTATUS(status));
         m_sa_handle.m_is_packets_capture = 0;  // the watcher's own copy
     } else if (pid > 0) {
-        sa_log_platform("Process%d killed by signal %d", static_cast<int>(pid), WTERMSIG(status));
+        sa_log_platform("Process%d killed by signal %d", pid, WTERMSIG(status));
         m_sa_handle.m_is_packets_capture = 0;
     }
     _exit(0);

@@ -16,7 +16,7 @@
 #include "sa/sa-handle/command/command.h"
 #include "sa/sa-handle/command/state.h"
 
-static const int kDataLimit = static_cast<int>(sizeof(sa_msg_st::data)) - 1;
+static const size_t kDataLimit = sizeof(sa_msg_st::data) - 1;
 static const useconds_t kAgainPause = 50000;  // µs
 static const char kLogName[] = "sa_handle_read_cmd_loop";
 
@@ -46,8 +46,7 @@ static bool is_hung_up(int fd) {
 // Reads behind what the request already holds. Returns the count, or -1 with errno; EIO when the host has gone.
 static int read_request(struct sa_msg_st *req_ptr) {
     const int fd = sa_channel_fd();
-    const int count =
-        static_cast<int>(read(fd, req_ptr->data + req_ptr->len, static_cast<size_t>(kDataLimit - req_ptr->len)));
+    const int count = static_cast<int>(read(fd, req_ptr->data + req_ptr->len, kDataLimit - req_ptr->len));
     sa_log_as(kLogName, "read_len[%d]", count);
     if (count != 0) {
         return count;

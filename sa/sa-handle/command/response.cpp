@@ -8,7 +8,7 @@
 #include "sa/main/base/log.h"
 #include "sa/main/base/text.h"
 
-static const int kTextLimit = static_cast<int>(sizeof(sa_msg_st::data)) - 1;
+static const size_t kTextLimit = sizeof(sa_msg_st::data) - 1;
 
 static void set_length(struct sa_msg_st *rsp_ptr) {
     rsp_ptr->len = static_cast<uint16_t>(strlen(rsp_ptr->data));

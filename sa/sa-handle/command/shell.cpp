@@ -33,7 +33,7 @@ long do_sys_command(const char *command) {
     return SA_ERR_SYSTEM;
 }
 
-int sa_start_init_service(const char *name, char *command_ptr, int size) {
-    sa_format(command_ptr, static_cast<size_t>(size), "setprop ctl.start %s", name);
+int sa_start_init_service(const char *name, char *command_ptr, size_t size) {
+    sa_format(command_ptr, size, "setprop ctl.start %s", name);
     return sa_system(command_ptr);
 }

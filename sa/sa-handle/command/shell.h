@@ -2,6 +2,8 @@
 #ifndef SA_SA_HANDLE_COMMAND_SHELL_H
 #define SA_SA_HANDLE_COMMAND_SHELL_H
 
+#include <stddef.h>
+
 /** Room for a command line with its NUL; longer ones are cut. */
 enum { SA_COMMAND_SIZE = 256 };
 
@@ -20,6 +22,6 @@ int sa_call_system(const char *log_name, int line, const char *command);
 long do_sys_command(const char *command);
 
 /** Asks init to start a service. Returns the raw status of `system`; the command line that was run stays in command_ptr. */
-int sa_start_init_service(const char *name, char *command_ptr, int size);
+int sa_start_init_service(const char *name, char *command_ptr, size_t size);
 
 #endif
