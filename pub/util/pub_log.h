@@ -1,5 +1,5 @@
 // The shared library's trace: the platform log alone, under the tag zr-qel-pub.
-// The room's source label (PUB_SOURCE) comes from the build, the function's name from the compiler.
+// The module's source label (PUB_SOURCE) comes from the build, the function's name from the compiler.
 #ifndef PUB_UTIL_PUB_LOG_H
 #define PUB_UTIL_PUB_LOG_H
 

@@ -38,7 +38,7 @@ void pub_util_create_pid_file(const char *process_name) {
         pub_log_plain("%d", 1);
         return;
     }
-    // The path is cut where the platform's shell command for this file is cut. Not waiting: a pipe that nobody reads fails.
+    // The path is cut where the platform's shell command for this file is cut. Without waiting, so that a pipe without a reader cannot block.
     char command_a[59];
     snprintf(command_a, sizeof(command_a), "echo %d > /tmp/%s.pid", getpid(), process_name);
     const int fd = open(strchr(command_a, '/'), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0666);

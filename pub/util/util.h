@@ -15,7 +15,7 @@ int32_t pub_util_set_fd_mode(int32_t fd, int32_t is_nonblock_mode);
 
 /**
  * Writes the calling process's id and a newline to /tmp/NAME.pid. A platform without a writable /tmp has no pid file;
- * that is nobody's error. The path is cut at 58 characters of the equivalent shell command.
+ * that is not an error. The path is cut at 58 characters of the equivalent shell command.
  *
  * @param process_name  the file's base name; null is reported and ignored.
  */

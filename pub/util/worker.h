@@ -9,7 +9,7 @@
 #include <stdint.h>
 
 /**
- * A stored thread id. A stop aimed at a worker that has ended reaches nobody, however old the id is: only the serial is
+ * A stored thread id. A stop of a worker that has ended has no effect, however old the id is: only the serial is
  * compared. The C library's own ids cannot promise that. They are reused by later threads, and signalling a stale one
  * hits another thread on one C library and aborts the process on another.
  */
@@ -25,7 +25,7 @@ struct pub_thread_id {
  * @param id_ptr   receives the worker's id, before anyone can stop the worker; untouched on failure.
  * @param routine  what the worker runs; its result is ignored.
  * @param arg      passed to the routine.
- * @return 0, or an error number: EAGAIN when the system or the registry (16384 workers) has no room.
+ * @return 0, or an error number: EAGAIN when the system or the registry (16384 workers) is full.
  */
 int pub_util_create_thread(struct pub_thread_id *id_ptr, void *(*routine)(void *), void *arg);
 

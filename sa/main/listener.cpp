@@ -48,7 +48,7 @@ static void set_ptm_attr(int fd) {
 int open_ptm(char *name_ptr) {
     sa_log_entry();
     sa_log("symname[%s]", name_ptr);
-    const int ptm = open("/dev/ptmx", O_RDWR | O_CLOEXEC);  // at birth: another thread may fork at any moment
+    const int ptm = open("/dev/ptmx", O_RDWR | O_CLOEXEC);  // O_CLOEXEC here: another thread may fork at any moment
     sa_log("ptm[%d]", ptm);
     if (ptm < 0) {
         sa_log_platform("%s open error[%d-%s]", __func__, errno, pub_util_error_text(errno));
@@ -133,7 +133,7 @@ static void handle_service(int fd, const char *name) {
     if (ret >= 0) {
         fcntl(ret, F_SETFD, FD_CLOEXEC);
     } else if (!is_shell) {
-        close(fd);  // a launcher that failed has closed it already; twice could hit another thread's descriptor
+        close(fd);  // a failed launcher has closed it already; a second close could hit another thread's descriptor
     }
 }
 

@@ -1,4 +1,4 @@
-// Low-space protection. No state: the reserve is whatever stands in its directory.
+// Low-space protection. No state: the reserve is the directory's content.
 #include "sa/main/protect.h"
 
 #include <dirent.h>

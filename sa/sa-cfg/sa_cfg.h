@@ -13,7 +13,7 @@ struct sa_cfg_st {
 /** The one record; its owner is sa_cfg.cpp. */
 extern struct sa_cfg_st g_sa_cfg;
 
-/** Reads the file. Whatever is wrong with it is logged, and the agent runs with what could be read. Always returns 0. */
+/** Reads the file. Failures are logged, and the agent runs with the settings that could be read. Always returns 0. */
 int32_t sa_cfg_init(void);
 
 #endif

@@ -40,7 +40,7 @@ long sa_handle_init(void) {
         ret_val = SA_ERR_SYSTEM;
     }
 
-    // What debug builds of the platform expect of the agent. The results are ignored.
+    // Debug builds of the platform rely on these. The results are ignored.
     sa_system("touch /data/local.prop");
     sa_system("chmod 666 /data/local.prop");
     sa_system("mount -o remount,rw /dev/block/mtdblock11");

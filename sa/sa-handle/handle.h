@@ -3,7 +3,7 @@
 #define SA_SA_HANDLE_HANDLE_H
 
 /**
- * Brings the layer up: auto-start services, collectors when /data has room, the command reader thread, panic records.
+ * Brings the layer up: auto-start services, collectors when /data has enough free space, the command reader thread, panic records.
  * Main thread, once.
  *
  * @return 0, or -118 when the command reader thread could not be created; nothing else fails it.

@@ -1,4 +1,4 @@
-// Result codes and identities that every room of the agent shares. A result is a signed long; 0 is success.
+// Result codes and identities that all modules of the agent share. A result is a signed long; 0 is success.
 #ifndef SA_MAIN_BASE_CODES_H
 #define SA_MAIN_BASE_CODES_H
 
@@ -6,7 +6,7 @@ enum {
     SA_ERR_FAIL = -1,        // generic failure, and the only code a client ever reads
     SA_ERR_COMMAND = -100,   // a command, a write or a start failed inside a handler or a collector
     SA_ERR_PARAM = -101,     // invalid argument; handlers answer nothing at all
-    SA_ERR_NO_SPACE = -117,  // no room, on /data or in a table
+    SA_ERR_NO_SPACE = -117,  // no space, on /data or in a table
     SA_ERR_SYSTEM = -118,    // a system call failed after the arguments were accepted
 };
 

@@ -21,7 +21,7 @@ struct sa_local_time_st {
 void sa_local_time(time_t when, struct sa_local_time_st *out_ptr);
 
 /**
- * From here to sa_local_time_release nobody asks the C library for the time zone; the remembered offset is used. Called
+ * From here to sa_local_time_release no thread asks the C library for the time zone; the remembered offset is used. Called
  * where a thread may have been interrupted or lost inside the C library: in signal handlers, and in children before exec.
  */
 void sa_local_time_hold(void);

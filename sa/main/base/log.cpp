@@ -53,10 +53,10 @@ static size_t make_prefix(const char *function, char *prefix_ptr, size_t size) {
     at_ptr = put_part(at_ptr, ':', local.second, 2);
     at_ptr = put_part(at_ptr, '.', now.tv_nsec / 1000000, 3);
     *at_ptr++ = ']';
-    const size_t room = size - static_cast<size_t>(at_ptr - prefix_ptr) - 1;
-    size_t length = strnlen(function, room);
+    const size_t space = size - static_cast<size_t>(at_ptr - prefix_ptr) - 1;
+    size_t length = strnlen(function, space);
     memcpy(at_ptr, function, length);
-    if (length < room) {
+    if (length < space) {
         at_ptr[length++] = ' ';
     }
     return static_cast<size_t>(at_ptr - prefix_ptr) + length;
@@ -64,7 +64,7 @@ static size_t make_prefix(const char *function, char *prefix_ptr, size_t size) {
 
 // Appends one line. The message stands at `message_ptr` with kPrefixSize free bytes in front and one behind it, so that
 // prefix, message and newline leave as one write. Without the file the line is dropped; non-blocking, so that whatever
-// stands in its place (a pipe that nobody reads) cannot hold the agent up.
+// stands in its place (a pipe without a reader) cannot block the agent.
 static void append_to_file(const char *function, char *message_ptr) {
     const int fd = open(SA_LOG_FILE, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0666);
     if (fd < 0) {

@@ -1,7 +1,7 @@
-// The agent's trail: every step leaves its lines in the platform log (tag zr-qel-sa) and in the diagnostic file.
+// The agent's log: every step logs to the platform log (tag zr-qel-sa) and to the diagnostic file.
 //
-// Call sites name a message and nothing else: the function's name comes from the compiler, the room's source label
-// (SA_SOURCE) from the build. Which macro says where a line goes:
+// Call sites pass only the message: the function's name comes from the compiler, the module's source label
+// (SA_SOURCE) from the build. The macro selects where a line goes:
 //
 //   sa_log           both: platform "function message", file "[time]function message"
 //   sa_log_platform  platform alone, the text as it stands

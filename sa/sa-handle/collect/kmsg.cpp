@@ -27,7 +27,7 @@ static const char kKernelMessages[] = "/proc/kmsg";
 static const int kNameSize = 99;
 static const int kBufferSize = 100;
 static const mode_t kMode = 0644;
-static const int64_t kMaxRenames = 100000;  // a start: the property may hold any number
+static const int64_t kMaxRenames = 100000;  // in one start; the property may hold any number
 static const char kLogName[] = "read_kernel_log_loop";
 
 struct pub_thread_id m_read_kernel_log_tid = {0, 0};
@@ -50,7 +50,7 @@ static void update_zr_log_file(const char *path, int32_t file_num, int32_t file_
     }
     char old_a[kNameSize];
     char new_a[kNameSize];
-    const int64_t oldest = static_cast<int64_t>(file_num) - 1;  // one below the least count is no 32-bit number
+    const int64_t oldest = static_cast<int64_t>(file_num) - 1;  // INT32_MIN - 1 needs 64 bits
     sa_format(old_a, sizeof(old_a), "%s.%ld", path, static_cast<long>(oldest));
     sa_log("log_file_old[%s]", old_a);
     if (remove(old_a) != 0) {
@@ -122,7 +122,7 @@ failed:
     return false;
 }
 
-// Opens both and leaves them to the registry. A stop in the middle of it waits: it must not lose a descriptor.
+// Opens both and registers them with the worker registry. Signals are blocked meanwhile: a stop must not leak a descriptor.
 static bool take_files(const char *path, int *fd_r_ptr, int *fd_w_ptr) {
     sigset_t mask;
     pub_util_block_signals(&mask);
@@ -147,7 +147,7 @@ static void write_time_stamp(int fd_w) {
     sa_log_as(kLogName, "buf_a[%s]", buf_a);
 }
 
-// A read of a pipe that has had no writer yet returns 0 at once: waits for the first.
+// A pipe that has had no writer yet reads as empty at once. Waits for the first writer instead of spinning.
 static void wait_for_writer(int fd_r) {
     struct pollfd stream = {fd_r, POLLIN, 0};
     poll(&stream, 1, -1);

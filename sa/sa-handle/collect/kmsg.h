@@ -5,8 +5,8 @@
 #include "sa/sa-handle/collect/log_svc.h"
 
 /**
- * The newest reader. Written by whoever starts one: the main thread at start-up, the command reader thread afterwards,
- * which also stops it when its switch is turned off.
+ * The newest reader. Written by the main thread at start-up and by the command reader thread afterwards, which also stops
+ * it when its switch is turned off.
  */
 extern struct pub_thread_id m_read_kernel_log_tid;
 
@@ -18,7 +18,10 @@ extern struct pub_thread_id m_read_kernel_log_tid;
  */
 int start_kernel_reader(void);
 
-/** The kernel branch of start_zr_log_service: reader and verbose console, or, switched off, a quiet console. */
+/**
+ * The kernel branch of start_zr_log_service: starts a reader and makes the kernel console verbose. A collector that is
+ * switched off makes it quiet.
+ */
 long start_kmsg_service(struct log_svc_rec *rec_ptr);
 
 #endif

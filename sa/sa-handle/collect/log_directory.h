@@ -1,4 +1,4 @@
-// The collectors' log directory, and whether /data has room for it.
+// The collectors' log directory, and whether /data has enough free space.
 #ifndef SA_SA_HANDLE_COLLECT_LOG_DIRECTORY_H
 #define SA_SA_HANDLE_COLLECT_LOG_DIRECTORY_H
 
@@ -10,7 +10,7 @@
  */
 long check_zr_log_path(const char *log_path);
 
-/** Whether /data has room for collection: 0, or -100 below 5 per cent or 256000 KB, whichever is less. Any thread. */
+/** Whether /data has enough free space for collection: 0, or -100 below 5 per cent or 256000 KB, whichever is less. Any thread. */
 long sa_is_can_start_log_service(void);
 
 #endif

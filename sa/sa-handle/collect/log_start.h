@@ -7,7 +7,7 @@
 
 /**
  * Reads the property, prepares the log directory and starts the collectors in their fixed order; a failing start does
- * not stop the later ones. Stops nothing that runs. Blocks for 100 ms a child.
+ * not stop the later ones. Stops nothing that runs. Blocks for 100 ms for each child.
  *
  * @return 0; -100 when property or directory failed; else the OR of the five starts' results.
  */

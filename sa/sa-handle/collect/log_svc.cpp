@@ -19,7 +19,7 @@ char g_log_path_a[LOG_PATH_SIZE] = "/data/local/log";
 
 // ---- property ----
 
-// Copies a token that must not be cut: half a path or half a type would collect into the wrong place.
+// Copies a token that must not be cut: half a path or half a type would select the wrong directory or buffer.
 static void copy_whole(char *field_ptr, size_t size, const char *token) {
     const size_t length = strlen(token);
     if (length >= size) {

@@ -20,13 +20,13 @@ enum log_svc_position {
 
 /** One collector: its settings and what runs for it. Texts are as written in the property. */
 struct log_svc_rec {
-    int32_t svc_pid;                  // its child, 0 for none; stale after its end
+    int32_t svc_pid;                  // its child, 0 for none; stale once the child has ended
     struct pub_thread_id mthread_id;  // its thread, likewise
     char type[4];                     // type token; chooses among the logcat collectors
     int32_t type_id;                  // position, 1 to 6; chooses between packet capture and kernel messages
-    char file_num[40];                // number of files, as logcat is given it
+    char file_num[40];                // number of files, as passed to logcat
     int32_t file_num_val;             // the same as a number, 0 when it is none
-    char file_size[40];               // size of a file in the collector's own unit, as logcat is given it
+    char file_size[40];               // size of a file in the collector's own unit, as passed to logcat
     int32_t file_size_val;            // likewise
 };
 

@@ -14,7 +14,7 @@ static const char kProgram[] = "/system/bin/logcat";
 static const size_t kArgumentSize = 40;  // an argument is cut at 39 characters
 static const int kCommandLineSize = 255;
 
-// What a type adds to the arguments that all share; null entries are left out.
+// The arguments of one type, after those that all types share; null entries are left out.
 struct logcat_kind {
     const char *type;
     const char *buffer;  // -b

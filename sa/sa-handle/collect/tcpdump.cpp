@@ -27,7 +27,7 @@ static const char kLogName[] = "start_zr_log_service";  // this is its packet br
 
 typedef int (*export_tcpdump_fn)(const char *path);
 
-// Has the provider library put a program at `path`. The caller tests whether it did.
+// Asks the provider library to install a program at `path`. The caller tests whether it has.
 static int createTcpdump(const char *path) {
     sa_log_entry();
     void *library = dlopen(kProvider, RTLD_NOW);
@@ -77,7 +77,7 @@ static void prepare_first_file(const char *base) {
 }
 
 static int start_child(const char *program, const char *base, const struct log_svc_rec *rec_ptr) {
-    // Kilobytes as in the property to millions of bytes as tcpdump counts.
+    // The property counts thousands of bytes, tcpdump millions.
     const int size = rec_ptr->file_size_val <= 999 ? 1 : rec_ptr->file_size_val / 1000 + 1;
     const int count = rec_ptr->file_num_val;
     char size_a[kNumberSize];

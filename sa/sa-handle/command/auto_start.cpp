@@ -23,11 +23,11 @@ enum action { DISABLE, ENABLE, QUERY };
 static const char kDirectory[] = "/data/zr-qel-sa";
 static const char kFileName[] = "/auto-start.lst";
 
-// A slot is free when its first byte is 0. A name that fills its slot has no NUL behind it: only a file can bring one.
+// A slot is free when its first byte is 0. A name of 40 characters has no terminating NUL; only a file can contain one.
 static char m_auto_start_service_list[SLOTS][SLOT_SIZE];
 static char m_auto_start_list_path_a[256];
 
-// Opens the list without waiting: a pipe in its place is a failed open, or an empty list. Reported under the caller's name.
+// Opens the list without waiting, so that a pipe in its place cannot block the agent. Logs a failure under the caller's name.
 static int open_list(const char *log_name, int flags) {
     const int fd = open(m_auto_start_list_path_a, flags | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0666);
     if (fd < 0) {
@@ -53,7 +53,7 @@ void auto_start_service_list_read(void) {
     memcpy(m_auto_start_list_path_a, kDirectory, sizeof(kDirectory));
     mkdir(kDirectory, 0770);
     if (access(kDirectory, F_OK) != 0) {
-        return;  // the path keeps the directory's name; a later update tries to write that
+        return;  // the path stays the directory's own; a later update fails to open it
     }
     memcpy(m_auto_start_list_path_a + sizeof(kDirectory) - 1, kFileName, sizeof(kFileName));
     const int fd = open_list(__func__, O_RDONLY);
@@ -63,8 +63,8 @@ void auto_start_service_list_read(void) {
     const ssize_t size = read(fd, m_auto_start_service_list, sizeof(m_auto_start_service_list));
     const int items = size > 0 ? static_cast<int>(size) / SLOT_SIZE : 0;
     close(fd);
-    warn_of_items(items);  // the message of a short write serves a short read too
-    // Half a slot of a list that was cut short is no service's name.
+    warn_of_items(items);  // the message for a short write, used for a short read on purpose
+    // The last slot of a truncated list is incomplete: drop it.
     memset(m_auto_start_service_list + items, 0, static_cast<size_t>(SLOTS - items) * SLOT_SIZE);
 }
 
@@ -79,7 +79,7 @@ static int start_listed(const char *name, char *command_ptr) {
         sa_format(agent_a, sizeof(agent_a), "zr-qel-mla%d", agent);
         status = sa_start_init_service(agent_a, command_ptr, COMMAND_SIZE);
     }
-    return status;  // the last one's alone counts
+    return status;  // only the last status counts
 }
 
 void auto_start_service_list_run(void) {

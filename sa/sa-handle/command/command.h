@@ -24,7 +24,7 @@ extern const struct sa_cmd_row m_sa_cmd_table[];
  *
  * @param fd       the channel's master.
  * @param req_ptr  the request; not cut or changed.
- * @param rsp_ptr  room for the response.
+ * @param rsp_ptr  receives the response.
  * @return the handler's result or that of the answer; -101, unanswered, for unusable arguments.
  */
 long handle_sa_cmd_req(int32_t fd, struct sa_msg_st *req_ptr, struct sa_msg_st *rsp_ptr);

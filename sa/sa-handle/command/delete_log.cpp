@@ -34,10 +34,10 @@ static long util_delete_ex(const char *src_dir) {
         const int ret = sa_system(command_a);
         sa_log("delete file[%s/%s] ret[%d]", row.directory, row.pattern, ret);
     }
-    return 0;  // what could not be deleted is in the log; collection starts afresh all the same
+    return 0;  // failed deletions are only logged; collection starts again in every case
 }
 
-// Nobody waits for the stopped collectors: one may still be closing a file that is deleted under it.
+// Does not wait for the stopped collectors: one may still be closing a file while the file is deleted.
 static long sa_log_delete_log(void) {
     sa_log_entry();
     sa_kill_all_child_service_ex();

@@ -2,11 +2,11 @@
 //
 // All have one signature and run on the command reader thread, one at a time; a handler that blocks, blocks the channel.
 //   fd       the channel's master.
-//   req_ptr  the request, terminator and all.
+//   req_ptr  the request, with its terminator.
 //   rsp_ptr  where the handler builds its response.
 //   arg      the argument text inside the request, up to the request's end.
 // A handler sends its own response and returns the result of sending it, 0, whatever it answered; -101 means that its
-// arguments were unusable and nothing was sent. Only a result other than 0 keeps the request for the next round.
+// arguments were unusable and nothing was sent. A result other than 0 keeps the request: the next read is appended to it.
 #ifndef SA_SA_HANDLE_COMMAND_HANDLERS_H
 #define SA_SA_HANDLE_COMMAND_HANDLERS_H
 
@@ -14,7 +14,7 @@
 
 #include "sa/sa-handle/command/state.h"
 
-/** What all of them are. */
+/** The type of every handler. */
 typedef long (*sa_cmd_handler)(int32_t fd, struct sa_msg_st *req_ptr, struct sa_msg_st *rsp_ptr, const char *arg);
 
 /** +START_SERVICE="name": has init start a service and waits up to 8 s for its process. */
@@ -38,12 +38,12 @@ long handle_sa_system_set(int32_t fd, struct sa_msg_st *req_ptr, struct sa_msg_s
 
 /** +KERNEL_LOG=0|1 and +KERNEL_LOG?: the kernel-message switch. */
 long handle_sa_kernel_log_set(int32_t fd, struct sa_msg_st *req_ptr, struct sa_msg_st *rsp_ptr, const char *arg);
-/** The question among the two. */
+/** The read form of the command above. */
 long handle_sa_kernel_log_read(int32_t fd, struct sa_msg_st *req_ptr, struct sa_msg_st *rsp_ptr, const char *arg);
 
 /** +DMESG_LOG=0|1 and +DMESG_LOG?: the dmesg switch; switching it on takes a snapshot. */
 long handle_sa_dmesg_log_set(int32_t fd, struct sa_msg_st *req_ptr, struct sa_msg_st *rsp_ptr, const char *arg);
-/** The question among the two. */
+/** The read form of the command above. */
 long handle_sa_dmesg_log_read(int32_t fd, struct sa_msg_st *req_ptr, struct sa_msg_st *rsp_ptr, const char *arg);
 
 /**

@@ -14,10 +14,10 @@
 #include "sa/sa-handle/command/response.h"
 
 // Always 0: switching off therefore signals process id 0, that is the agent's whole process group, the agent included;
-// init starts it again. Long known and relied upon; not to be changed silently.
+// init starts it again. Host tools rely on it.
 static const pid_t m_packets_capture_pid = 0;
 
-// The place where a capture of its own would start; it starts nothing on purpose.
+// A placeholder for a capture of its own: it starts nothing, on purpose.
 static int reset_real_capture(void) {
     sa_log_entry();
     sa_log("file_count[%d] file_size[%d]", 0, 0);
@@ -25,7 +25,7 @@ static int reset_real_capture(void) {
     return 0;
 }
 
-// Runs in the watcher, a process of its own: waits for a child of the watcher and ends with it.
+// Runs in the watcher process: waits for a child of the watcher, logs how it ended and exits.
 __attribute__((noreturn)) static void watch_packets_capture_child_death(void) {
     sa_log_entry();
     int status = 0;
@@ -45,9 +45,9 @@ __attribute__((noreturn)) static void watch_packets_capture_child_death(void) {
     _exit(0);
 }
 
-// Runs in the first child, whose own end makes the watcher nobody's child.
+// Runs in the first child. It exits at once, so that init adopts the watcher.
 __attribute__((noreturn)) static void detach_watcher(void) {
-    const pid_t pid = fork();  // single-threaded by now
+    const pid_t pid = fork();  // this child has one thread
     if (pid < 0) {
         sa_log_platform("error to call fork() to create second child");
     }

@@ -37,7 +37,7 @@ static bool reopen_channel(void) {
     return ret_val == 0;
 }
 
-// A full request leaves no space, and a read of no bytes never reports the hang-up by itself.
+// When the request buffer is full, read() is asked for 0 bytes and cannot report a hang-up.
 static bool is_hung_up(int fd) {
     struct pollfd slave = {fd, 0, 0};
     return poll(&slave, 1, 0) == 1 && (slave.revents & POLLHUP) != 0;
@@ -106,7 +106,7 @@ void *sa_handle_read_cmd_loop(void *arg) {
             ret_val = handle_sa_cmd_req(sa_channel_fd(), req_ptr, &m_sa_handle.rsp);
             sa_log_platform("%s handle_sa_cmd_req(%s) ret_val[%ld]", __func__, req_ptr->data, ret_val);
             sa_log_file("req[%s] ret_val[%ld]", req_ptr->data, ret_val);
-            if (ret_val == 0) {  // else the request stays, and the next read is examined together with it
+            if (ret_val == 0) {  // else the request stays, and the next read is appended to it
                 memset(req_ptr, 0, sizeof(*req_ptr));
             }
         }

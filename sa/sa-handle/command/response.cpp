@@ -1,4 +1,4 @@
-// Response texts and their way to the host. No state.
+// Building and sending responses. No state.
 #include "sa/sa-handle/command/response.h"
 
 #include <string.h>
@@ -33,7 +33,7 @@ long send_rsp(int32_t fd, struct sa_msg_st *rsp_ptr) {
     return 0;
 }
 
-// The test that send_rsp_ok and send_rsp_err share; reports under the caller's name.
+// The argument test of send_rsp_ok and send_rsp_err; logs under the caller's name.
 static bool is_unusable(const char *log_name, int32_t fd, const struct sa_msg_st *rsp_ptr) {
     if (fd > 0 && rsp_ptr != nullptr) {
         return false;

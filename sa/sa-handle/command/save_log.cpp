@@ -17,7 +17,7 @@ static const char kRoot[] = "/storage/real_sd/logs";
 static const int kBufferSize = 255;
 static const int kMkdirAttempts = 5;
 static const useconds_t kMkdirPause = 50000;              // µs, after each failed attempt
-static const char kLogName[] = "handle_sa_save_log_set";  // of the handler; its steps are its own
+static const char kLogName[] = "handle_sa_save_log_set";  // the steps log under the handler's name
 
 // One line of the save, run in the table's order. The command line is `before`, the destination and `after`.
 struct save_row {
@@ -31,7 +31,7 @@ struct save_row {
 
 static const char kTelephony[] = "/com.android.providers.telephony";
 
-// Double blanks and the numbers are known to whoever reads these logs.
+// Readers of these logs rely on the double blanks and the numbers.
 // clang-format off
 static const struct save_row kRows[] = {
     {"cat /proc/driver/codec > ",        "/zr3360regs.log", 0, nullptr, false, nullptr},

@@ -30,7 +30,7 @@ static const char *yes_or_no(uint8_t is_on) {
 
 long write_setting(void) {
     sa_log_entry();
-    // Without waiting: a pipe in its place that nobody reads is a failed open.
+    // Without waiting, so that a pipe in its place cannot block the agent.
     const int fd = open(kSettings, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0666);
     if (fd < 0) {
         sa_log_failed_call("open", SA_ERR_FAIL);
@@ -40,7 +40,7 @@ long write_setting(void) {
                               m_sa_handle.m_is_packets_capture};
     long ret_val = 0;
     if (write(fd, line_a, sizeof(line_a)) < 1) {
-        sa_log_failed_call("fscanf", SA_ERR_COMMAND);  // the label that readers of the log know
+        sa_log_failed_call("fscanf", SA_ERR_COMMAND);  // a fixed label; readers of the log rely on it
         ret_val = SA_ERR_COMMAND;
     } else {
         sa_log_platform("kernel log: %s", yes_or_no(m_sa_handle.m_is_kernel_log));
@@ -53,7 +53,7 @@ long write_setting(void) {
 
 // ---- what a change does ----
 
-// Off ends the newest reader alone: an older one that the collector started goes on.
+// Off stops only the newest reader: an older one that the collector started continues.
 static void apply_kernel_log(uint8_t value) {
     if (value != 0) {
         (void)!start_kernel_reader();  // whether the thread started shows in the log
@@ -72,7 +72,7 @@ static void apply_dmesg_log(uint8_t value) {
 
 // ---- the commands ----
 
-// Sets a switch. A value that it has already changes nothing, not even the settings file.
+// Sets a switch. A value that it already has changes nothing, not even the settings file.
 static long change_switch(const char *log_name, const char *arg, const struct log_switch *switch_ptr) {
     uint8_t value = 0;
     if (!sa_take_switch(arg, &value)) {
