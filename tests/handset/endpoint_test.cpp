@@ -353,7 +353,7 @@ TEST_F(Endpoint, WithoutADescriptorTheReopenFailsAndTheAgentStays) {
 
 TEST_F(Endpoint, TerminalProgramIsAnswered) {
     ASSERT_NO_FATAL_FAILURE(boot());
-    hang_up();
+    ASSERT_NO_FATAL_FAILURE(hang_up_and_wait());
     int to_program[2];
     int from_program[2];
     ASSERT_EQ(pipe2(to_program, O_CLOEXEC), 0);

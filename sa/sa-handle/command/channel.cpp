@@ -1,8 +1,9 @@
 // The command channel's endpoint.
 //
-// State, under m_mutex: m_sa_handle.pty, whether the channel is retired or was ever opened, and the parked descriptor number. Whoever holds
-// the mutex takes no signals, so a handler never waits for the thread that it has interrupted; a step makes a few system
-// calls that do not block. m_fd is the master's number for the command reader thread, which reads it without the mutex.
+// State, under m_mutex: m_sa_handle.pty, whether the channel is retired, whether it was ever opened, and the parked descriptor
+// number. A thread that holds the mutex takes no signals, so a handler never waits for the thread that it has interrupted; a
+// step makes a few system calls that do not block. m_fd is the master's number for the command reader thread, which reads
+// it without the mutex.
 #include "sa/sa-handle/command/channel.h"
 
 #include <errno.h>
