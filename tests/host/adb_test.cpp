@@ -24,6 +24,30 @@ std::string random_bytes(size_t size) {
     return bytes;
 }
 
+// What a person does with a handset on a cable beside sa-host.
+TEST_F(AdbTest, AdbItselfHasShellsAndFiles) {
+    ASSERT_NO_FATAL_FAILURE(boot_adb());
+    const words handset = {"-s", cable.serial};
+    auto adb = [&](const words &arguments, const std::string &input = "") {
+        words all = handset;
+        all.insert(all.end(), arguments.begin(), arguments.end());
+        return cable.adb(all, input);
+    };
+    host_result result = adb({"shell", "echo out; echo err >&2; cat; exit 7"}, "in\n");
+    EXPECT_EQ(result.out, "out\nin\n");
+    EXPECT_EQ(result.err, "err\n");
+    EXPECT_EQ(result.status, 7);
+    EXPECT_EQ(adb({"shell", "-t", "-t", "test -t 0 && tty"}).out, "/dev/pts/2\r\n");
+    const std::string bytes = random_bytes(3u << 20);
+    ASSERT_TRUE(desk_write_file(h, "/data/big", bytes));
+    EXPECT_TRUE(adb({"exec-out", "cat /data/big"}).out == bytes);
+    temporary_dir dir;
+    EXPECT_EQ(adb({"pull", "/data/big", dir.path + "/big"}).status, 0);
+    std::ifstream copy(dir.path + "/big", std::ios::binary);
+    EXPECT_TRUE(std::string(std::istreambuf_iterator<char>(copy), {}) == bytes);
+    EXPECT_NE(adb({"pull", "/data/nothing", dir.path + "/nothing"}).status, 0);
+}
+
 TEST_F(AdbTest, RequestsAndTheirResults) {
     ASSERT_NO_FATAL_FAILURE(boot_adb());
     EXPECT_EQ(host({"send", "AT", "+KERNEL_LOG?"}).out, "OK\nKERNEL_LOG: 0\n");
