@@ -39,21 +39,20 @@ show_lines() {
     seen=$(wc -c <"$log")
 }
 
-# step TEXT WANTED LAST READY ARGUMENT...: calls sa-host with the arguments. WANTED is a pattern of what it prints, LAST
-# of the last line to show, READY of the line with which the agent is ready for the next step.
-step() {
+# call TEXT WANTED ARGUMENT...: calls sa-host with the arguments and shows the first lines of what it prints. WANTED is a
+# pattern of all that it prints.
+call() {
     printf '\n%s%s%s\n$ sa-host' "$bold" "$1" "$plain"
-    wanted=$2 last=$3 ready=$4
-    shift 4
+    wanted=$2
+    shift 2
     for word in "$@"; do
         case $word in
             *[!a-zA-Z0-9_./-]*) printf " '%s'" "$word" ;;
             *) printf ' %s' "$word" ;;
         esac
     done
-    printf '\n'
     answer=$(sa-host "$@" 2>&1)
-    printf '%s\n' "$answer"
+    printf '\n%s\n' "$answer" | head -n 21
     # shellcheck disable=SC2254 # a pattern
     case $answer in
         $wanted) ;;
@@ -62,6 +61,14 @@ step() {
             failed=$((failed + 1))
             ;;
     esac
+}
+
+# step TEXT WANTED LAST READY ARGUMENT...: a call with the lines that it left in the diagnostic log. LAST is a pattern of
+# the last line to show, READY of the line with which the agent is ready for the next step.
+step() {
+    text=$1 wanted=$2 last=$3 ready=$4
+    shift 4
+    call "$text" "$wanted" "$@"
     if ! await_line "$ready"; then
         printf '** the diagnostic log did not get a line with: %s\n' "$ready"
         failed=$((failed + 1))
@@ -102,6 +109,9 @@ tour() {
     step "A command in the remote shell: what has been saved" '*sa.log*' \
         'subproc_waiter_service pid.* exit errno' 'subproc_waiter_service pid.* exit errno' \
         shell 'du -a /storage/real_sd/logs'
+    for set in /storage/real_sd/logs/*; do
+        call "All logs of the set, merged by time" '*sa *handle_sa_cmd_req req*main *zr-qel-sa: *' view --grep START_SERVICE "$set"
+    done
 }
 
 await_agent

@@ -107,8 +107,6 @@ merge_result merge_run(const log_set &set, const log_choice &choice, line_taker 
             source_open(&readers[i], static_cast<log_source>(i), set);
         }
     }
-    result.is_kernel_estimated = readers[SOURCE_KERNEL].is_estimated;
-    result.has_packets = readers[SOURCE_PACKETS].has_entry;
     std::string line;
     shown_line shown = {};
     bool is_wanted = true;
@@ -119,6 +117,8 @@ merge_result merge_run(const log_set &set, const log_choice &choice, line_taker 
         write_line(*next, &line, &shown);
         if (choice.pattern == nullptr || regexec(choice.pattern, line.c_str(), 0, nullptr, 0) == 0) {
             ++result.entries;
+            result.has_packets |= next->source == SOURCE_PACKETS;
+            result.is_kernel_estimated |= next->source == SOURCE_KERNEL && next->is_estimated;
             is_wanted = take(context, shown);
         }
     }

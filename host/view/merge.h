@@ -30,9 +30,9 @@ struct shown_line {
 typedef bool (*line_taker)(void *context, const shown_line &shown);
 
 struct merge_result {
-    uint64_t entries = 0;  // delivered
-    bool is_kernel_estimated = false;
-    bool has_packets = false;  // packets were read
+    uint64_t entries = 0;              // delivered
+    bool is_kernel_estimated = false;  // kernel messages were delivered with estimated times
+    bool has_packets = false;          // packets were delivered
 };
 
 // Delivers the chosen lines. Entries of the same source keep their order, whatever their times.

@@ -132,6 +132,7 @@ TEST_F(View, EstimatesKernelTimesWithoutARecordedUptime) {
         result.err,
         "sa-host: Times of kernel messages are estimated: the set does not tell when the handset had booted. fetch "
         "records that in handset.txt.\n");
+    EXPECT_EQ(view({"--grep", "nothing"}).err, "");
 }
 
 TEST_F(View, KernelMessagesWithoutTimesFollowTheHeader) {
