@@ -2,6 +2,7 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -312,6 +313,18 @@ TEST_F(AdbBreak, ThePulledCableEndsAFetchThatGoesOnLater) {
     EXPECT_EQ(again.status, 0) << again.err;
     const std::string there = desk_host_path(h, std::string(kRoot) + "/" + set);
     EXPECT_EQ(system(("diff -r -x handset.txt '" + there + "' '" + dir.path + "/" + set + "'").c_str()), 0);
+}
+
+TEST_F(AdbBreak, WaitCoversACableThatComesLater) {
+    ASSERT_NO_FATAL_FAILURE(boot_adb());
+    cable.pull();
+    cable.adb({"disconnect", cable.serial});
+    host_job job;
+    host_start({"--adb", "--timeout", "120", "wait"}, false, &job);
+    EXPECT_FALSE(desk_until([&] { return waitpid(job.pid, nullptr, WNOHANG) != 0; }, 1500)) << "gave up at once";
+    ASSERT_NO_FATAL_FAILURE(cable.plug_in_again());
+    host_result result = host_finish(&job);
+    EXPECT_EQ(result.status, 0) << result.err;
 }
 
 TEST_F(AdbBreak, TheKilledServerEndsARequest) {
