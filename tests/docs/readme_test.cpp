@@ -85,15 +85,14 @@ TEST_F(Readme, TranscriptIsWhatARunShows) {
         EXPECT_EQ(result.status, 0) << shown.line << result.errors;
         expect_all(shown.output, result.output, shown.line);
         std::string log;
-        // The last line may come a moment after the answer. Requests hold carriage returns, shown as \r.
-        desk_until(
-            [&] {
-                log = desk_file_text(h, kSaLog);
-                log = std::regex_replace(log, std::regex("\r"), "\\r");
-                return shown.trail.empty() ||
-                       without_numbers(log).find(without_numbers(shown.trail.back())) != std::string::npos;
-            },
-            5000);
+        // The lines may come a moment after the answer. Requests hold carriage returns, shown as \r.
+        desk_until([&] {
+            log = std::regex_replace(desk_file_text(h, kSaLog), std::regex("\r"), "\\r");
+            const std::string text = without_numbers(log);
+            return std::all_of(shown.trail.begin(), shown.trail.end(), [&](const std::string &line) {
+                return text.find(without_numbers(line)) != std::string::npos;
+            });
+        });
         expect_all(shown.trail, log, shown.line);
     }
 }
