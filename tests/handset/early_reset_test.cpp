@@ -22,7 +22,20 @@ static void PrintTo(const reset_case &row, std::ostream *out) {
     *out << row.name;
 }
 
-class EarlyReset : public RemoteShellTest, public ::testing::WithParamInterface<reset_case> {
+class ResetOfAStart : public RemoteShellTest {
+  protected:
+    void expect_remote_shell() {
+        open_listener();
+        const int fd = connect("shell:cat");
+        write_all(fd, "here\n");
+        EXPECT_EQ(read_until(fd, "here\n"), "here\n");
+        close(fd);
+        close(listener);
+        listener = -1;
+    }
+};
+
+class EarlyReset : public ResetOfAStart, public ::testing::WithParamInterface<reset_case> {
   protected:
     // Boots a handset in which the start of an agent waits until kGo exists.
     void boot_waiting() {
@@ -64,8 +77,7 @@ TEST_P(EarlyReset, LeavesAStartThatAnswers) {
     ASSERT_TRUE(wait_listening(child.pid));
     ASSERT_NO_FATAL_FAILURE(open_channel());
     EXPECT_EQ(ask("AT\r"), kOk);
-    ASSERT_NO_FATAL_FAILURE(open_listener());
-    EXPECT_EQ(run_remote("echo here"), "here\n");
+    ASSERT_NO_FATAL_FAILURE(expect_remote_shell());
     ASSERT_TRUE(desk_kill(h, child.pid, SIGTERM));
     EXPECT_EQ(desk_wait(h, &child, 10000), 0);
     EXPECT_FALSE(desk_exists(h, "/dev/ttyCMD0"));
@@ -77,8 +89,6 @@ INSTANTIATE_TEST_SUITE_P(By, EarlyReset,
                                            reset_case{"RefusedInACollectorsStart", false, true},
                                            reset_case{"UnansweredInACollectorsStart", false, false}),
                          [](const auto &row) { return row.param.name; });
-
-class ResetOfAStart : public RemoteShellTest {};
 
 // Behind every line of the start, from the moment that the handlers are there: init refuses the stop. A reset closes a
 // channel that is open by then, and no other.
@@ -113,10 +123,7 @@ TEST_F(ResetOfAStart, ThatInitRefusesAtAnyMomentLetsTheStartGoOn) {
             EXPECT_EQ(ask("AT\r"), kOk);
             hang_up();
         }
-        ASSERT_NO_FATAL_FAILURE(open_listener());
-        EXPECT_EQ(run_remote("echo here"), "here\n");
-        close(listener);
-        listener = -1;
+        ASSERT_NO_FATAL_FAILURE(expect_remote_shell());
         ASSERT_TRUE(desk_kill(h, young.pid, SIGTERM));
         ASSERT_EQ(desk_wait(h, &young, 10000), 0);
     }

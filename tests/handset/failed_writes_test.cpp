@@ -69,7 +69,7 @@ TEST_F(FailedWrites, OfTheDiagnosticLogBeyondTheFileLimitLoseLinesAndNothingElse
     ASSERT_NO_FATAL_FAILURE(limit_files(RLIM_INFINITY));
     EXPECT_EQ(ask("at\r"), kOk);
     EXPECT_TRUE(wait_file_line("sa_handle_read_cmd_loop req[at\r] ret_val[0]"));
-    EXPECT_EQ(count_lines(file_lines(), "sa_handle_read_cmd_loop req[AT\r] ret_val[0]"), 0);
+    EXPECT_EQ(count_lines(file_lines(), "handle_sa_cmd_req req[AT\r]"), 0);
 }
 
 // ---- kernel messages ----
