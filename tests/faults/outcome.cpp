@@ -31,7 +31,7 @@ static const texts kCollectors = {"mmap of a stack",
                                   "access /data/local/log",
                                   "mkdir /data/local/log",
                                   "chown /data/local/log"};
-static const texts kCollectorChild = {"setuid*", "setgid*", "execve /system/*"};
+static const texts kCollectorChild = {"setuid*", "setgid*", "dup2 /dev/null", "execve /system/*"};
 static const texts kThread = {"mmap of a stack", "mprotect", "clone3*"};
 // The command channel's pseudo-terminal is made; a name that cannot be removed is in the way of the next one.
 static const texts kChannel = {"openat /dev/ptmx", "ioctl * /dev/ptmx",   "symlink /dev/ttyCMD0",
@@ -56,6 +56,7 @@ static const std::vector<foreseen> &foreseen_endings() {
         {"not answered again", kChannel, {kHangUp}},
         {"QUERY_SERVICE: 0 OK", kProcesses, {"+QUERY_SERVICE*"}},
         {"ERROR", kShellCommand, {"+START_SERVICE=\"zr-qel-mla3\"", "+SYSTEM*"}},
+        {"ERROR", {"mmap"}, {"+START_SERVICE=\"zr-qel-mla3\""}, "ENOMEM *+"},  // that of the heap, and those of stacks
         {"ERROR", kInit, {"+START_SERVICE=\"zr-elog\""}},
         {"ERROR", {"kill"}, {"+STOP_SERVICE*"}},
         {"ERROR", {"openat /data/zr-qel-sa/auto-start.lst"}, {"+AUTO_START_SERVICE*"}},
