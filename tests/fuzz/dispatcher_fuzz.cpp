@@ -1,4 +1,4 @@
-// Requests from the host, through the dispatcher and all ten handlers.
+// Requests from the host, through the dispatcher and all handlers.
 #include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>

@@ -39,6 +39,19 @@ static const char *next_token(char **rest_pptr) {
     return strtok_r(nullptr, ",", rest_pptr);
 }
 
+// Whether no token is left. Some C libraries give a null rest at the end.
+static bool is_at_end(const char *rest) {
+    return rest == nullptr || rest[strspn(rest, ",")] == '\0';
+}
+
+// A position that an older property does not know. Its record may have had a triple at the last reading.
+static void switch_off(int index) {
+    struct log_svc_rec *rec_ptr = &g_zr_log_svc[index];
+    rec_ptr->type_id = index + 1;
+    rec_ptr->file_num_val = 0;
+    rec_ptr->file_size_val = 0;
+}
+
 // Fills the record of one position from the next three tokens. Returns whether they were there.
 static bool parse_record(int index, char **rest_pptr) {
     struct log_svc_rec *rec_ptr = &g_zr_log_svc[index];
@@ -79,6 +92,10 @@ long parse_zr_log_config(const char *value) {
     }
     copy_whole(g_log_path_a, sizeof(g_log_path_a), path);
     for (int index = 0; index < LOG_SVC_COUNT; index++) {
+        if (index >= LOG_SVC_REQUIRED && is_at_end(rest_ptr)) {
+            switch_off(index);
+            continue;
+        }
         if (!parse_record(index, &rest_ptr)) {
             sa_log_platform("Parse zr log config failed");
             return SA_ERR_COMMAND;

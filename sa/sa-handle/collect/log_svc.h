@@ -7,7 +7,10 @@
 
 #include "pub/util/worker.h"
 
-/** Positions in the property, and so type_id of the records. */
+/**
+ * Positions in the property, and so type_id of the records. Properties are stored on handsets and have at least the first
+ * LOG_SVC_REQUIRED triples; a position behind those is optional, and switched off where its triple is missing.
+ */
 enum log_svc_position {
     LOG_SVC_EMSD = 1,  // never started
     LOG_SVC_IPDATA,
@@ -15,6 +18,7 @@ enum log_svc_position {
     LOG_SVC_MAIN,
     LOG_SVC_EVENTS,
     LOG_SVC_RADIO,
+    LOG_SVC_REQUIRED = LOG_SVC_RADIO,
     LOG_SVC_COUNT = LOG_SVC_RADIO,
 };
 
@@ -23,7 +27,7 @@ struct log_svc_rec {
     int32_t svc_pid;                  // its child, 0 for none; stale once the child has ended
     struct pub_thread_id mthread_id;  // its thread, likewise
     char type[4];                     // type token; chooses among the logcat collectors
-    int32_t type_id;                  // position, 1 to 6; chooses between packet capture and kernel messages
+    int32_t type_id;                  // position; chooses between packet capture and kernel messages
     char file_num[40];                // number of files, as passed to logcat
     int32_t file_num_val;             // the same as a number, 0 when it is none
     char file_size[40];               // size of a file in the collector's own unit, as passed to logcat
@@ -31,7 +35,7 @@ struct log_svc_rec {
 };
 
 /**
- * The six collectors, by position - 1. Filled by start_log_service: on the main thread at start-up, on the command
+ * The collectors, by position - 1. Filled by start_log_service: on the main thread at start-up, on the command
  * reader thread afterwards. The kernel-message thread reads its own record; a stop reads pids and thread ids.
  */
 extern struct log_svc_rec g_zr_log_svc[LOG_SVC_COUNT];

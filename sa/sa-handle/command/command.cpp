@@ -1,4 +1,4 @@
-// The ten commands and how a request finds its own. A new command is one row here, one handler and its test.
+// The commands and how a request finds its own. A new command is one row here, one handler and its test.
 #include "sa/sa-handle/command/command.h"
 
 #include <string.h>
