@@ -31,9 +31,10 @@ await_line() {
     done
 }
 
-# A request's carriage return, which stands in the log as it is, is shown as \r.
+# Shows the new lines from the pattern FIRST to the pattern LAST. A request's carriage return, which stands in the log as
+# it is, is shown as \r.
 show_lines() {
-    new_lines | sed "s/$carriage_return/\\\\r/g; /$1/q" | cut -c 1-150 | while read -r line; do
+    new_lines | sed -n "s/$carriage_return/\\\\r/g; /$1/,/$2/{p;/$2/q}" | cut -c 1-150 | while read -r line; do
         printf '%s  | %s%s\n' "$dim" "$line" "$plain"
     done
     seen=$(wc -c <"$log")
@@ -63,24 +64,29 @@ call() {
     esac
 }
 
-# step TEXT WANTED LAST READY ARGUMENT...: a call with the lines that it left in the diagnostic log. LAST is a pattern of
-# the last line to show, READY of the line with which the agent is ready for the next step.
+# step FIRST LAST READY TEXT WANTED ARGUMENT...: a call and the lines that it leaves from FIRST to LAST. READY is in the
+# line with which the agent is ready for the next step.
 step() {
-    text=$1 wanted=$2 last=$3 ready=$4
-    shift 4
-    call "$text" "$wanted" "$@"
+    first=$1 last=$2 ready=$3
+    shift 3
+    call "$@"
     if ! await_line "$ready"; then
         printf '** the diagnostic log did not get a line with: %s\n' "$ready"
         failed=$((failed + 1))
     fi
-    show_lines "$last"
+    show_lines "$first" "$last"
 }
 
 # A request on the command channel. sa-host hangs up after each one; the agent then opens the channel anew.
 request() {
-    text=$1 wanted_answer=$2
-    shift 2
-    step "$text" "$wanted_answer" 'sa_handle_read_cmd_loop req\[' 'sa_handle_read_cmd_loop reopen' "$@"
+    step 'sa_handle_read_cmd_loop read_len' 'sa_handle_read_cmd_loop req\[' 'sa_handle_read_cmd_loop reopen' "$@"
+}
+
+# A command in the remote shell, which leaves lines, too: they are not shown.
+look() {
+    call "$@"
+    await_line 'sa_listener_loop reopen'
+    seen=$(wc -c <"$log")
 }
 
 await_agent() {
@@ -95,20 +101,21 @@ await_agent() {
 }
 
 tour() {
-    step "Attention, and how the agent meets the end of a connection" OK \
-        'sa_handle_read_cmd_loop reopen' 'sa_handle_read_cmd_loop reopen' send AT
+    step 'sa_handle_read_cmd_loop read_len' 'sa_handle_read_cmd_loop reopen' 'sa_handle_read_cmd_loop reopen' \
+        "Attention, and how the agent handles the end of a connection" OK send AT
     request "Is the service zr-elog running?" 'QUERY_SERVICE: 0' query zr-elog
     request "Start it" OK start zr-elog
     request "It runs" 'QUERY_SERVICE: 1' query zr-elog
     request "Stop it" OK stop zr-elog
     request "Copy kernel messages" OK kernel-log on
-    request "The switch is on" 'KERNEL_LOG: 1' kernel-log '?'
-    request "Kernel-log snapshots are off" 'DMESG_LOG: 0' dmesg-log '?'
+    request "The switch is on" 'KERNEL_LOG: 1' kernel-log query
+    request "Kernel-log snapshots are off" 'DMESG_LOG: 0' dmesg-log query
     request "A system command" OK system 'date > /data/local/tmp/now'
+    look "The state at a glance" '*kernel-log on*zr.log*packets*radio*' status
+    look "The end of the diagnostic log" '[[]*' log -n 5
     request "All logs saved to the card" OK save-log
-    step "A command in the remote shell: what has been saved" '*sa.log*' \
-        'subproc_waiter_service pid.* exit errno' 'subproc_waiter_service pid.* exit errno' \
-        shell 'du -a /storage/real_sd/logs'
+    step 'sa_listener_loop size' 'subproc_waiter_service pid.* exit errno' 'subproc_waiter_service pid.* exit errno' \
+        "A command in the remote shell: what has been saved" '*sa.log*' shell 'du -a /storage/real_sd/logs'
     for set in /storage/real_sd/logs/*; do
         call "All logs of the set, merged by time" '*sa *handle_sa_cmd_req req*main *zr-qel-sa: *' view --grep START_SERVICE "$set"
     done
@@ -122,7 +129,7 @@ else
     printf '\nThe tour is complete; %d things went wrong, see the lines with **.\n' "$failed"
 fi
 if [ "${1-}" = --stay ]; then
-    printf '\nThe console of sa-host is yours: help lists its commands, the end of input (Ctrl-D) ends the handset.\n'
+    printf '\nThe console of sa-host is yours: help lists its commands, the end of input (Ctrl-D) ends the handset.\nCtrl-C abandons a request.\n'
     trap : INT # Ctrl-C is the console's
     sa-host console
 fi
