@@ -12,6 +12,7 @@
 namespace {
 
 constexpr int STEP_MS = 250;
+constexpr int ABSENT_TIMES = 5;  // counted, not timed: a machine may stand still between two looks
 constexpr int TRIES = 3;  // an agent that is being restarted may hang up on the first
 
 void pause(const char *what, int64_t start) {
@@ -43,9 +44,12 @@ int wait_up(const host_options &options, int64_t start, int64_t deadline) {
     return status;
 }
 
+// The agent replaces its channel behind each client, which takes milliseconds: an absence lasts for several looks.
 int wait_down(const host_options &options, int64_t start, int64_t deadline) {
-    while (link_is_present(options, LINK_CHANNEL)) {
+    for (int absent = 0; absent < ABSENT_TIMES;) {
+        absent = link_is_present(options, LINK_CHANNEL) ? 0 : absent + 1;
         if (now_ms() >= deadline) {
+            progress_clear();
             say("The agent still publishes its command channel.");
             return HOST_NO_WAY;
         }

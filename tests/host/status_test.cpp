@@ -148,7 +148,7 @@ TEST_P(Wait, DownEndsOnceTheChannelIsGone) {
     options.restart_ms = 3600000;
     ASSERT_NO_FATAL_FAILURE(boot_link(options));
     EXPECT_EQ(host({"wait", "--for", "up"}).status, 0);
-    const host_result too_early = host({"wait", "--for", "down", "-T", "1"});
+    const host_result too_early = host({"wait", "--for", "down", "-T", "2"});
     EXPECT_EQ(too_early.status, 2);
     EXPECT_NE(too_early.err.find("still publishes its command channel"), std::string::npos) << too_early.err;
     host_job waiting;
