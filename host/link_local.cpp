@@ -173,8 +173,8 @@ std::string explain_absence(const host_options &options, const std::string &path
     if (fd < 0) {
         return text_of(
             "There is no %s at %s: the agent is not running, or publishes it elsewhere. Start the agent, or name the "
-            "right path (see --help).",
-            role, path.c_str());
+            "right path (see --help).%s",
+            role, path.c_str(), options.root == "/" ? " A handset on a cable is reached with --adb." : "");
     }
     close(fd);
     return text_of("The %s %s leads nowhere: the agent that published it has ended. Start the agent and try again.",
