@@ -156,6 +156,7 @@ const char *const KNOWN_SERVICES =
     "zr-elog zr-auto-test zr-qel-mla zr-qel-mla0 zr-qel-mla1 zr-qel-mla2 zr-qel-mla3 zr-qel-mla4 zr-qel-mla5";
 
 const std::vector<command_row> &command_rows() {
+    // clang-format off
     static const std::vector<command_row> rows = {
         {"query",
          "NAME",
@@ -262,18 +263,10 @@ const std::vector<command_row> &command_rows() {
          "Saves the collected logs and the state of the system into a new set on the card.",
          run_save_log,
          {"+SAVE_LOG", SHAPE_BARE, 1800}},
-        {"delete-log",
-         "",
-         0,
-         0,
-         nullptr,
-         OPERAND_OTHER,
-         false,
-         "delete the collected logs, start afresh",
+        {"delete-log", "", 0, 0, nullptr, OPERAND_OTHER, false, "delete the collected logs, start afresh",
          "Deletes the collectors' files in /data/local/log and starts the collectors again. sa.log and the\n"
          "sets on the card are kept.",
-         run_request,
-         {"+DELETE_LOG", SHAPE_BARE, 120}},
+         run_request, {"+DELETE_LOG", SHAPE_BARE, 120}},
 
         {"status", "", 0, 0, nullptr, OPERAND_OTHER, false, "the state of the agent at a glance",
          "Process, switches, collectors with their files, free space, auto-start list, panic records, as\n"
@@ -330,6 +323,7 @@ const std::vector<command_row> &command_rows() {
         {"help", "[SUB-COMMAND]", 0, 1, nullptr, OPERAND_SUB_COMMAND, false, "the summary, or one sub-command's page",
          nullptr, run_help, NO_REQUEST},
     };
+    // clang-format on
     return rows;
 }
 
@@ -341,11 +335,13 @@ const std::vector<option_row> &option_rows() {
          OPTION_TEXT, &all::channel, nullptr, nullptr},
         {"--listener", 'l', nullptr, "PATH", nullptr, OPERAND_FILE, "remote-shell listener (/dev/ttysa1)",
          OPTION_TEXT, &all::listener, nullptr, nullptr},
-        {"--root", 'r', nullptr, "PATH", nullptr, OPERAND_DIRECTORY, "the handset's root directory as seen from here (/)",
+        {"--root", 'r', nullptr, "PATH", nullptr, OPERAND_DIRECTORY,
+         "the handset's root directory as seen from here (/)",
          OPTION_TEXT, &all::root, nullptr, nullptr},
         {"--adb", 0, nullptr, nullptr, nullptr, OPERAND_OTHER, "reach the handset through adb, the only one there is",
          OPTION_FLAG, nullptr, nullptr, &all::is_adb},
-        {"--serial", 0, nullptr, "SERIAL", nullptr, OPERAND_OTHER, "reach the handset with this serial number through adb",
+        {"--serial", 0, nullptr, "SERIAL", nullptr, OPERAND_OTHER,
+         "reach the handset with this serial number through adb",
          OPTION_TEXT, &all::serial, nullptr, nullptr},
         {"--tty", 0, nullptr, "DEVICE[,SPEED]", nullptr, OPERAND_FILE, "reach the command channel over a serial line",
          OPTION_TEXT, &all::tty, nullptr, nullptr},

@@ -13,7 +13,7 @@ namespace {
 
 constexpr int STEP_MS = 250;
 constexpr int ABSENT_TIMES = 5;  // counted, not timed: a machine may stand still between two looks
-constexpr int TRIES = 3;  // an agent that is being restarted may hang up on the first
+constexpr int TRIES = 3;         // an agent that is being restarted may hang up on the first
 
 void pause(const char *what, int64_t start) {
     progress_show(text_of("waiting for the agent to %s: %s", what,
