@@ -1,6 +1,6 @@
-// Fetching a saved log set as one tar stream through the remote shell. On this side a set is dir/.SET.tar.part while it is
-// on its way, and dir/SET once it has been checked and unpacked: that name appears by one rename, so it stands for a complete set. dir/SET/handset.txt, which no set on
-// the card has, tells how the handset's clocks stood.
+// Fetching a saved log set as one tar stream through the remote shell. On this side a set is dir/.SET.tar.part while it
+// is on its way, and dir/SET once it has been checked and unpacked: that name appears by one rename, so it stands for a
+// complete set. dir/SET/handset.txt, which no set on the card has, tells how the handset's clocks stood.
 
 #include "fetch.h"
 
