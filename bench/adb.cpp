@@ -13,6 +13,9 @@ static const char kBulk[] = "/data/bulk";
 static const char kSet[] = "/storage/real_sd/logs/2026_11_21_10_00_00";
 static const char kSetFile[] = "/storage/real_sd/logs/2026_11_21_10_00_00/big";
 
+// The daemon closes a terminal some time after its client has gone, and until then reads what another client is answered.
+static const useconds_t kCloseUs = 200000;
+
 static std::string m_directory;  // of the server's socket, of lock files and copies
 
 static std::string start_daemon(desk *h, desk_child *daemon) {
@@ -61,6 +64,7 @@ static void measure_request(const std::string &through, const std::string &local
     std::vector<double> milliseconds;
     for (int run = 0; run < how.runs; run++) {
         ours.push_back(command_seconds(through + requests, 0) / count);
+        usleep(kCloseUs);
         beside.push_back(command_seconds(local + requests, 0) / count);
         milliseconds.push_back(ours.back() * 1e3);
     }
