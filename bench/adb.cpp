@@ -137,6 +137,14 @@ static void measure_fetch(desk *h, const std::string &through, const std::string
     }
 }
 
+// Also when a figure cannot be measured: the server would outlive this program.
+static void end_server() {
+    if (!m_directory.empty() && system(("adb kill-server 2>/dev/null; rm -rf " + m_directory).c_str()) != 0) {
+        perror(m_directory.c_str());
+    }
+    m_directory.clear();
+}
+
 void bench_adb(const effort &how, report *lines) {
     desk_options options = without_collectors();
     options.data_size = 256u << 20;
@@ -149,6 +157,7 @@ void bench_adb(const effort &how, report *lines) {
         give_up("mkdtemp");
     }
     m_directory = directory;
+    atexit(end_server);
     setenv("HOME", directory, 1);
     setenv("XDG_RUNTIME_DIR", directory, 1);
     setenv("ADB_SERVER_SOCKET", ("localfilesystem:" + m_directory + "/server").c_str(), 1);
@@ -161,7 +170,6 @@ void bench_adb(const effort &how, report *lines) {
     measure_request(through, local, how, lines);
     measure_bulk(h, through, local, how, lines);
     measure_fetch(h, through, local, how, lines);
-    command_seconds("adb kill-server", 0);
     desk_end(h);
-    command_seconds("rm -rf " + m_directory, 0);
+    end_server();
 }

@@ -45,6 +45,9 @@ bool adb_is_installed() {
 
 adb_cable::~adb_cable() {
     kill_server();
+    if (!serial.empty()) {
+        adb({"kill-server"});  // one that sa-host has started in its place
+    }
     if (listening >= 0) {
         close(listening);
     }
