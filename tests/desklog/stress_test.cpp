@@ -31,9 +31,11 @@ static void log_one(const char *who) {
 }
 
 static void on_alarm(int) {
+    const int saved_errno = errno;
     errno = EDOM;
     log_one("handler");
     m_handled.fetch_add(errno == EDOM ? 1 : 1000000);
+    errno = saved_errno;
 }
 
 // Takes and releases the locks of heap and streams, so that a fork or a signal often happens while they are held.
