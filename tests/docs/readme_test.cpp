@@ -1,4 +1,4 @@
-// The transcript of README.md, executed: every command of the host's tool, what it prints, the lines in the agent's log.
+// Runs every sa-host command in the transcript of README.md and compares its output and the lines in the agent's log.
 #include <algorithm>
 #include <regex>
 
@@ -21,8 +21,8 @@ static page_lines lines_of(const std::string &text) {
 
 struct shown_command {
     std::string line;
-    page_lines output;  // without cut places
-    page_lines trail;   // lines of the diagnostic log, whole ones alone
+    page_lines output;  // except cut lines
+    page_lines log;     // lines of the diagnostic log, except cut ones
 };
 
 static bool is_cut(const std::string &text) {
@@ -33,20 +33,20 @@ static std::vector<shown_command> transcript() {
     const std::string prompt = "$ sa-host ";
     std::vector<shown_command> found;
     bool is_inside = false;
-    bool is_trail = false;
+    bool is_log = false;
     for (const std::string &line : page("README.md")) {
         if (line.compare(0, prompt.size(), prompt) == 0) {
             found.push_back({line.substr(2), {}, {}});
             is_inside = true;
-            is_trail = false;
+            is_log = false;
         } else if (line.empty() || line.compare(0, 3, "```") == 0) {
             is_inside = false;
         } else if (is_inside && line.compare(0, 4, "  | ") == 0) {
-            is_trail = true;
+            is_log = true;
             if (!is_cut(line)) {
-                found.back().trail.push_back(line.substr(4));
+                found.back().log.push_back(line.substr(4));
             }
-        } else if (is_inside && !is_trail && !is_cut(line)) {
+        } else if (is_inside && !is_log && !is_cut(line)) {
             found.back().output.push_back(line);
         }
     }
@@ -55,7 +55,7 @@ static std::vector<shown_command> transcript() {
 
 class Readme : public CollectorTest {
   protected:
-    // Each line is among those that are there, numbers aside.
+    // Expects every shown line in the text. Numbers may differ.
     static void expect_all(const page_lines &shown, const std::string &text, const std::string &command) {
         page_lines there;
         for (const std::string &line : lines_of(text)) {
@@ -85,14 +85,14 @@ TEST_F(Readme, TranscriptIsWhatARunShows) {
         EXPECT_EQ(result.status, 0) << shown.line << result.errors;
         expect_all(shown.output, result.output, shown.line);
         std::string log;
-        // The lines may come a moment after the answer. Requests hold carriage returns, shown as \r.
+        // The agent may write its lines after the answer. README.md shows the carriage return of a request as \r.
         desk_until([&] {
             log = std::regex_replace(desk_file_text(h, kSaLog), std::regex("\r"), "\\r");
             const std::string text = without_numbers(log);
-            return std::all_of(shown.trail.begin(), shown.trail.end(), [&](const std::string &line) {
+            return std::all_of(shown.log.begin(), shown.log.end(), [&](const std::string &line) {
                 return text.find(without_numbers(line)) != std::string::npos;
             });
         });
-        expect_all(shown.trail, log, shown.line);
+        expect_all(shown.log, log, shown.line);
     }
 }
