@@ -15,7 +15,6 @@
 #include "sa/main/base/log.h"
 #include "sa/main/base/subproc.h"
 #include "sa/main/base/text.h"
-#include "sa/main/signals.h"
 
 static const char kListenerName[] = "/dev/ttysa1";
 static const char kKillRequest[] = "host:kill";
@@ -176,7 +175,7 @@ int sa_listener_loop(void) {
         if (strcmp(request_a, kKillRequest) == 0) {
             sa_log_platform("%s exit(0)", __func__);
             sa_log_file("host:kill exit");
-            sa_exit(0);  // at once, without teardown: the published names stay, and the next start replaces them
+            _exit(0);  // at once, without teardown: the published names stay, and the next start replaces them
         }
         const int fd_pair = open_ptm_connection(fd);
         sa_log_platform("%s fd_pair[%d]", __func__, fd);  // the listener here, the connection in the file: on purpose

@@ -109,5 +109,5 @@ int main(int argc, char *argv[]) {
     sa_log_platform("%s sa_deinit_resource", __func__);
     sa_log_file("exit");
     sa_deinit_resource();
-    sa_exit(static_cast<int>(ret_val));
+    _exit(static_cast<int>(ret_val));  // as in the signal handler: without exit handlers and destructors
 }

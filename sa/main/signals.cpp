@@ -85,10 +85,6 @@ void sa_deinit_resource(void) {
     sa_log_file("exit ret_val[%ld]", ret_val);
 }
 
-void sa_exit(int status) {
-    _exit(status);
-}
-
 void signal_treatment(int signo) {
     const int saved_errno = errno;
     sigset_t mask;
@@ -109,7 +105,7 @@ void signal_treatment(int signo) {
     sa_deinit_resource();
     if (signo != SIGUSR2) {
         sa_log("exit");
-        sa_exit(0);
+        _exit(0);  // another thread may be inside the loader, stdio or a foreign library: no exit handler may run
     }
     sa_log_platform("ready to kill all child service");
     sa_kill_all_child_service_ex();

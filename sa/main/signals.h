@@ -23,10 +23,4 @@ void signal_treatment(int signo);
 /** Closes the command channel. Any thread; may be called again. */
 void sa_deinit_resource(void);
 
-/**
- * Ends the process at once, without exit handlers and destructors: another thread may be inside the loader, in stdio or in
- * a foreign library, and the agent leaves nothing unflushed.
- */
-__attribute__((noreturn)) void sa_exit(int status);
-
 #endif

@@ -181,12 +181,15 @@ static void *read_kernel_log_loop(void *arg) {
     uint32_t count = 0;
     int fd_r = -1;
     int fd_w = -1;
-    const uint32_t limit = static_cast<uint32_t>(m_rec_ptr->file_size_val) * 1024U;
+    // Read once: +DELETE_LOG may fill the record again while this thread starts.
+    const int32_t file_num = __atomic_load_n(&m_rec_ptr->file_num_val, __ATOMIC_RELAXED);
+    const int32_t file_size = __atomic_load_n(&m_rec_ptr->file_size_val, __ATOMIC_RELAXED);
+    const uint32_t limit = static_cast<uint32_t>(file_size) * 1024U;
     pub_util_accept_stop();
     sa_log_entry();
     sa_log_file("param[%p]", arg);
     sa_format(path_a, sizeof(path_a), "%s/kmsg.log", g_log_path_a);
-    update_zr_log_file(path_a, m_rec_ptr->file_num_val, m_rec_ptr->file_size_val);
+    update_zr_log_file(path_a, file_num, file_size);
     sa_log("log_path[%s]", path_a);
     if (!take_files(path_a, &fd_r, &fd_w)) {
         return nullptr;

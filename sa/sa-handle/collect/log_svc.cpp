@@ -31,7 +31,8 @@ static void copy_whole(char *field_ptr, size_t size, const char *token) {
 // Takes a count or a size: the number from the whole token (0 when it is none), the text as far as it fits.
 static void take_number(char *text_ptr, size_t size, int32_t *value_ptr, const char *token) {
     const long value = strtol(token, nullptr, 10);
-    *value_ptr = value > INT32_MAX ? INT32_MAX : value < INT32_MIN ? INT32_MIN : static_cast<int32_t>(value);
+    const int32_t cut = value > INT32_MAX ? INT32_MAX : value < INT32_MIN ? INT32_MIN : static_cast<int32_t>(value);
+    __atomic_store_n(value_ptr, cut, __ATOMIC_RELAXED);  // a kernel-message reader that starts may read it now
     sa_copy_cut(text_ptr, size, token);
 }
 
