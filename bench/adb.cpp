@@ -1,5 +1,5 @@
-// sa-host through adb, beside sa-host with the handset's files at hand, and beside adb's own ways through the same daemon.
-// Owns the directory of the adb server while it measures.
+// sa-host through adb, compared with sa-host on local files and with adb's own commands through the same daemon.
+// State: the directory of the adb server during the measurement.
 #include <netinet/in.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -13,7 +13,7 @@ static const char kBulk[] = "/data/bulk";
 static const char kSet[] = "/storage/real_sd/logs/2026_11_21_10_00_00";
 static const char kSetFile[] = "/storage/real_sd/logs/2026_11_21_10_00_00/big";
 
-// The daemon closes a terminal some time after its client has gone, and until then reads what another client is answered.
+// The daemon closes a terminal some time after its client hangs up. Until then it reads the answers of other clients.
 static const useconds_t kCloseUs = 200000;
 
 static std::string m_directory;  // of the server's socket, of lock files and copies
@@ -52,7 +52,7 @@ static double command_seconds(const std::string &command, size_t expected) {
     return seconds;
 }
 
-// One client, one turn, many requests.
+// Many requests from one client over one connection.
 static void measure_request(const std::string &through, const std::string &local, const effort &how, report *lines) {
     const int count = how.quick ? 200 : 1000;
     std::string requests = " send";
@@ -107,7 +107,7 @@ static void measure_bulk(desk *h, const std::string &through, const std::string 
     }
 }
 
-// A fetch reads the set twice, for its checksum first, and unpacks it; a pull reads it once and checks nothing.
+// A fetch reads the set twice, the first time for the checksum, and unpacks it. A pull reads it once, without a check.
 static void measure_fetch(desk *h, const std::string &through, const std::string &local, const effort &how,
                           report *lines) {
     const size_t size = how.quick ? 20000000 : 200000000;
@@ -137,7 +137,7 @@ static void measure_fetch(desk *h, const std::string &through, const std::string
     }
 }
 
-// Also when a figure cannot be measured: the server would outlive this program.
+// Also stops the server when a measurement fails; it would outlive this program.
 static void end_server() {
     if (!m_directory.empty() && system(("adb kill-server 2>/dev/null; rm -rf " + m_directory).c_str()) != 0) {
         perror(m_directory.c_str());

@@ -1,4 +1,4 @@
-// The groups of figures. Each boots the handsets that it needs and adds its lines to the report.
+// The groups of measurements. Each boots the handsets that it needs and adds its lines to the report.
 #ifndef BENCH_BENCHES_H
 #define BENCH_BENCHES_H
 
@@ -17,7 +17,7 @@ void bench_memory(const effort &how, report *lines);
 void bench_size(const effort &how, report *lines);
 void bench_scale(const effort &how, report *lines);
 
-// Compares the instructions of the hot paths with the table at `path` and prints them; `record` writes the table anew.
+// Compares the instructions of the hot paths with the table at `path` and prints them; `record` writes the table again.
 void bench_instructions(const std::string &path, bool record);
 
 #endif

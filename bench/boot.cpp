@@ -1,5 +1,5 @@
-// From the start of the service to the first OK, with all collectors, beside the four pauses of 100 ms that follow the
-// launch of its four collector children. No state.
+// From the start of the service to the first OK, with all collectors, compared with the four pauses of 100 ms after the
+// launches of its four collector children. No state.
 #include <unistd.h>
 
 #include "bench/benches.h"
@@ -16,7 +16,7 @@ static double milliseconds_of_pauses() {
     return (now_seconds() - start) * 1e3;
 }
 
-// Stopping it takes no part in the figure.
+// Stopping the agent is not part of the value.
 static double milliseconds_of_start(desk *h) {
     stop_agent(h);
     const double start = now_seconds();

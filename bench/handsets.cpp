@@ -18,7 +18,7 @@ static const char kChannel[] = "/dev/ttyCMD0";
 static const char kListener[] = "/dev/ttysa1";
 static const char kQuiet[] = "/data/local/log,I1,0,0,I2,0,0,I3,0,0,I4,0,0,I5,0,0,I6,0,0";
 static const int kLimit = 20000;      // ms
-static const int kReadyLimit = 100;   // ms for an answer of an agent that may be opening its channel just now
+static const int kReadyLimit = 100;   // ms for an answer of an agent that may still be opening its channel
 static const double kBootLimit = 20;  // s
 static const char kPort[] = "2222";
 

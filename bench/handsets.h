@@ -1,4 +1,4 @@
-// Handsets to measure in, and the dialogue with their agent. Whatever fails here ends the program (give_up).
+// Handsets for measurements, and the dialogue with their agent. Any failure ends the program (give_up).
 #ifndef BENCH_HANDSETS_H
 #define BENCH_HANDSETS_H
 
@@ -16,17 +16,17 @@ desk_options without_collectors();
 desk *boot_handset(desk_options options);
 // The host's pid of the agent.
 pid_t agent_of(desk *h);
-// Stops the service and removes the names that a killed agent leaves: they lead nowhere, or to the next one's terminals.
+// Stops the service and removes the names that a killed agent leaves: they dangle, or point to the terminals of the next agent.
 void stop_agent(desk *h);
 // Stops it and starts it again; waits for its OK.
 void restart_agent(desk *h);
 
 // ---- channels
 
-// Opens a terminal as soon as it can be opened; looks again at once, not after a pause.
+// Opens a terminal as soon as possible; retries without a pause.
 int open_terminal(desk *h, const std::string &path);
-// Opens the command channel and waits for its first OK. What can be opened just after a client has left may still be the
-// terminal that this client had, and which the agent is about to replace: then the next one is tried.
+// Opens the command channel and waits for its first OK. Just after a hang-up it may open the old terminal, which the agent
+// is about to replace; then it opens the name again.
 int open_channel(desk *h);
 // Sends a request and waits for an answer that ends with OK. Returns whether it came in time.
 bool try_request(int channel, const std::string &request, int limit_ms);
@@ -34,7 +34,7 @@ void request_ok(int channel, const std::string &request);
 // Asks for a remote shell and opens its terminal. `listener` is open.
 int open_shell(desk *h, int listener, const std::string &command);
 void write_text(int fd, const std::string &text);
-// Reads until the end or `limit` bytes; returns how many came.
+// Reads until the end or `limit` bytes; returns the number of bytes.
 size_t read_all(int fd, size_t limit);
 
 // ---- programs
@@ -48,18 +48,18 @@ std::string run_shell(desk *h, const std::string &command);
 
 // ---- dropbear, as a peer
 
-// Brings keys and an account; to be called between boot and start_dropbear.
+// Copies keys and an account into the handset. Call it between boot and start_dropbear.
 void prepare_dropbear(desk *h);
 desk_child start_dropbear(desk *h);
 
-// ---- processes, by their pid on the host
+// ---- processes, by host pid
 
 struct memory {
     double pss = 0;       // KiB, all three
     double private_ = 0;  // clean and dirty
     double dirty = 0;     // private dirty
 };
-// All threads of a process of the host's; -1: any processor. Where there is but one nothing changes.
+// Pins all threads of a process, by host pid, to a processor; -1: any. Does nothing on a machine with one processor.
 void keep_on_processor(pid_t host_pid, int processor);
 
 // Of a process of the host's.

@@ -1,4 +1,4 @@
-// The idle agent: how many system calls it makes while nobody wants anything, all collectors running and quiet. No state.
+// Counts the system calls of an idle agent, without requests and with all collectors running and idle. No state.
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/wait.h>
@@ -19,7 +19,7 @@ static std::string scratch_file() {
     return name;
 }
 
-// Traces the process for a while. A call that already waited at the beginning and still does is no call of that time.
+// Traces the process for some time. A call that waits from before the beginning until after the end does not count.
 static int calls_within(pid_t host_pid, unsigned seconds) {
     const std::string trace = scratch_file();
     const std::string target = std::to_string(host_pid);
@@ -56,7 +56,7 @@ static int calls_within(pid_t host_pid, unsigned seconds) {
 void bench_idle(const effort &how, report *lines) {
     const unsigned seconds = how.quick ? 5 : 60;
     desk *h = boot_handset(desk_options());
-    sleep(2);  // the last lines of the boot
+    sleep(2);  // the last log lines of the boot
     figure line;
     line.what = text_of("idle for %u s, system calls", seconds);
     line.ours = "strace";

@@ -1,5 +1,5 @@
-// What is measured inside a handset: the agent's own functions beside their floors, and programs as a whole. Called by
-// the benchmarks as `sa-bench-inside WORD ARGUMENT...`; figures go to standard output, in seconds.
+// Measurements inside a handset: the agent's functions and their floors, and whole programs. The benchmarks call it as
+// `sa-bench-inside WORD ARGUMENT...`. It prints seconds to standard output.
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -22,8 +22,8 @@
 static const char kLastName[] = "zr-bench-last";
 static const char kNobody[] = "zr-bench-nobody";
 
-// Processor time of this thread, in and out of the kernel: a lookup takes long enough to be interrupted, and whoever else
-// runs on a busy machine has no part in it.
+// Processor time of this thread, user and system. A lookup is long enough to be interrupted, and other processes do not
+// count in this time.
 static double processor_seconds() {
     struct timespec now;
     clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
@@ -54,7 +54,7 @@ static void bare_line() {
     floor_line("[11-21 10:00:00.000]agent_line cmd[/system/bin/logcat] param_size[12]\n");
 }
 
-// Each line is measured alone, with the daemon idle before it, the two in turn. Prints the medians of each run.
+// Measures single lines of agent and floor in turn, with the daemon idle before each. Prints the medians of each run.
 static int measure_lines(int runs, int lines) {
     for (int run = 0; run < runs; run++) {
         std::vector<double> ours;
@@ -72,7 +72,7 @@ static int measure_lines(int runs, int lines) {
 
 // ---- lookups
 
-// Processes that only exist, the last of them under a name of its own. They end with this program.
+// Starts processes that only wait; the last one has a different name. They end with this program.
 static void make_processes(int count) {
     for (int i = 0; i < count; i++) {
         if (fork() == 0) {
@@ -101,7 +101,7 @@ static double bare_lookup(const char *name) {
     return busy_seconds_of([&] { floor_lookup(name); });
 }
 
-// A program as a whole, from its start to its end, in time as it goes by.
+// Wall-clock time of a whole program, from start to end.
 static double program_seconds(const char *file, char *const argv[]) {
     const double start = now_seconds();
     const pid_t pid = fork();
@@ -123,7 +123,7 @@ static double find_with(const char *file, const char *program, const char *optio
     return program_seconds(file, const_cast<char *const *>(argv));
 }
 
-// Prints for each run: agent and floor of a hit, agent and floor of a miss, pidof and pgrep -f of a miss.
+// Prints for each run: agent and floor for a name that exists; agent, floor, pidof and pgrep -f for one that does not.
 static int measure_lookups(int runs, int calls, int processes) {
     make_processes(processes);
     for (int run = 0; run < runs; run++) {
@@ -144,7 +144,7 @@ static int measure_lookups(int runs, int calls, int processes) {
 
 // ---- command lines
 
-// Each line of a file by a shell of its own, as `system` does it: the floor of whoever runs lines that way.
+// Runs each line of a file in its own shell, as `system` does: the floor of the save.
 static int run_lines(const char *path) {
     std::ifstream file(path);
     std::string line;
@@ -156,7 +156,7 @@ static int run_lines(const char *path) {
     return 0;
 }
 
-// ---- paths whose instructions are counted: each is gone `count` times
+// ---- paths whose instructions are counted; each runs `count` times
 
 static int go_lines(int count) {
     for (int i = 0; i < count; i++) {
@@ -183,7 +183,7 @@ static int go_lookups(int count) {
     return 0;
 }
 
-// The reader of kernel messages on its thread; whoever feeds it ends this program.
+// Runs the kernel-message reader on its thread. The program that writes the messages ends this one.
 static int go_kmsg() {
     g_zr_log_svc[LOG_SVC_KMSG - 1].file_size_val = 20480;
     return start_kernel_reader() == 0 ? pause() : 1;

@@ -1,5 +1,5 @@
-// Instructions of the hot paths, counted by callgrind: no busy machine blurs them. A path is gone n and 2n times; the
-// difference is the path's own. Compared with a table in the tree, for people to look at. No state.
+// Instructions of the hot paths, counted by callgrind, which other work on the machine does not change. Each path runs n
+// and 2n times, and the difference is the path's own count. Prints a comparison with a table in the tree. No state.
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -19,7 +19,7 @@ static const char kProfile[] = "/data/profile";
 
 struct path {
     const char *name;
-    std::vector<std::string> words;  // of /desk/inside; COUNT stands for how often
+    std::vector<std::string> words;  // arguments of /desk/inside; COUNT is replaced by the number of runs
 };
 
 static const std::vector<path> kPaths = {
@@ -61,7 +61,7 @@ static double count_path(desk *h, const path &hot) {
     return (instructions_of(h, hot.words, 2 * kTimes) - instructions_of(h, hot.words, kTimes)) / kTimes;
 }
 
-// ---- the kernel-message reader, which never comes back by itself
+// ---- the kernel-message reader, which never returns
 
 static double instructions_of_pieces(desk *h, int pieces) {
     const int stream = desk_open(h, "/proc/kmsg", O_RDWR | O_CLOEXEC);

@@ -1,6 +1,6 @@
-// Copying kernel messages: as many bytes as the file holds, fed as fast as they are read, beside `dd` with the same
-// buffer and `busybox cat`, which read the same stream in a second handset, whose agent does not. All overwrite their file
-// in place, the agent because its file wraps just there. No state.
+// Copying kernel messages, written as fast as they are read, as many bytes as the file holds. Compared with `dd` with the
+// same buffer and `busybox cat`, which read the same stream in a second handset without a kernel-message reader. All
+// overwrite their file in place; the agent's file wraps at exactly that size. No state.
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -10,7 +10,7 @@
 
 static const char kStream[] = "/proc/kmsg";
 static const int kPipeSize = 1 << 20;
-static const size_t kPiece = 99 * 600;  // what a write feeds: whole pieces of the reader's
+static const size_t kPiece = 99 * 600;  // size of one write: a multiple of the reader's pieces
 
 static void await_read(int pipe) {
     int unread = 1;
@@ -19,7 +19,7 @@ static void await_read(int pipe) {
     }
 }
 
-// Feeds a reader that is already waiting; returns bytes a second.
+// Writes to a reader that already waits. Returns bytes per second.
 static double feed(int pipe, size_t bytes) {
     const std::string piece(kPiece, 'k');
     write_text(pipe, std::string(99, 'k'));
@@ -83,7 +83,7 @@ void bench_kmsg(const effort &how, report *lines) {
         const double speeds[] = {feed(stream, bytes), peer_speed(peers, peer_stream, bytes, {"/usr/bin/dd", "bs=99"}),
                                  peer_speed(peers, peer_stream, bytes, {"/desk/inside", "copy"}),
                                  peer_speed(peers, peer_stream, bytes, {"/system/xbin/busybox", "cat"})};
-        if (run >= 0) {  // the one before makes the files
+        if (run >= 0) {  // run -1 creates the files
             ours.push_back(speeds[0]);
             dd.push_back(speeds[1]);
             floors.push_back(speeds[2]);

@@ -1,4 +1,4 @@
-// One diagnostic line to both logs, beside one datagram and one open, write and close. No state.
+// One diagnostic line to both logs, compared with one datagram and one open, write and close. No state.
 #include "bench/benches.h"
 #include "bench/handsets.h"
 

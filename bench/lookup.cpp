@@ -1,5 +1,5 @@
-// Looking a process up by name among few and many, found last and not found, beside a bare loop over /proc. pidof and
-// pgrep stand there for orientation: as whole programs, which must start before they look. No state.
+// Lookup of a process by name among few and many processes, found last or not found, compared with a bare loop over /proc.
+// pidof and pgrep are listed for orientation only: they are whole programs and must start first. No state.
 #include "bench/benches.h"
 #include "bench/handsets.h"
 
@@ -49,7 +49,7 @@ static void add_lines(int processes, const columns &found, report *lines) {
     lines->push_back(line_of("the same, for orientation", found[MISS], "pgrep -f", found[PGREP]));
 }
 
-// Seconds for one process more, for each run.
+// Seconds for each additional process, one value for each run.
 static std::vector<double> slopes(const std::vector<double> &few, const std::vector<double> &many) {
     std::vector<double> slope;
     for (size_t i = 0; i < few.size(); i++) {

@@ -1,5 +1,5 @@
-// The benchmarks: measures the agent on desk handsets, each figure beside a peer or a floor, and prints a table. A full
-// run also writes results.md and chart.svg into the directory given. Run as root.
+// The benchmarks: measures the agent on desk handsets, compares each value with a peer or a floor, and prints a table. A
+// full run also writes results.md and chart.svg into the given directory. Run as root.
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
@@ -18,13 +18,13 @@ static const group kGroups[] = {
     {"idle", bench_idle},       {"memory", bench_memory}, {"size", bench_size},     {"scale", bench_scale},
 };
 
-static const int kPriority = -15;  // of all that is measured, so that little else of the machine gets in between
+static const int kPriority = -15;  // nice value of everything that is measured, so that other work interferes less
 static const char kInstructions[] = "instructions";
 
 struct choice {
     effort how;
     std::string directory;
-    std::vector<std::string> names;  // none: all
+    std::vector<std::string> names;  // empty: all
     bool record = false;
 };
 
@@ -51,7 +51,7 @@ static bool is_known(const std::string &name) {
     return name == kInstructions;
 }
 
-// Returns false when the command line is not understood.
+// Returns false if the command line is invalid.
 static bool read_choice(int argc, char **argv, choice *chosen) {
     for (int i = 1; i < argc; i++) {
         const std::string word = argv[i];

@@ -1,4 +1,4 @@
-// Arithmetic of figures. No state.
+// Statistics of measured values. No state.
 #include "bench/measure.h"
 
 #include <stdarg.h>

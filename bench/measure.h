@@ -1,14 +1,14 @@
-// Figures and the report that they make. A figure is the median and the spread of interleaved runs: each run measures the
-// agent and what it is compared with, one right after the other, so that a busy machine disturbs both alike.
+// Measured values and the report. A value is the median and the spread of several runs. Each run measures the agent and
+// what it is compared with directly after each other, so that other work on the machine affects both equally.
 #ifndef BENCH_MEASURE_H
 #define BENCH_MEASURE_H
 
 #include <string>
 #include <vector>
 
-// How long is measured.
+// How much is measured.
 struct effort {
-    bool quick = false;  // a try-out: fewer runs of less work
+    bool quick = false;  // a trial: fewer runs with less work
     int runs = 9;        // interleaved runs of each comparison
 };
 
@@ -23,9 +23,9 @@ enum goal_kind { NO_GOAL, AT_MOST, AT_LEAST };
 // One line of the report.
 struct figure {
     std::string what;
-    std::string ours;    // the agent's own figure, with its unit
-    std::string beside;  // what stands beside it, and its figure
-    spread value;        // what the goal is about: a ratio, or a number of `unit`
+    std::string ours;    // the agent's value, with its unit
+    std::string beside;  // what it is compared with, and its value
+    spread value;        // compared with the goal: a ratio, or a number of `unit`
     std::string unit;    // "×", "ms", ...
     goal_kind kind = NO_GOAL;
     double goal = 0;
@@ -35,7 +35,7 @@ typedef std::vector<figure> report;
 
 double now_seconds();
 double median_of(std::vector<double> values);
-// share 0.99: the value that 99 of 100 do not exceed.
+// share 0.99: the 99th percentile.
 double percentile_of(std::vector<double> values, double share);
 spread spread_of(const std::vector<double> &values);
 // One value for each run: ours[i] / theirs[i].
@@ -47,7 +47,7 @@ std::string text_of(const char *format, ...) __attribute__((format(printf, 1, 2)
 // "12.3 µs", "1.20 ms", "2.10 s": three significant digits.
 std::string seconds_text(double seconds);
 
-// Ends the program: the figure cannot be measured. Handsets die with it.
+// Ends the program because a value cannot be measured. Its handsets end with it.
 [[noreturn]] void give_up(const std::string &reason);
 
 // The report in three forms.

@@ -1,5 +1,5 @@
-// What the agent holds with all collectors running, after its start and after many requests, beside an idle `busybox sh`
-// and an idle dropbear. No state.
+// Memory of the agent with all collectors running, after its start and after many requests, compared with an idle `busybox
+// sh` and an idle dropbear. No state.
 #include <fcntl.h>
 #include <stdio.h>
 #include <unistd.h>
@@ -27,7 +27,7 @@ static void add(series *all, const memory &held) {
 
 // ---- stacks
 
-// Where a waiting thread's stack is: the last but one word of what the kernel tells of its call.
+// The stack pointer of a waiting thread: the last but one word in /proc/<pid>/task/<tid>/syscall.
 static unsigned long stack_pointer(const std::string &task) {
     std::ifstream file(task + "/syscall");
     std::vector<std::string> words;
@@ -38,7 +38,7 @@ static unsigned long stack_pointer(const std::string &task) {
     return words.size() < 3 ? 0 : strtoul(words[words.size() - 2].c_str(), nullptr, 16);
 }
 
-// KiB in use of the mapping that holds an address.
+// Resident KiB of the mapping that contains an address.
 static double resident_around(pid_t host_pid, unsigned long address) {
     std::ifstream file("/proc/" + std::to_string(host_pid) + "/smaps");
     std::string line;
@@ -81,7 +81,7 @@ static void look_at_peers(desk *h, series *busybox, series *dropbear) {
     desk_child shell = start_busybox(h, &input);
     prepare_dropbear(h);
     desk_child server = start_dropbear(h);
-    usleep(100000);  // both have come to rest
+    usleep(100000);  // until both are idle
     add(busybox, memory_of(desk_host_pid(h, shell.pid)));
     add(dropbear, memory_of(desk_host_pid(h, server.pid)));
     end_program(h, &shell);
@@ -94,7 +94,7 @@ static void look_at_peers(desk *h, series *busybox, series *dropbear) {
 static void look_at_agent(desk *h, int requests, series *started, series *later, std::vector<double> *stacks) {
     const pid_t agent = agent_of(h);
     const int channel = open_channel(h);
-    usleep(500000);  // the last lines of the boot
+    usleep(500000);  // the last log lines of the boot
     add(started, memory_of(agent));
     for (int i = 0; i < requests; i++) {
         request_ok(channel, "AT\r");

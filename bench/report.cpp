@@ -40,7 +40,7 @@ static std::vector<std::string> cells_of(const figure &line) {
     return {line.what, line.ours, line.beside, value_text(line), goal_text(line), met_text(line)};
 }
 
-static const std::vector<std::string> kTitles = {"what", "agent", "beside it", "value: median (least – most)",
+static const std::vector<std::string> kTitles = {"what", "agent", "compared with", "value: median (min – max)",
                                                  "goal", "met"};
 
 static std::vector<std::vector<std::string>> rows_of(const report &lines) {
@@ -100,16 +100,16 @@ void write_markdown(const report &lines, const std::string &path) {
     std::ofstream page(path);
     struct utsname system;
     uname(&system);
-    page
-        << "# Measurements\n\n"
-        << "Written by `./dev bench` on " << today() << ", on " << processor_name() << ", "
-        << sysconf(_SC_NPROCESSORS_ONLN) << " processors, Linux " << system.release << ".\n\n"
-        << "Each value is the median, and in brackets the least and the most, of interleaved runs: a run measures the\n"
-        << "agent and what stands beside it, one right after the other. × is the agent's figure divided by the "
-           "other's.\n"
-        << "A floor is a few lines of C++ (`bench/floors/`) that make the system calls which the agent has to make.\n"
-        << "What the figures mean, and what explains a missed goal, is told in `bench/README.md`.\n\n"
-        << "![Each figure as a share of what its goal allows](chart.svg)\n\n";
+    page << "# Measurements\n\n"
+         << "Written by `./dev bench` on " << today() << ", on " << processor_name() << ", "
+         << sysconf(_SC_NPROCESSORS_ONLN) << " processors, Linux " << system.release << ".\n\n"
+         << "Each value is the median, with minimum and maximum in brackets, of several runs. Each run measures the "
+            "agent\n"
+         << "and what it is compared with directly after each other. × is the agent's value divided by the other's.\n"
+         << "A floor is a lower bound: a few lines of C++ (`bench/floors/`) that make only the system calls that the "
+            "agent\n"
+         << "must make. `bench/README.md` explains the values and the reasons for missed goals.\n\n"
+         << "![Each value as a share of its limit](chart.svg)\n\n";
     const std::vector<std::vector<std::string>> rows = rows_of(lines);
     for (size_t i = 0; i < rows.size(); i++) {
         for (const std::string &cell : rows[i]) {
@@ -174,7 +174,7 @@ void write_chart(const report &lines, const std::string &path) {
                  "font-size=\"12\">\n",
                  kBarLeft + static_cast<int>(kWidest * kBarUnit) + 20, bottom + 10)
           << "<rect width=\"100%\" height=\"100%\" fill=\"white\"/>\n"
-          << text_of("<text x=\"%d\" y=\"18\" text-anchor=\"middle\">all that the goal allows</text>\n", goal);
+          << text_of("<text x=\"%d\" y=\"18\" text-anchor=\"middle\">limit</text>\n", goal);
     for (size_t i = 0; i < shown.size(); i++) {
         write_bar(chart, shown[i], 30 + kRowHeight * static_cast<int>(i));
     }

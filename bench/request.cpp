@@ -1,7 +1,7 @@
-// An AT request: from the client's write to the whole answer, beside a bare terminal that leaves the same lines. The two
-// are asked in turn, so that both meet the same moments of the machine, and share one processor. Their client, which in
-// life is another machine, has the other one, together with the log daemon: left to the scheduler, who happens to sit
-// where would be most of the difference. No state.
+// An AT request, from the client's write to the whole answer, compared with a bare terminal that logs the same lines. The
+// two are asked in turn, so that other work on the machine affects both equally. They share one processor; the client,
+// which is normally another machine, shares the other with the log daemon. Without this pinning the scheduler's placement
+// would cause most of the difference. No state.
 #include <unistd.h>
 
 #include "bench/benches.h"
@@ -15,7 +15,7 @@ static double seconds_of_request(int channel) {
     return now_seconds() - start;
 }
 
-// The shares of interest of one run.
+// The percentiles of one run.
 struct shares {
     std::vector<double> median;
     std::vector<double> high;
@@ -26,7 +26,7 @@ static void add_shares(shares *all, const std::vector<double> &seconds) {
     all->high.push_back(percentile_of(seconds, 0.99));
 }
 
-// In turn, some at a time: what one of them still writes behind its answer disturbs its own next request and not the other.
+// Alternates in groups of requests, so that log lines after an answer delay a request to the same agent, not to the other.
 static const int kBlock = 20;
 
 static void ask_block(int channel, std::vector<double> *seconds) {
@@ -75,7 +75,7 @@ void bench_request(const effort &how, report *lines) {
     const int requests = how.quick ? 200 : 10000 / how.runs + 1;
     shares ours;
     shares floors;
-    run_once(agent, floor, 100, &ours, &floors);  // what is done once is done
+    run_once(agent, floor, 100, &ours, &floors);  // so that one-time work does not count
     ours = floors = shares();
     for (int run = 0; run < how.runs; run++) {
         run_once(agent, floor, requests, &ours, &floors);

@@ -1,15 +1,15 @@
-// Saving a large log set, beside the same command lines in a shell script, and beside each of them in a shell of its own,
-// which is how the agent runs them. All write to the same card, which is emptied in between. No state.
+// Saving a large log set, compared with the same command lines in one shell script, and with each of them in its own
+// shell, as the agent runs them. All write to the same card, which is emptied in between. No state.
 #include <unistd.h>
 
 #include "bench/benches.h"
 #include "bench/handsets.h"
 
 static const char kScript[] = "/data/save.sh";
-static const int kTries = 3;  // of each run: some of the programs take their time as they please
+static const int kTries = 3;  // attempts in each run, because the time of some programs varies
 static const char kDestination[] = "/storage/real_sd/logs/2026_11_21_10_00_00";
 
-// What the agent runs in this handset, a destination behind the first text and the second behind that.
+// The command lines that the agent runs in this handset: first text, destination, second text.
 static const char *const kLines[][2] = {
     {"cat /proc/driver/codec > ", "/zr3360regs.log"},
     {"busybox cp /data/rec_dump.txt  ", " -R"},
@@ -44,7 +44,7 @@ static void make_log_set(desk *h, size_t bytes) {
     }
 }
 
-// Leaves the same card to both: empty, nothing in flight.
+// Empties the card and waits until everything is written, so that both have the same conditions.
 static void empty_card(desk *h) {
     desk_remove(h, "/storage/real_sd/logs");
     run_shell(h, "sync");
@@ -56,7 +56,7 @@ static double save_seconds(int channel) {
     return now_seconds() - start;
 }
 
-// The directory that the agent makes is made for the others beforehand.
+// The agent creates the directory itself; for the others it is created before.
 static double others_seconds(desk *h, const std::vector<std::string> &words) {
     empty_card(h);
     desk_make_dir(h, kDestination, 0777);

@@ -1,4 +1,5 @@
-// What more costs: open remote shells and hung-up channels, beside fewer of them. A fresh agent for each run. No state.
+// Memory and descriptors of many open remote shells and many hang-ups, compared with fewer. Each run starts a new agent.
+// No state.
 #include <unistd.h>
 
 #include "bench/benches.h"
@@ -15,7 +16,7 @@ static state state_of(pid_t agent) {
     return {memory_of(agent).dirty, descriptors_of(agent)};
 }
 
-// The state with so many shells more.
+// The values after opening that many more shells.
 static state open_shells(desk *h, int listener, int count, std::vector<int> *shells) {
     char byte;
     while (static_cast<int>(shells->size()) < count) {
@@ -25,7 +26,7 @@ static state open_shells(desk *h, int listener, int count, std::vector<int> *she
         }
         shells->push_back(fd);
     }
-    usleep(50000);  // the waiters have written their lines
+    usleep(50000);  // until the waiters have written their log lines
     return state_of(agent_of(h));
 }
 
@@ -38,7 +39,7 @@ struct shell_costs {
     std::vector<double> ten;    // KiB a shell, from 1 to 10
     std::vector<double> fifty;  // from 10 to 50
     std::vector<double> descriptors;
-    std::vector<double> left_open;  // descriptors more than before, after all have gone
+    std::vector<double> left_open;  // additional descriptors after all shells have ended
 };
 
 static void measure_shells(desk *h, shell_costs *costs) {
@@ -62,7 +63,7 @@ static void measure_shells(desk *h, shell_costs *costs) {
 
 // ---- hang-ups
 
-// A client that comes, asks and leaves.
+// Opens the channel, sends a request and hangs up.
 static void hang_up(desk *h, int times) {
     for (int i = 0; i < times; i++) {
         close(open_channel(h));

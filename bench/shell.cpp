@@ -1,5 +1,5 @@
-// The remote shell: from the request to the first byte of `echo`, beside dropbear with a key on the loopback; and a large
-// file through `cat`, beside socat with the same cat on a pseudo-terminal. No state.
+// The remote shell: from the request to the first byte of `echo`, compared with dropbear with a key over loopback; and a
+// large file through `cat`, compared with socat running the same cat on a pseudo-terminal. No state.
 #include <fcntl.h>
 #include <unistd.h>
 

@@ -1,4 +1,4 @@
-// The stripped agent, beside dropbear. No state.
+// The size of the stripped agent, compared with dropbear. No state.
 #include <stdlib.h>
 #include <sys/stat.h>
 

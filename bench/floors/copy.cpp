@@ -1,5 +1,5 @@
-// Floor of the kernel-message reader: pieces of 99 bytes from standard input to standard output, on a thread beside
-// another, as the agent's reader is. No state.
+// Floor of the kernel-message reader: copies pieces of 99 bytes from standard input to standard output, in a process with a
+// second thread, as the agent does. No state.
 #include <pthread.h>
 #include <unistd.h>
 

@@ -1,5 +1,5 @@
-// Floor of an AT request: a bare terminal that answers OK and leaves as many lines in both logs as the agent does, in the
-// same places before and behind the answer. No state.
+// Floor of an AT request: a bare terminal that answers OK and writes as many lines to both logs as the agent does, in the
+// same order before and after the answer. No state.
 #include <fcntl.h>
 #include <stdlib.h>
 #include <termios.h>

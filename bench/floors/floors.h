@@ -1,4 +1,4 @@
-// Floors: the system calls that the agent has to make, and nothing else. No formatting, no checks, no signal masks.
+// Floors, which are lower bounds: only the system calls that the agent must make. No formatting, no checks, no signal masks.
 #ifndef BENCH_FLOORS_FLOORS_H
 #define BENCH_FLOORS_FLOORS_H
 
@@ -8,13 +8,13 @@ void floor_platform_line(const char *text);
 void floor_file_line(const char *text);
 // Both.
 void floor_line(const char *text);
-// Waits until the log daemon has read whatever was sent before, by whomever, so that it disturbs no measurement.
+// Waits until the log daemon has read everything that any process has sent, so that it does not affect a measurement.
 void floor_await_daemon(void);
 
-// The first process whose first argument contains `name`, or 0; with the lines that the agent's lookup leaves.
+// The first process whose first argument contains `name`, or 0. Logs the lines that the agent's lookup logs.
 int floor_lookup(const char *name);
 
-// Serves AT requests on a terminal that is published as `link`: the answer, and the lines that the agent leaves.
+// Serves AT requests on a terminal with the name `link`: writes the answer and the log lines of the agent.
 int floor_echo(const char *link);
 
 // Copies standard input to standard output in pieces of 99 bytes, on a thread.

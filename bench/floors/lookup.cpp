@@ -1,4 +1,4 @@
-// Floor of a process lookup: every process's command line is opened, read and closed. No state.
+// Floor of a process lookup: opens, reads and closes the command line of every process. No state.
 #include <ctype.h>
 #include <dirent.h>
 #include <fcntl.h>
