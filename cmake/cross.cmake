@@ -1,6 +1,6 @@
-# A cross build holds the agent, the stand-ins of its two libraries and the unit tests, and runs them under qemu-user in a
-# handset of the machine's own code: init and the sandbox make namespaces, which the emulator cannot. SA_NATIVE is the
-# native build that the handset comes from. Sets, for the tests:
+# A cross build holds the agent, the stand-ins of its two libraries, sa-host and the unit tests, and runs them under
+# qemu-user in a handset of the machine's own code: init and the sandbox make namespaces, which the emulator cannot.
+# SA_NATIVE is the native build that the handset comes from. Sets, for the tests:
 #   handset_run  boots a handset with the emulated code's libraries in it
 #   emulated     what stands in front of an emulated program there
 set(SA_NATIVE ${CMAKE_SOURCE_DIR}/build/default CACHE PATH "Build directory whose handset runs what is built here")

@@ -35,6 +35,16 @@ awk '
 [ "$(wc -l <"$scratch/expected")" -ge 7 ] || { echo "too few modules were found in the desk's build files" && exit 1; }
 same "sources and their labels"
 
+# sa-host: the desk's patterns and version.
+sed -nE 's/^file\(GLOB sources CONFIGURE_DEPENDS (.*)\)$/\1/p' host/CMakeLists.txt | tr ' ' '\n' | sed 's|^|host/|' |
+    sort >"$scratch/expected"
+awk '/^cc_binary \{/ { inside = 0 } /name: "sa-host"/ { inside = 1 } /^\}/ { inside = 0 } inside' Android.bp |
+    tee "$scratch/sa-host" | grep -oE '"[^"]*\.cpp"' | tr -d '"' | sort >"$scratch/found"
+same "sources of sa-host"
+sed -nE 's/^project\(zr-qel-sa VERSION ([0-9.]*) .*/\1/p' CMakeLists.txt >"$scratch/expected"
+sed -nE 's/.*SA_HOST_VERSION=\\"([0-9.]*).*/\1/p' "$scratch/sa-host" >"$scratch/found"
+same "version of sa-host"
+
 # Warnings and definitions that the desk gives to everything.
 grep -E '^add_compile_(options\(-W|definitions\(_)' CMakeLists.txt | sed -E 's/^[a-z_]+\(//; s/\).*//' | tr ' ' '\n' |
     sed 's/^_/-D_/' | sort >"$scratch/expected"
@@ -45,8 +55,8 @@ sort -o "$scratch/expected" "$scratch/expected"
 same "warnings and definitions"
 [ "$(wc -l <"$scratch/found")" -ge 10 ] || { echo "too few options were found" && failed=1; }
 
-# Every file named exists: sources, init's stanza, the configuration.
-for file in $(grep -oE '"[^":]+\.(cpp|rc|cfg)"' Android.bp | tr -d '"' | grep /); do
+# Every file named exists: sources, init's stanza, the configuration, the page.
+for file in $(grep -oE '"[^":]+\.(cpp|rc|cfg|sh|html|css|js)"' Android.bp | tr -d '"' | grep /); do
     [ -f "$file" ] || { echo "Android.bp names $file, which does not exist" && failed=1; }
 done
 
