@@ -16,7 +16,7 @@ desk_options without_collectors();
 desk *boot_handset(desk_options options);
 // The host's pid of the agent.
 pid_t agent_of(desk *h);
-// Stops the service and removes the names that a killed agent leaves: they dangle, or point to the terminals of the next agent.
+// Stops the service and removes the names that a killed agent leaves, which may point to the next agent's terminals.
 void stop_agent(desk *h);
 // Stops it and starts it again; waits for its OK.
 void restart_agent(desk *h);
