@@ -81,7 +81,7 @@ bool take_stream(void *context, const char *data, size_t len) {
 int receive(const host_options &options, transfer *job) {
     job->begun = job->done;
     job->start_ms = now_ms();
-    job->shown_ms = job->start_ms;
+    job->shown_ms = job->start_ms - SHOW_STEP_MS;  // the first piece is shown at once
     std::string command = job->command;
     if (job->done > 0) {
         command += text_of("|busybox tail -c +%llu", job->done + 1);
