@@ -16,7 +16,7 @@
 static const char kPtmx[] = "/dev/ptmx";
 static const int kDevicePathSize = 512;
 
-// Output processing that raw bytes must not meet. OLCUC and ONOCR have no name everywhere; ONLCR is harmless without OPOST.
+// Output processing that must not change raw bytes. OLCUC and ONOCR have no name everywhere; ONLCR is harmless without OPOST.
 static const tcflag_t kCookedOutput = 0x3B;
 static const tcflag_t kCookedLocal = ISIG | ICANON | ECHO | ECHOE;
 

@@ -30,7 +30,8 @@ struct pub_pty_st {
  * slave is left to user 1000 and group 1001, mode 0660. An open record is closed first. The master is close-on-exec.
  *
  * @return 0; -101 for a null record or an empty mapping name; -118 when a system call failed. After a failure the
- *         record is closed, the link is gone and errno is that of the failed call.
+ *         record is closed, the link is gone and errno is that of the failed call; if the link could not be removed, the
+ *         master stays open (see pub_pty_close).
  */
 int32_t pub_pty_open(struct pub_pty_st *pty_ptr);
 

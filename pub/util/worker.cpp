@@ -70,7 +70,8 @@ static void *run_worker(void *value) {
     struct worker *self = static_cast<struct worker *>(value);
     sigset_t mask;
     if (pthread_setspecific(m_end_key, self) != 0) {
-        leave_registry(self);  // nothing would free the slot: the worker ends before it has begun
+        pub_log_failed_call_as("pub_util_create_thread", "pthread_setspecific", PUB_ERR_SYSTEM);
+        leave_registry(self);  // nothing would free the slot at the worker's end, so it ends now
         return nullptr;
     }
     pub_util_restore_signals(&self->mask);

@@ -7,6 +7,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -23,10 +24,10 @@ static const size_t kShellRequestLength = sizeof(kShellRequest) - 1;
 static const int kRequestSize = 1024;
 static const int kAcknowledgementSize = 512;
 
-static thread_local volatile sig_atomic_t m_is_waiting = 0;
+static volatile sig_atomic_t m_is_waiting = 0;
 
 bool sa_listener_is_waiting(void) {
-    return m_is_waiting != 0;
+    return m_is_waiting != 0 && syscall(SYS_gettid) == getpid();
 }
 
 // ---- pseudo-terminals ----

@@ -5,7 +5,7 @@
 #ifndef SA_MAIN_LISTENER_H
 #define SA_MAIN_LISTENER_H
 
-/** Room for a listener's or connection's name. */
+/** Size of a listener's or connection's name, NUL included. */
 enum { SA_PTM_NAME_SIZE = 512 };
 
 /**
@@ -26,8 +26,9 @@ int open_ptm(char *name_ptr);
 int sa_listener_loop(void);
 
 /**
- * Whether the calling thread waits for a request in the listener's read. A signal handler that asks and gets true has not
- * interrupted the C library in the middle of anything.
+ * Whether the calling thread is the main thread and waits for a request in the listener's read. Called by a signal handler:
+ * if true, and unless it has interrupted another handler, it has not interrupted a function of the C library that holds a
+ * lock.
  */
 bool sa_listener_is_waiting(void);
 

@@ -3,16 +3,17 @@
 // The handler calls ordinary functions, by design. It can, because no thread is ever interrupted in the middle of a log line,
 // of the registry of workers or of a step of the channel (signals are blocked there), because the C library's time zone is
 // asked for only if the interrupted thread sleeps in the listener's read, and because the end runs no exit handler. State:
-// the constant table of names.
+// the constant table of names, and how many handlers are running.
 #include "sa/main/signals.h"
 
 #include <signal.h>
 #include <stdint.h>
 #include <unistd.h>
 
+#include <atomic>
+
 #include <cutils/properties.h>
 
-#include "pub/util/signal_mask.h"
 #include "sa/main/base/codes.h"
 #include "sa/main/base/local_time.h"
 #include "sa/main/base/log.h"
@@ -65,6 +66,8 @@ static const struct sa_signal_row sa_signal_table[] = {
     {0xffff, nullptr, '\0', nullptr},
 };
 
+static std::atomic<int> m_handlers(0);
+
 const char *sa_get_signal_name(int signo) {
     sa_log_entry();
     if (signo == sa_signal_table[0].signo) {
@@ -87,14 +90,8 @@ void sa_deinit_resource(void) {
 
 void signal_treatment(int signo) {
     const int saved_errno = errno;
-    sigset_t mask;
-    sigset_t stop;
-    // A stop of the interrupted thread, by this very handler or by +DELETE_LOG meanwhile, would end the handler with the
-    // thread: it waits until the handler is done.
-    sigemptyset(&stop);
-    sigaddset(&stop, SIGUSR1);
-    pthread_sigmask(SIG_BLOCK, &stop, &mask);
-    const bool is_holding = !sa_listener_is_waiting();
+    const bool is_nested = m_handlers.fetch_add(1) > 0;
+    const bool is_holding = is_nested || !sa_listener_is_waiting();
     if (is_holding) {
         sa_local_time_hold();
     }
@@ -116,14 +113,22 @@ void signal_treatment(int signo) {
     if (is_holding) {
         sa_local_time_release();
     }
+    m_handlers.fetch_sub(1);
     errno = saved_errno;
-    pub_util_restore_signals(&mask);
 }
 
 void sa_install_signals(void) {
     static const int kHandled[] = {SIGINT, SIGTERM, SIGSEGV, SIGBUS, SIGUSR2};
     for (const int signo : kHandled) {
         signal(signo, signal_treatment);
+        // A stop of the interrupted thread, by the handler itself or by +DELETE_LOG meanwhile, would end the handler with the
+        // thread: it is blocked until the handler returns.
+        struct sigaction action;
+        if (sigaction(signo, nullptr, &action) == 0) {
+            sigaddset(&action.sa_mask, SIGUSR1);
+            action.sa_flags |= SA_RESTART;  // as signal() does, on every C library
+            sigaction(signo, &action, nullptr);
+        }
     }
     sa_system_keep_signals();
 }

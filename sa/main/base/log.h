@@ -8,8 +8,8 @@
 //   sa_log_file      file alone, under the function's name
 //   ..._as           on behalf of a named operation, for its inner steps
 //
-// All of them keep errno, use neither heap nor stdio, and may be called on any thread, in a signal handler (between
-// sa_local_time_hold and sa_local_time_release) and in a child between fork and exec.
+// All of them keep errno, use neither heap nor stdio, and may be called on any thread, in a signal handler (see
+// sa_local_time_hold) and in a child between fork and exec.
 #ifndef SA_MAIN_BASE_LOG_H
 #define SA_MAIN_BASE_LOG_H
 
@@ -54,7 +54,7 @@
 #define sa_log_failed_call_as(function, label, error_code) \
     (sa_log_platform_line("sys call: %s() failed! errno = %d", (label), errno), sa_log_error_as(function, error_code))
 
-/** Behind the macros. A line is cut at 2047 bytes of message; it always ends with its newline. */
+/** Behind the macros. A line is cut at 2047 bytes of message; the file line ends with its newline unless the disk is full. The platform log may cut it earlier. */
 void sa_log_both_line(const char *function, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
 /** Likewise, for the platform log. */
 void sa_log_platform_line(const char *fmt, ...) __attribute__((format(printf, 1, 2)));

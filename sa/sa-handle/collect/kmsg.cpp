@@ -2,7 +2,7 @@
 //
 // A reader owns its two descriptors. The worker registry closes them however the reader ends: SIGUSR1 stops it at any
 // moment, since it never waits with that signal blocked. Files are opened without waiting (a pipe without a writer or a
-// reader would wait for one), and a stream without a writer is waited for in poll. Generations shift once, when a
+// reader would wait for one), and a stream that has had no writer yet is waited for in poll. Generations shift once, when a
 // reader starts; within one life the file wraps at its limit and is overwritten from its beginning, the older tail left in
 // place. State: m_read_kernel_log_tid.
 #include "sa/sa-handle/collect/kmsg.h"

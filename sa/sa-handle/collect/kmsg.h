@@ -20,7 +20,7 @@ int start_kernel_reader(void);
 
 /**
  * The kernel branch of start_zr_log_service: starts a reader and makes the kernel console verbose. A collector that is
- * switched off makes it quiet.
+ * switched off makes it quiet. Returns 0, or -100 when the thread cannot be created.
  */
 long start_kmsg_service(struct log_svc_rec *rec_ptr);
 

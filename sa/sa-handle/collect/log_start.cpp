@@ -81,7 +81,7 @@ int32_t start_log_service(void) {
 // ---- stop ----
 
 // Kills a child that has not been reaped yet. The id of a reaped one may belong to another process by now: it gets the
-// answer that the kernel gives for an unused id.
+// answer that the kernel gives for an unused id. (Only an id that is reused between the two calls would be hit.)
 static int kill_child(pid_t pid) {
     siginfo_t info;
     if (waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) != 0 && errno == ECHILD) {

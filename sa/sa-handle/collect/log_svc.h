@@ -40,7 +40,7 @@ struct log_svc_rec {
  */
 extern struct log_svc_rec g_zr_log_svc[LOG_SVC_COUNT];
 
-/** Room for a path in the log directory, with its NUL. */
+/** Size of a path in the log directory, NUL included. */
 enum { LOG_PATH_SIZE = 100 };
 
 /** Directory of the collectors' files. The diagnostic log does not follow it. Written like the table. */
@@ -53,7 +53,7 @@ extern char g_log_path_a[LOG_PATH_SIZE];
  */
 long get_zr_log_config(void);
 
-/** The parsing step of get_zr_log_config; aborts the agent on a path or a type token too long for its field. */
+/** The parsing step of get_zr_log_config, with the same results; aborts the agent on a path or a type token too long for its field. */
 long parse_zr_log_config(const char *value);
 
 #endif

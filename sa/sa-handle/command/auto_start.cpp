@@ -53,7 +53,7 @@ void auto_start_service_list_read(void) {
     memcpy(m_auto_start_list_path_a, kDirectory, sizeof(kDirectory));
     mkdir(kDirectory, 0770);
     if (access(kDirectory, F_OK) != 0) {
-        return;  // the path stays the directory's own; a later update fails to open it
+        return;  // the path stays the directory's own: a later update fails, or makes a plain file of that name
     }
     memcpy(m_auto_start_list_path_a + sizeof(kDirectory) - 1, kFileName, sizeof(kFileName));
     const int fd = open_list(__func__, O_RDONLY);

@@ -1,4 +1,4 @@
-// The command channel's endpoint: m_sa_handle.pty, which no other file touches.
+// The command channel's endpoint: m_sa_handle.pty, which no other file touches once sa_handle_init has cleared the record.
 //
 // The command reader thread opens and closes it. A teardown, in a signal handler on any thread, retires it at any moment:
 //

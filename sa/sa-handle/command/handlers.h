@@ -46,13 +46,6 @@ long handle_sa_dmesg_log_set(int32_t fd, struct sa_msg_st *req_ptr, struct sa_ms
 /** The read form of the command above. */
 long handle_sa_dmesg_log_read(int32_t fd, struct sa_msg_st *req_ptr, struct sa_msg_st *rsp_ptr, const char *arg);
 
-/**
- * Writes the switches to the settings file, /data/zr-qel-sa.set, for readers outside the agent, which never reads it itself.
- *
- * @return 0, also when the file cannot be opened: that is deliberately no failure; -100 when nothing could be written.
- */
-long write_setting(void);
-
 /** +DATA_PACKETS_LOG=0|1: the packet-capture switch. */
 long handle_sa_packets_log_set(int32_t fd, struct sa_msg_st *req_ptr, struct sa_msg_st *rsp_ptr, const char *arg);
 

@@ -14,7 +14,7 @@
 #include "sa/sa-handle/command/response.h"
 
 // Always 0: switching off therefore signals process id 0, that is the agent's whole process group, the agent included;
-// init starts it again. Host tools rely on it.
+// init starts it again. Kept on purpose.
 static const pid_t m_packets_capture_pid = 0;
 
 // A placeholder for a capture of its own: it starts nothing, on purpose.

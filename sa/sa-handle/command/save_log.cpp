@@ -31,7 +31,7 @@ struct save_row {
 
 static const char kTelephony[] = "/com.android.providers.telephony";
 
-// Readers of these logs rely on the double blanks and the numbers.
+// The double blanks and the numbers are kept on purpose.
 // clang-format off
 static const struct save_row kRows[] = {
     {"cat /proc/driver/codec > ",        "/zr3360regs.log", 0, nullptr, false, nullptr},
@@ -74,8 +74,10 @@ static long sa_mkdir(const char *log_path_ptr) {
             sa_log("mkdir(%s) successfully", log_path_ptr);
             return 0;
         }
+        const int saved_errno = errno;
         sa_log("mkdir(%s) faild errno[%d] strerror[%s]", log_path_ptr, errno, pub_util_error_text(errno));
         usleep(kMkdirPause);
+        errno = saved_errno;  // for the caller's report
     }
     return result;
 }
@@ -85,10 +87,8 @@ __attribute__((nonnull)) static void make_directory(const char *path) {
     // Prepared and never run: sa_mkdir makes the directory.
     sa_format(command_a, sizeof(command_a), "mkdir -p %s", path);
     const long ret_val = sa_mkdir(path);
-    const int saved_errno = errno;
     sa_log_as(kLogName, "sa_mkdir(%s) return[%ld]", path, ret_val);
     if (ret_val != 0) {
-        errno = saved_errno;
         sa_log_failed_call_as(kLogName, "mkdir", SA_ERR_FAIL);
     }
 }

@@ -4,7 +4,7 @@
 
 #include <stddef.h>
 
-/** Room for a command line with its NUL; longer ones are cut. */
+/** Size of a command line, NUL included; longer ones are cut. */
 enum { SA_COMMAND_SIZE = 256 };
 
 /** Runs a command line once and reports a failure under the caller's name and line; the caller goes on in every case. */

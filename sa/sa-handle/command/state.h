@@ -16,7 +16,7 @@ struct sa_msg_st {
 /** Cleared by sa_handle_init before any thread of this layer exists. */
 struct sa_handle_st {
     struct pub_thread_id m_read_cmd_thread_id;  // sa_handle_init
-    struct pub_pty_st pty;                      // channel.cpp alone
+    struct pub_pty_st pty;                      // channel.cpp alone, after the clearing
     struct sa_msg_st req;                       // command reader thread
     struct sa_msg_st rsp;                       // command reader thread
     uint8_t m_is_packets_capture;               // 0 or 1: command reader thread

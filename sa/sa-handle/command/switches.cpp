@@ -28,7 +28,8 @@ static const char *yes_or_no(uint8_t is_on) {
     return is_on != 0 ? "Yes" : "No";
 }
 
-long write_setting(void) {
+// For readers outside the agent, which never reads the file itself. An unopenable file is deliberately no failure.
+static long write_setting(void) {
     sa_log_entry();
     // Without waiting, so that a pipe in its place cannot block the agent.
     const int fd = open(kSettings, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0666);
@@ -40,7 +41,7 @@ long write_setting(void) {
                               m_sa_handle.m_is_packets_capture};
     long ret_val = 0;
     if (write(fd, line_a, sizeof(line_a)) < 1) {
-        sa_log_failed_call("fscanf", SA_ERR_COMMAND);  // a fixed label; readers of the log rely on it
+        sa_log_failed_call("fscanf", SA_ERR_COMMAND);  // a fixed label, kept on purpose
         ret_val = SA_ERR_COMMAND;
     } else {
         sa_log_platform("kernel log: %s", yes_or_no(m_sa_handle.m_is_kernel_log));
@@ -53,10 +54,10 @@ long write_setting(void) {
 
 // ---- what a change does ----
 
-// Off stops only the newest reader: an older one that the collector started continues.
+// Off stops only the newest reader, whoever started it; an older one continues.
 static void apply_kernel_log(uint8_t value) {
     if (value != 0) {
-        (void)!start_kernel_reader();  // whether the thread started shows in the log
+        (void)start_kernel_reader();  // a failure is not reported, by design
     } else {
         pub_util_kill_thread(&m_read_kernel_log_tid);
     }
