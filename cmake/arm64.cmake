@@ -1,4 +1,4 @@
-# Cross-building for 64-bit Arm with Debian's compiler; what is built runs under qemu-user (see cross.cmake).
+# Cross build for 64-bit Arm with Debian's compiler. The programs run under qemu-user (see cross.cmake).
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR aarch64)
 set(CMAKE_C_COMPILER aarch64-linux-gnu-gcc)

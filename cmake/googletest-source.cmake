@@ -1,5 +1,5 @@
-# Debian's library of GoogleTest is code of this machine. Its sources come in the same package; a build for another
-# machine or word size compiles them. Sets GTest_FOUND as find_package would.
+# Debian's GoogleTest library is built for this machine only. Builds for another architecture or word size compile its
+# sources, which are in the same package. Sets GTest_FOUND as find_package does.
 set(GTest_FOUND FALSE)
 if(EXISTS /usr/src/googletest/googletest/CMakeLists.txt)
   set(INSTALL_GTEST OFF CACHE BOOL "" FORCE)

@@ -1,6 +1,5 @@
-# Assembles the tree of /system. Called by the build as
-# cmake -DIMAGE=DIR -DLIST=FILE -P image.cmake; each line of the list is "source|path in the tree".
-# Debian's programs are symbolic links, since a handset has the machine's /usr.
+# Assembles the tree of /system. The build runs cmake -DIMAGE=DIR -DLIST=FILE -P image.cmake. Each line of the list is
+# "source|path in the tree". Debian's programs are symbolic links, because a handset has the machine's /usr.
 file(REMOVE_RECURSE ${IMAGE}.new)
 file(STRINGS ${LIST} lines)
 foreach(line ${lines})
@@ -15,7 +14,7 @@ foreach(line ${lines})
   endif()
 endforeach()
 
-# Links to an installed program, unless the tree has its own program of that name.
+# Links to an installed program, unless the tree already has a program of that name.
 function(link_program program path)
   if(EXISTS ${IMAGE}.new/${path} OR IS_SYMLINK ${IMAGE}.new/${path})
     return()
@@ -59,7 +58,7 @@ if(toybox)
   endforeach()
 endif()
 
-# Applets that the platform's toybox has and Debian's does not.
+# Applets of the platform's toybox that are missing in Debian's.
 if(busybox)
   foreach(applet awk dd diff expr getopt more stty tr vi)
     link_program(${busybox} bin/${applet})

@@ -1,7 +1,6 @@
 #!/bin/sh
-# Runs inside a handset whose agent is emulated: waits for its boot, talks to it over both channels, and looks at what it
-# did.
-# The only argument is the emulator's name. Ends with status 0 when everything was as it should be.
+# Runs inside a handset with an emulated agent: waits for its start, uses both channels, and checks the effects.
+# The only argument is the emulator's name. Status 0 if all checks passed.
 # shellcheck disable=SC2317 # conditions are called by name
 emulator=$1
 failed=0
@@ -16,7 +15,7 @@ check() {
     fi
 }
 
-# until_true COMMAND...: for at most 60 seconds.
+# until_true COMMAND...: waits at most 60 seconds.
 until_true() {
     left=300
     while ! "$@" >/dev/null 2>&1; do

@@ -6,9 +6,9 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include "tests/support/lack.h"
+#include "tests/support/skip.h"
 
-static const bool m_skipping = skip_what_lacks();
+static const bool m_skipping = skip_unsupported();
 
 handset::handset(const desk_options &options) : h(desk_boot(options)) {}
 

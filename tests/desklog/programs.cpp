@@ -4,9 +4,9 @@
 #include <signal.h>
 #include <sys/wait.h>
 
-#include "tests/support/lack.h"
+#include "tests/support/skip.h"
 
-static const bool m_skipping = skip_what_lacks();
+static const bool m_skipping = skip_unsupported();
 
 log_desk::log_desk(const std::string &zone) {
     desk_options options;

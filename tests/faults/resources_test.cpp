@@ -16,7 +16,7 @@ class Scarce : public CommandTest {
     void limit(const std::string &what);
     // "a shell" when the remote shell runs a command.
     std::string shell();
-    // All that is answered OK by an agent that lacks nothing.
+    // Expects OK from every request, as without a missing resource.
     void expect_all_well();
     ::testing::AssertionResult holds_no_more();
     // Once those that have been stopped are reaped.

@@ -96,7 +96,7 @@ TEST_F(DeleteLog, RemovesTheCollectorsFilesAndNothingElse) {
     for (const std::string &path : stay) {
         EXPECT_EQ(desk_file_text(h, path), "kept or not\n") << path;
     }
-    EXPECT_NE(desk_file_text(h, kSaLog).find("main pid["), std::string::npos) << "the trail goes on";
+    EXPECT_NE(desk_file_text(h, kSaLog).find("main pid["), std::string::npos) << "the log continues";
     EXPECT_TRUE(in_order(steps(), deletions({0, 0, 0, 0, 0, 0, 0})));
 }
 

@@ -37,7 +37,7 @@ double Launcher::time_of(const std::string &text) {
     return 0;
 }
 
-// ---- the trail of a launch ----
+// ---- the log lines of a launch ----
 
 TEST_F(Launcher, OfLogcatIsLoggedByParentAndChild) {
     ASSERT_NO_FATAL_FAILURE(boot(with_log_property(log_property({{6, "5,5"}}))));

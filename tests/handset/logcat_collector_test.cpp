@@ -3,7 +3,7 @@
 
 class LogcatCollector : public CollectorTest {};
 
-TEST_F(LogcatCollector, LeavesThisTrail) {
+TEST_F(LogcatCollector, WritesTheseLines) {
     ASSERT_NO_FATAL_FAILURE(boot(with_log_property(log_property({{5, "5,5120"}}))));
     const std::string pid = std::to_string(process_with("/data/local/log/logcat-events.log"));
     const std::vector<std::string> both = {

@@ -7,8 +7,8 @@
 #include <termios.h>
 #include <unistd.h>
 
-#include "tests/support/lack.h"
 #include "tests/support/remote_shell.h"
+#include "tests/support/skip.h"
 
 typedef std::vector<std::string> lines;
 

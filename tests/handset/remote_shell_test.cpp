@@ -157,7 +157,7 @@ TEST_F(RemoteShell, RefusesAnyOtherRequestAfterAnnouncingAConnection) {
     EXPECT_TRUE(holds_nothing_more());
 }
 
-TEST_F(RemoteShell, RefusalLeavesItsTrail) {
+TEST_F(RemoteShell, RefusalIsLogged) {
     ASSERT_NO_FATAL_FAILURE(come_up());
     const std::string fd = listener_fd();
     const std::string path = request("host:kill\n");

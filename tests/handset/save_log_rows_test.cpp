@@ -73,7 +73,7 @@ TEST_F(SaveLogRows, WithoutAnyCondition) {
 }
 
 // Everything that one save says: two directories made, nineteen lines less the seven conditional ones.
-TEST_F(SaveLogRows, LeaveTheirTrail) {
+TEST_F(SaveLogRows, AreLogged) {
     ASSERT_NO_FATAL_FAILURE(boot_bare());
     EXPECT_EQ(request("+SAVE_LOG"), kOk);
     const std::string to = destination();

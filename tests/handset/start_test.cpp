@@ -5,8 +5,8 @@
 #include <regex>
 
 #include "tests/support/agent.h"
-#include "tests/support/lack.h"
 #include "tests/support/sanitized.h"
+#include "tests/support/skip.h"
 
 static const char kAgent[] = "/system/bin/zr-qel-sa";
 static const char kPidFile[] = "/tmp/zr-qel-sa.pid";

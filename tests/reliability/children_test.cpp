@@ -8,7 +8,7 @@
 #include <set>
 
 #include "handset/desk/in_place.h"
-#include "tests/reliability/storm.h"
+#include "tests/reliability/stress.h"
 #include "tests/support/collectors.h"
 #include "tests/support/remote_shell.h"
 
@@ -35,7 +35,7 @@ struct manners {
 static const manners kManyManners[] = {{"ends", 0},     {"crashes", 0}, {"chatters", 4}, {"closes", 4},
                                        {"abandons", 0}, {"stops", 4},   {"deaf", 4}};
 
-class CollectorStorm : public CollectorTest {
+class CollectorStress : public CollectorTest {
   protected:
     void TearDown() override {
         end();  // a failure has told the end of the log already
@@ -48,7 +48,7 @@ class CollectorStorm : public CollectorTest {
         options.files.push_back({kManners, "ends", "", 0644, 0, 0});
         ASSERT_NO_FATAL_FAILURE(boot(options));
         agent = desk_agent_pid(h);
-        ASSERT_TRUE(desk_until([&] { return threads(agent) == 2; }, kStormLimit)) << "main thread and command thread";
+        ASSERT_TRUE(desk_until([&] { return threads(agent) == 2; }, kStressLimit)) << "main thread and command thread";
         before = holdings_of(h, agent);
     }
 
@@ -61,7 +61,7 @@ class CollectorStorm : public CollectorTest {
                 return now.children == count && now.zombies == 0 && now.threads == before.threads + count &&
                        now.descriptors == before.descriptors + count;
             },
-            kStormLimit);
+            kStressLimit);
         if (is_so && desk_agent_pid(h) == agent) {
             return ::testing::AssertionSuccess();
         }
@@ -85,7 +85,7 @@ class CollectorStorm : public CollectorTest {
                 break;
             }
             desk_kill(h, child.pid, SIGKILL);
-            desk_wait(h, &child, kStormLimit);
+            desk_wait(h, &child, kStressLimit);
         }
         return child;
     }
@@ -95,8 +95,8 @@ class CollectorStorm : public CollectorTest {
     holdings before;
 };
 
-TEST_F(CollectorStorm, BadMannersAreSurvivedAndClearedAway) {
-    const int rounds = storm_rounds(6);
+TEST_F(CollectorStress, BadMannersAreSurvivedAndClearedAway) {
+    const int rounds = stress_rounds(6);
     ASSERT_NO_FATAL_FAILURE(come_up());
     for (int round = 0; round < rounds; round++) {
         const manners &one = kManyManners[dice.below(sizeof(kManyManners) / sizeof(*kManyManners))];
@@ -114,11 +114,11 @@ TEST_F(CollectorStorm, BadMannersAreSurvivedAndClearedAway) {
 }
 
 // The pid of a collector that has died goes to a process which is none of the agent's.
-TEST_F(CollectorStorm, APidThatHasGoneToSomebodyElseIsSpared) {
+TEST_F(CollectorStress, APidThatHasGoneToSomebodyElseIsSpared) {
     if (desk_in_place()) {
         GTEST_SKIP() << "in place: no pids of its own";
     }
-    const int rounds = storm_rounds(3);
+    const int rounds = stress_rounds(3);
     int spared = 0;
     ASSERT_NO_FATAL_FAILURE(come_up());
     for (int round = 0; round < rounds; round++) {
@@ -135,7 +135,7 @@ TEST_F(CollectorStorm, APidThatHasGoneToSomebodyElseIsSpared) {
                   1);
         EXPECT_EQ(desk_wait(h, &other, 0), -1) << "it was killed";
         ASSERT_TRUE(desk_kill(h, other.pid, SIGKILL));
-        EXPECT_EQ(desk_wait(h, &other, kStormLimit), SIGKILL);
+        EXPECT_EQ(desk_wait(h, &other, kStressLimit), SIGKILL);
         spared++;
     }
     printf("%d pids given to others, all spared\n", spared);
@@ -151,7 +151,7 @@ static const char *const kShells[] = {
     "",  // interactive
 };
 
-class ShellStorm : public RemoteShellTest {
+class ShellStress : public RemoteShellTest {
   protected:
     void TearDown() override {
         if (listener >= 0) {
@@ -181,12 +181,12 @@ class ShellStorm : public RemoteShellTest {
         pid_t newest = -1;
         desk_until(
             [&] {
-                for (const pid_t child : storm_children(h, agent)) {
+                for (const pid_t child : stress_children(h, agent)) {
                     newest = seen.insert(child).second ? child : newest;
                 }
                 return newest != -1;
             },
-            kStormLimit);
+            kStressLimit);
         return newest;
     }
 
@@ -199,7 +199,7 @@ class ShellStorm : public RemoteShellTest {
             close(at->fd);
         }
         const int signo = kSignals[dice.below(sizeof(kSignals) / sizeof(*kSignals))];
-        for (const pid_t child : storm_children(h, agent)) {
+        for (const pid_t child : stress_children(h, agent)) {
             if (child == at->pid) {
                 desk_kill(h, child, signo);
                 desk_kill(h, child, SIGKILL);  // an interactive shell ignores some signals
@@ -223,8 +223,8 @@ class ShellStorm : public RemoteShellTest {
     std::set<pid_t> seen;
 };
 
-TEST_F(ShellStorm, KilledAtRandom) {
-    const int rounds = storm_rounds(20);
+TEST_F(ShellStress, KilledAtRandom) {
+    const int rounds = stress_rounds(20);
     ASSERT_NO_FATAL_FAILURE(come_up());
     for (int round = 0; round < rounds; round++) {
         SCOPED_TRACE("round " + std::to_string(round));
@@ -241,25 +241,25 @@ TEST_F(ShellStorm, KilledAtRandom) {
         kill_one();
     }
     clear_sleepers();
-    EXPECT_TRUE(holds_nothing_more(kStormLimit)) << evidence(h, agent);
+    EXPECT_TRUE(holds_nothing_more(kStressLimit)) << evidence(h, agent);
     EXPECT_EQ(ask("AT\r"), kOk);
     EXPECT_EQ(run_remote("echo still here"), "still here\n");
     printf("%d remote shells killed; %s\n", rounds, to_text(holdings_of(h, agent)).c_str());
 }
 
 // A shell whose children outlive it, the terminal still theirs: they go to init, the agent keeps none of them.
-TEST_F(ShellStorm, OrphansAreNotTheAgents) {
-    const int rounds = storm_rounds(5);
+TEST_F(ShellStress, OrphansAreNotTheAgents) {
+    const int rounds = stress_rounds(5);
     ASSERT_NO_FATAL_FAILURE(come_up());
     for (int round = 0; round < rounds; round++) {
         SCOPED_TRACE("round " + std::to_string(round));
         const int fd = connect("shell:for i in 1 2 3 4 5; do (sleep 1000 &); done; echo left; exit 0");
         ASSERT_GE(fd, 0) << evidence(h, agent);
         EXPECT_EQ(read_until(fd, "left\n"), "left\n");
-        EXPECT_TRUE(holds_nothing_more(kStormLimit)) << evidence(h, agent);
+        EXPECT_TRUE(holds_nothing_more(kStressLimit)) << evidence(h, agent);
         EXPECT_EQ(desk_pids(h, "sleep").size(), 5u);
         clear_sleepers();
-        ASSERT_TRUE(desk_until([&] { return desk_pids(h, "sleep").empty(); }, kStormLimit));
+        ASSERT_TRUE(desk_until([&] { return desk_pids(h, "sleep").empty(); }, kStressLimit));
         close(fd);
         ASSERT_TRUE(desk_remove(h, kSaLog));
     }

@@ -1,5 +1,5 @@
 #!/bin/sh
-# The storms that docs/reliability.md tells how to repeat are there: each name, each filter, with rounds and seed.
+# Checks the commands in docs/reliability.md: each program and filter exists, and each command has rounds and seed.
 #   commands.sh DIRECTORY-OF-THE-PROGRAMS
 set -u
 cd "$(dirname "$0")/../.." || exit 1
@@ -12,11 +12,11 @@ complain() {
     failed=1
 }
 
-# check LINE: "tests/reliability/run NAME ROUNDS SEED", with a remark behind it at most.
+# check LINE: "tests/reliability/run NAME ROUNDS SEED", with an optional comment.
 check() {
     echo "$1" | grep -qE '^[^ ]+ [^ ]+ [0-9]+ [0-9]+( .*)?$' || complain "$1: not a name, rounds and a seed"
-    storm=$(echo "$1" | cut -d' ' -f2)
-    reason=$(tests/reliability/run --list "$storm" 2>&1) || complain "$1: $reason"
+    name=$(echo "$1" | cut -d' ' -f2)
+    reason=$(tests/reliability/run --list "$name" 2>&1) || complain "$1: $reason"
 }
 
 while read -r line; do

@@ -9,7 +9,7 @@
 #include <memory>
 #include <thread>
 
-#include "tests/reliability/storm.h"
+#include "tests/reliability/stress.h"
 #include "tests/support/collectors.h"
 #include "tests/support/sanitized.h"
 
@@ -61,7 +61,7 @@ static void PrintTo(const reader_case &one, std::ostream *out_ptr) {
     *out_ptr << one.name;
 }
 
-class KernelReaderStorm : public CollectorTest, public ::testing::WithParamInterface<reader_case> {
+class KernelReaderStress : public CollectorTest, public ::testing::WithParamInterface<reader_case> {
   protected:
     void TearDown() override {
         end();  // a failure has told the end of the log already
@@ -84,9 +84,9 @@ class KernelReaderStorm : public CollectorTest, public ::testing::WithParamInter
         agent = desk_agent_pid(h);
         ASSERT_EQ(ask("AT\r"), kOk);
         ASSERT_TRUE(desk_until([&] { return threads(agent) == 2 + readers; })) << threads(agent);
-        command_thread = storm_threads(h, agent).back();  // it is started last
+        command_thread = stress_threads(h, agent).back();  // it is started last
         if (GetParam().fifo_over == nullptr && readers > 0) {
-            expect_copying("before the storm");
+            expect_copying("before the stress test");
         }
         before = holdings_of(h, agent);
     }
@@ -100,8 +100,8 @@ class KernelReaderStorm : public CollectorTest, public ::testing::WithParamInter
                 return now.descriptors == before.descriptors && now.threads == before.threads && now.children == 0 &&
                        (is_sanitized() || now.resident < before.resident + kMemoryAllowance);
             },
-            kStormLimit);
-        const std::vector<pid_t> threads = storm_threads(h, agent);
+            kStressLimit);
+        const std::vector<pid_t> threads = stress_threads(h, agent);
         if (is_so && std::count(threads.begin(), threads.end(), command_thread) == 1 && desk_agent_pid(h) == agent) {
             return ::testing::AssertionSuccess();
         }
@@ -128,7 +128,7 @@ class KernelReaderStorm : public CollectorTest, public ::testing::WithParamInter
     // A message comes to the file: a reader lives and writes.
     void expect_copying(const std::string &message) {
         ASSERT_TRUE(desk_kmsg_feed(h, "<6>[  200.000000] " + message + "\n"));
-        EXPECT_TRUE(desk_wait_text(h, kKernelLog, message, kStormLimit)) << evidence(h, agent);
+        EXPECT_TRUE(desk_wait_text(h, kKernelLog, message, kStressLimit)) << evidence(h, agent);
     }
 
     // What was in the way is gone: the next reader copies.
@@ -137,7 +137,7 @@ class KernelReaderStorm : public CollectorTest, public ::testing::WithParamInter
             ASSERT_EQ(desk_shell(h, std::string("/usr/bin/umount -l ") + GetParam().fifo_over).status, 0);
         }
         ASSERT_EQ(command(start), kOk);
-        expect_copying("after the storm");
+        expect_copying("after the stress test");
     }
 
     chance dice;
@@ -146,8 +146,8 @@ class KernelReaderStorm : public CollectorTest, public ::testing::WithParamInter
     holdings before;
 };
 
-TEST_P(KernelReaderStorm, SwitchedOnAndOffAtRandomMoments) {
-    const int rounds = storm_rounds(GetParam().fifo_over == nullptr ? 100 : 50);
+TEST_P(KernelReaderStress, SwitchedOnAndOffAtRandomMoments) {
+    const int rounds = stress_rounds(GetParam().fifo_over == nullptr ? 100 : 50);
     ASSERT_NO_FATAL_FAILURE(come_up("0,0", 0));
     const int messages = run_rounds(rounds, [&] {
         ASSERT_EQ(command("+KERNEL_LOG=1"), kOk) << evidence(h, agent);
@@ -161,8 +161,8 @@ TEST_P(KernelReaderStorm, SwitchedOnAndOffAtRandomMoments) {
            to_text(holdings_of(h, agent)).c_str());
 }
 
-TEST_P(KernelReaderStorm, CollectionRestartedAtRandomMoments) {
-    const int rounds = storm_rounds(30);
+TEST_P(KernelReaderStress, CollectionRestartedAtRandomMoments) {
+    const int rounds = stress_rounds(30);
     ASSERT_NO_FATAL_FAILURE(come_up("3,50", GetParam().readers));
     const int messages = run_rounds(rounds, [&] {
         dice.wait_up_to(3000);
@@ -175,5 +175,5 @@ TEST_P(KernelReaderStorm, CollectionRestartedAtRandomMoments) {
            to_text(holdings_of(h, agent)).c_str());
 }
 
-INSTANTIATE_TEST_SUITE_P(Of, KernelReaderStorm, ::testing::ValuesIn(kCases),
+INSTANTIATE_TEST_SUITE_P(Of, KernelReaderStress, ::testing::ValuesIn(kCases),
                          [](const auto &one) { return std::string(one.param.name); });

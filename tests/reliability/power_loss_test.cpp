@@ -4,7 +4,7 @@
 #include <stdio.h>
 #include <unistd.h>
 
-#include "tests/reliability/storm.h"
+#include "tests/reliability/stress.h"
 #include "tests/support/commands.h"
 
 static const char kList[] = "/data/zr-qel-sa/auto-start.lst";
@@ -27,7 +27,7 @@ static const char *const kRequests[] = {
 
 class PowerLoss : public CommandTest {
   protected:
-    void boot_storm() {
+    void boot_stress() {
         desk_options options = with_log_property(log_property({{2, "2,100"}, {3, "2,100"}, {4, "2,100"}}));
         options.agent = false;
         add_quick_programs(&options);
@@ -36,9 +36,9 @@ class PowerLoss : public CommandTest {
 
     // Comes up, and serves both channels. The first line tells that the file is this agent's.
     void expect_service() {
-        ASSERT_TRUE(desk_wait_text(h, kSaLog, "]main pid[" + std::to_string(agent) + "]", kStormLimit))
+        ASSERT_TRUE(desk_wait_text(h, kSaLog, "]main pid[" + std::to_string(agent) + "]", kStressLimit))
             << evidence(h, agent);
-        ASSERT_TRUE(desk_wait_text(h, kSaLog, "]sa_listener_loop fd[", kStormLimit)) << evidence(h, agent);
+        ASSERT_TRUE(desk_wait_text(h, kSaLog, "]sa_listener_loop fd[", kStressLimit)) << evidence(h, agent);
         open_channel();
         ASSERT_EQ(ask("AT\r"), kOk) << evidence(h, agent);
         const std::string listed = command("+AUTO_START_SERVICE=\"sister-a\",2");
@@ -57,10 +57,10 @@ class PowerLoss : public CommandTest {
     // The agent's end without a word, and that of all that it has started.
     void kill_agent() {
         ASSERT_TRUE(desk_kill(h, agent, SIGKILL));
-        ASSERT_EQ(desk_wait(h, &child, kStormLimit), SIGKILL);
+        ASSERT_EQ(desk_wait(h, &child, kStressLimit), SIGKILL);
         hang_up();
         ASSERT_TRUE(desk_until([&] { return kill_all("logcat") + kill_all("tcpdump") + kill_all("zr-qel-sa") == 0; },
-                               kStormLimit));
+                               kStressLimit));
     }
 
     size_t kill_all(const std::string &name) {
@@ -149,8 +149,8 @@ class PowerLoss : public CommandTest {
 };
 
 TEST_F(PowerLoss, KilledAtRandomItAlwaysComesUpAgain) {
-    const int rounds = storm_rounds(12);
-    ASSERT_NO_FATAL_FAILURE(boot_storm());
+    const int rounds = stress_rounds(12);
+    ASSERT_NO_FATAL_FAILURE(boot_stress());
     ASSERT_TRUE(desk_make_dir(h, "/data/log/SystemLog"));
     for (int round = 0; round < rounds; round++) {
         SCOPED_TRACE("round " + std::to_string(round));
@@ -174,8 +174,8 @@ TEST_F(PowerLoss, KilledAtRandomItAlwaysComesUpAgain) {
 
 // The same with the whole handset, whose /data alone is there afterwards.
 TEST_F(PowerLoss, OfTheWholeHandset) {
-    const int rounds = storm_rounds(4);
-    ASSERT_NO_FATAL_FAILURE(boot_storm());
+    const int rounds = stress_rounds(4);
+    ASSERT_NO_FATAL_FAILURE(boot_stress());
     for (int round = 0; round < rounds; round++) {
         SCOPED_TRACE("round " + std::to_string(round));
         ASSERT_NO_FATAL_FAILURE(start());

@@ -7,7 +7,7 @@
 
 #include <algorithm>
 
-#include "tests/reliability/storm.h"
+#include "tests/reliability/stress.h"
 #include "tests/support/commands.h"
 #include "tests/support/sanitized.h"
 
@@ -56,9 +56,9 @@ static const int kChildrenFaults = 11;
 static const int kTaken = 250;
 static const int kTries = 40;
 
-class SignalStorm : public CommandTest {
+class SignalStress : public CommandTest {
   protected:
-    void boot_storm() {
+    void boot_stress() {
         desk_options options;
         options.agent = false;
         options.restart_ms = 0;
@@ -102,10 +102,10 @@ class SignalStorm : public CommandTest {
             dice.wait_up_to(act->microseconds);
             return;
         }
-        ASSERT_TRUE(desk_wait_text(h, kSaLog, "]sa_listener_loop fd[", kStormLimit)) << evidence(h, agent);
-        ASSERT_TRUE(desk_until([&] { return find_collectors(); }, kStormLimit))
+        ASSERT_TRUE(desk_wait_text(h, kSaLog, "]sa_listener_loop fd[", kStressLimit)) << evidence(h, agent);
+        ASSERT_TRUE(desk_until([&] { return find_collectors(); }, kStressLimit))
             << logcats.size() << " logcats, " << tcpdumps.size() << " tcpdumps" << evidence(h, agent);
-        command_thread = storm_threads(h, agent).back();  // it is started last
+        command_thread = stress_threads(h, agent).back();  // it is started last
         first = any_victim();
         second = any_victim();
         for (int message = 0; message < 20; message++) {
@@ -137,7 +137,7 @@ class SignalStorm : public CommandTest {
 
     // The process, the command thread, or any thread.
     victim any_victim() {
-        const std::vector<pid_t> threads = storm_threads(h, agent);
+        const std::vector<pid_t> threads = stress_threads(h, agent);
         switch (threads.empty() ? 0 : dice.below(3)) {
             case 0: return find_victim(h, agent);
             case 1: return find_victim(h, agent, is_starting() ? threads.back() : command_thread);
@@ -204,7 +204,7 @@ class SignalStorm : public CommandTest {
             close(listener);
             listener = -1;
         }
-        ASSERT_TRUE(desk_until([&] { return is_clear(); }, kStormLimit)) << "not clear";
+        ASSERT_TRUE(desk_until([&] { return is_clear(); }, kStressLimit)) << "not clear";
     }
 
     // Collectors outlive the agent on purpose; all others come to their end by themselves.
@@ -260,7 +260,7 @@ static void PrintTo(const ending &one, std::ostream *out) {
     *out << one.name;
 }
 
-class EndingStorm : public SignalStorm, public ::testing::WithParamInterface<ending> {
+class EndingStress : public SignalStress, public ::testing::WithParamInterface<ending> {
   protected:
     void SetUp() override {
         sends_crashes = GetParam().signo == SIGSEGV || GetParam().signo == SIGBUS;
@@ -274,7 +274,7 @@ class EndingStorm : public SignalStorm, public ::testing::WithParamInterface<end
                 return status;
             }
             if (log_has(kTreatment) || !is_lost(GetParam().signo)) {
-                return desk_wait(h, child, kStormLimit);
+                return desk_wait(h, child, kStressLimit);
             }
             send_again(GetParam().signo);
         }
@@ -306,9 +306,9 @@ class EndingStorm : public SignalStorm, public ::testing::WithParamInterface<end
     }
 };
 
-TEST_P(EndingStorm, StatusZeroAtAnyMoment) {
-    const int rounds = storm_rounds(12);
-    ASSERT_NO_FATAL_FAILURE(boot_storm());
+TEST_P(EndingStress, StatusZeroAtAnyMoment) {
+    const int rounds = stress_rounds(12);
+    ASSERT_NO_FATAL_FAILURE(boot_stress());
     for (int round = 0; round < rounds; round++) {
         SCOPED_TRACE("round " + std::to_string(round));
         ASSERT_NO_FATAL_FAILURE(run_round());
@@ -316,14 +316,14 @@ TEST_P(EndingStorm, StatusZeroAtAnyMoment) {
     tell(GetParam().name, rounds);
 }
 
-INSTANTIATE_TEST_SUITE_P(All, EndingStorm,
+INSTANTIATE_TEST_SUITE_P(All, EndingStress,
                          ::testing::Values(ending{"SIGTERM", SIGTERM}, ending{"SIGINT", SIGINT},
                                            ending{"SIGSEGV", SIGSEGV}, ending{"SIGBUS", SIGBUS}),
                          [](const ::testing::TestParamInfo<ending> &one) { return one.param.name; });
 
 // ---- the reset signal
 
-class ResetStorm : public SignalStorm {
+class ResetStress : public SignalStress {
   protected:
     int raw_status() {
         int status = -1;
@@ -336,7 +336,7 @@ class ResetStorm : public SignalStorm {
                 }
                 return status != -1;
             },
-            kStormLimit);
+            kStressLimit);
         return status;
     }
 
@@ -350,7 +350,7 @@ class ResetStorm : public SignalStorm {
                 return false;  // it died of the signal, and init starts it again
             }
             if (log_has(kTreatment) || !is_lost(SIGUSR2)) {
-                return desk_wait_service(h, kService, "stopped", kStormLimit);
+                return desk_wait_service(h, kService, "stopped", kStressLimit);
             }
             send_again(SIGUSR2);
         }
@@ -369,7 +369,7 @@ class ResetStorm : public SignalStorm {
             ASSERT_FALSE(has_handlers) << "raw status " << raw_status() << evidence(h, agent);
             ASSERT_EQ(raw_status(), SIGUSR2) << evidence(h, agent);
             ASSERT_EQ(desk_service_stop(h, kService), 0);
-            ASSERT_TRUE(desk_wait_service(h, kService, "stopped", kStormLimit)) << evidence(h, agent);
+            ASSERT_TRUE(desk_wait_service(h, kService, "stopped", kStressLimit)) << evidence(h, agent);
             early++;
             return;
         }
@@ -377,15 +377,15 @@ class ResetStorm : public SignalStorm {
         EXPECT_EQ(raw_status(), SIGKILL) << "init's way to stop a service" << evidence(h, agent);
         EXPECT_FALSE(desk_exists(h, kLink)) << evidence(h, agent);
         EXPECT_FALSE(has_crashed(SIGUSR2)) << evidence(h, agent);
-        EXPECT_TRUE(
-            desk_until([&] { return desk_pids(h, "logcat").empty() && desk_pids(h, "tcpdump").empty(); }, kStormLimit));
+        EXPECT_TRUE(desk_until([&] { return desk_pids(h, "logcat").empty() && desk_pids(h, "tcpdump").empty(); },
+                               kStressLimit));
         handled++;
     }
 };
 
-TEST_F(ResetStorm, InitStopsTheServiceAtAnyMoment) {
-    const int rounds = storm_rounds(12);
-    ASSERT_NO_FATAL_FAILURE(boot_storm());
+TEST_F(ResetStress, InitStopsTheServiceAtAnyMoment) {
+    const int rounds = stress_rounds(12);
+    ASSERT_NO_FATAL_FAILURE(boot_stress());
     for (int round = 0; round < rounds; round++) {
         SCOPED_TRACE("round " + std::to_string(round));
         ASSERT_NO_FATAL_FAILURE(run_round());

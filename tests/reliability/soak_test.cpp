@@ -8,7 +8,7 @@
 #include <algorithm>
 #include <chrono>
 
-#include "tests/reliability/storm.h"
+#include "tests/reliability/stress.h"
 #include "tests/support/commands.h"
 #include "tests/support/remote_shell.h"
 #include "tests/support/sanitized.h"
@@ -130,7 +130,7 @@ class Soak : public RemoteShellTest {
         };
         const int before = reopened();
         hang_up();
-        ASSERT_TRUE(desk_until([&] { return reopened() > before; }, kStormLimit)) << evidence(h, agent);
+        ASSERT_TRUE(desk_until([&] { return reopened() > before; }, kStressLimit)) << evidence(h, agent);
         ASSERT_NO_FATAL_FAILURE(open_channel());
     }
 
@@ -169,7 +169,7 @@ class Soak : public RemoteShellTest {
                 now = holdings_of(h, agent);
                 return now.threads == 3 + 4 && now.children == 4 && now.zombies == 0;
             },
-            kStormLimit))
+            kStressLimit))
             << to_text(now) << evidence(h, agent);
         return now;
     }
@@ -256,7 +256,7 @@ class Soak : public RemoteShellTest {
 };
 
 TEST_F(Soak, HoldsWhatItHeldAndAnswersAsFast) {
-    const int requests = storm_rounds(4000);
+    const int requests = stress_rounds(4000);
     const int warm = requests / 10;
     ASSERT_NO_FATAL_FAILURE(come_up_with_everything());
     const moment begin = look_at_clocks();

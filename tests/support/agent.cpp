@@ -9,14 +9,14 @@
 #include <regex>
 
 #include "tests/support/crash.h"
-#include "tests/support/lack.h"
 #include "tests/support/sanitized.h"
+#include "tests/support/skip.h"
 
 const char kOk[] = "\r\nOK\r\n";
 const char kError[] = "\r\nERROR: -1\r\n";
 const char kSaLog[] = "/data/local/log/sa.log";
 
-static const bool kSkipping = skip_what_lacks();
+static const bool kSkipping = skip_unsupported();
 static const char kQuiet[] = "/data/local/log,I1,0,0,I2,0,0,I3,0,0,I4,0,0,I5,0,0,I6,0,0";
 
 desk_options quiet_options() {

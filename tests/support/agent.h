@@ -1,4 +1,4 @@
-// What tests of the whole agent share: a booted handset, the dialogue on the command channel, the agent's own trail.
+// Shared by tests of the whole agent: a booted handset, the dialogue on the command channel, the agent's log lines.
 #ifndef TESTS_SUPPORT_AGENT_H
 #define TESTS_SUPPORT_AGENT_H
 

@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <regex>
 
-#include "tests/support/lack.h"
+#include "tests/support/skip.h"
 
 static const char kShellRecord[] = "/dev/.desk/shell.record";
 static const char kBusyboxRecord[] = "/dev/.desk/busybox.record";

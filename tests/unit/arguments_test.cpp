@@ -4,7 +4,7 @@
 #include <errno.h>
 #include <string.h>
 
-#include "tests/unit/trail.h"
+#include "tests/unit/log_lines.h"
 
 typedef std::vector<std::string> lines;
 
@@ -95,10 +95,10 @@ TEST(TakeSwitch, KnowsOnAndOff) {
 
 // ---- calls ----
 
-class BadCall : public TrailTest {
+class BadCall : public LogLinesTest {
   protected:
     void SetUp() override {
-        TrailTest::SetUp();
+        LogLinesTest::SetUp();
         memset(&req, 0, sizeof(req));
         req.len = 1;
         errno = 0;

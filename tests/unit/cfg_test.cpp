@@ -6,9 +6,9 @@
 #include <algorithm>
 
 #include "pub/cfg/cfg.h"
-#include "tests/unit/trail.h"
+#include "tests/unit/log_lines.h"
 
-class CfgLine : public TrailTest {
+class CfgLine : public LogLinesTest {
   protected:
     void TearDown() override {
         if (stream != nullptr) {
@@ -172,7 +172,7 @@ static std::string split_name(const ::testing::TestParamInfo<split_case> &one) {
     return name;
 }
 
-class CfgSplit : public TrailTest, public ::testing::WithParamInterface<split_case> {};
+class CfgSplit : public LogLinesTest, public ::testing::WithParamInterface<split_case> {};
 
 TEST_P(CfgSplit, FallsIntoKeyAndValue) {
     const split_case &given = GetParam();
@@ -194,7 +194,7 @@ TEST_P(CfgSplit, FallsIntoKeyAndValue) {
 
 INSTANTIATE_TEST_SUITE_P(Lines, CfgSplit, ::testing::ValuesIn(kSplits), split_name);
 
-class CfgSplitting : public TrailTest {};
+class CfgSplitting : public LogLinesTest {};
 
 TEST_F(CfgSplitting, NeverTouchesWhatStandsInFrontOfTheLine) {
     char text[] = "   =v";

@@ -8,7 +8,7 @@
 
 #include "sa/sa-handle/collect/log_svc.h"
 #include "sa/sa-handle/collect/logcat.h"
-#include "tests/unit/trail.h"
+#include "tests/unit/log_lines.h"
 
 typedef std::vector<std::string> lines;
 
@@ -28,10 +28,10 @@ static lines table() {
     return texts;
 }
 
-class Settings : public TrailTest {
+class Settings : public LogLinesTest {
   protected:
     void SetUp() override {
-        TrailTest::SetUp();
+        LogLinesTest::SetUp();
         memset(g_zr_log_svc, 0, sizeof(g_zr_log_svc));
         strcpy(g_log_path_a, "/before");
     }
@@ -156,10 +156,10 @@ TEST_F(SettingsDeathTest, ATypeOfFourCharactersAborts) {
 
 // ---- argument vectors ----
 
-class LogcatVector : public TrailTest {
+class LogcatVector : public LogLinesTest {
   protected:
     void SetUp() override {
-        TrailTest::SetUp();
+        LogLinesTest::SetUp();
         strcpy(g_log_path_a, "/data/local/log");
         memset(&rec, 0, sizeof(rec));
         strcpy(rec.file_num, "5");

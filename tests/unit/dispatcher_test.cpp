@@ -8,7 +8,7 @@
 #include <iterator>
 
 #include "sa/sa-handle/command/command.h"
-#include "tests/unit/trail.h"
+#include "tests/unit/log_lines.h"
 
 typedef std::vector<std::string> lines;
 
@@ -45,10 +45,10 @@ REPLACE(24, dmesg_log_read)
 REPLACE(25, packets_log_set)
 REPLACE(24, delete_log_set)
 
-class Dispatcher : public TrailTest {
+class Dispatcher : public LogLinesTest {
   protected:
     void SetUp() override {
-        TrailTest::SetUp();
+        LogLinesTest::SetUp();
         int ends[2];
         ASSERT_EQ(pipe2(ends, O_NONBLOCK), 0);
         host = ends[0];

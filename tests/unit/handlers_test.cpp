@@ -6,7 +6,7 @@
 #include <string.h>
 #include <unistd.h>
 
-#include "tests/unit/trail.h"
+#include "tests/unit/log_lines.h"
 
 using lines = std::vector<std::string>;
 
@@ -27,10 +27,10 @@ static const named_handler kHandlers[] = {
     HANDLER(handle_sa_packets_log_set),   HANDLER(handle_sa_delete_log_set),
 };
 
-class Handlers : public TrailTest {
+class Handlers : public LogLinesTest {
   protected:
     void SetUp() override {
-        TrailTest::SetUp();
+        LogLinesTest::SetUp();
         memset(&req, 0, sizeof(req));
         memset(&rsp, 0, sizeof(rsp));
         req.len = 1;

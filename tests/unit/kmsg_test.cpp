@@ -7,7 +7,7 @@
 #include <unistd.h>
 
 #include "tests/unit/faults.h"
-#include "tests/unit/trail.h"
+#include "tests/unit/log_lines.h"
 
 static const char kFile[] = "/data/local/log/kmsg.log";
 static const char kStream[] = "/tmp/stream";
@@ -31,10 +31,10 @@ static const wrap_case kWraps[] = {
     {"JustBeyond32Bits", 4194305, 1024},
 };
 
-class KernelReaderWrap : public TrailTest, public ::testing::WithParamInterface<wrap_case> {
+class KernelReaderWrap : public LogLinesTest, public ::testing::WithParamInterface<wrap_case> {
   protected:
     void SetUp() override {
-        TrailTest::SetUp();
+        LogLinesTest::SetUp();
         unlink(kStream);
         ASSERT_EQ(mkfifo(kStream, 0600), 0);
         stream = open(kStream, O_RDWR | O_CLOEXEC);  // both ends: neither opening waits, and the stream never ends

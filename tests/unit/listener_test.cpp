@@ -14,7 +14,7 @@
 #include <thread>
 
 #include "tests/unit/faults.h"
-#include "tests/unit/trail.h"
+#include "tests/unit/log_lines.h"
 
 typedef std::vector<std::string> lines;
 
@@ -26,10 +26,10 @@ static bool has(const lines &found, const std::string &line) {
 
 // ---- one terminal ----
 
-class OpenPtm : public TrailTest {
+class OpenPtm : public LogLinesTest {
   protected:
     void SetUp() override {
-        TrailTest::SetUp();
+        LogLinesTest::SetUp();
         before = open_descriptors();
     }
     void TearDown() override {

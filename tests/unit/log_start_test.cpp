@@ -5,11 +5,11 @@
 #include "sa/sa-handle/collect/kmsg.h"
 #include "sa/sa-handle/collect/log_directory.h"
 #include "sa/sa-handle/collect/log_start.h"
-#include "tests/unit/trail.h"
+#include "tests/unit/log_lines.h"
 
 typedef std::vector<std::string> lines;
 
-class LogStart : public TrailTest {
+class LogStart : public LogLinesTest {
   protected:
     // Lines of the diagnostic file that begin so.
     int count_of(const std::string &beginning) {

@@ -20,13 +20,13 @@
 #include "sa/main/base/subproc.h"
 #include "sa/main/base/text.h"
 #include "tests/unit/faults.h"
-#include "tests/unit/trail.h"
+#include "tests/unit/log_lines.h"
 
 #define SA_SOURCE "tests/unit"
 
 typedef std::vector<std::string> lines;
 
-class Log : public TrailTest {};
+class Log : public LogLinesTest {};
 
 // ---- form ----
 
@@ -315,7 +315,7 @@ TEST_F(Log, OfAForkedChildNeverHangs) {
 
 // ---- texts in fixed buffers ----
 
-class Text : public TrailTest {};
+class Text : public LogLinesTest {};
 
 TEST_F(Text, ThatFitsIsWhole) {
     char text[8];

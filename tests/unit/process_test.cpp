@@ -10,11 +10,11 @@
 #include <unistd.h>
 
 #include "tests/unit/faults.h"
-#include "tests/unit/trail.h"
+#include "tests/unit/log_lines.h"
 
 typedef std::vector<std::string> lines;
 
-class Lookup : public TrailTest {
+class Lookup : public LogLinesTest {
   protected:
     void TearDown() override {
         pass_calls();

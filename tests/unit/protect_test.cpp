@@ -5,16 +5,16 @@
 #include <unistd.h>
 
 #include "tests/unit/faults.h"
-#include "tests/unit/trail.h"
+#include "tests/unit/log_lines.h"
 
 typedef std::vector<std::string> lines;
 
 static const lines kReserve = {"/data/.protect/9", "/data/.protect/10", "/data/.protect/a", "/data/.protect/B"};
 
-class Protect : public TrailTest {
+class Protect : public LogLinesTest {
   protected:
     void SetUp() override {
-        TrailTest::SetUp();
+        LogLinesTest::SetUp();
         mkdir("/data/.protect", 0755);
     }
     void TearDown() override {

@@ -11,7 +11,7 @@
 
 #include "pub/pty/pty.h"
 #include "tests/unit/faults.h"
-#include "tests/unit/trail.h"
+#include "tests/unit/log_lines.h"
 
 static const char kLink[] = "/dev/ttyT";
 
@@ -21,10 +21,10 @@ static std::string link_target(const char *path) {
     return length < 0 ? "" : std::string(target, static_cast<size_t>(length));
 }
 
-class Pty : public TrailTest {
+class Pty : public LogLinesTest {
   protected:
     void SetUp() override {
-        TrailTest::SetUp();
+        LogLinesTest::SetUp();
         memset(&pty, 0, sizeof(pty));
         strcpy(pty.m_pts_mapping_name_a, kLink);
         before = open_descriptors();

@@ -8,16 +8,16 @@
 #include <unistd.h>
 
 #include "tests/unit/faults.h"
-#include "tests/unit/trail.h"
+#include "tests/unit/log_lines.h"
 
 typedef std::vector<std::string> lines;
 
 static const char kReport[] = "FILE-sa/sa-handle, LINE-*, FUNC-";
 
-class Response : public TrailTest {
+class Response : public LogLinesTest {
   protected:
     void SetUp() override {
-        TrailTest::SetUp();
+        LogLinesTest::SetUp();
         int ends[2];
         ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK, 0, ends), 0);  // keeps writes apart
         fd = ends[0];

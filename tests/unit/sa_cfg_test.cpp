@@ -4,14 +4,14 @@
 #include <string.h>
 #include <unistd.h>
 
-#include "tests/unit/trail.h"
+#include "tests/unit/log_lines.h"
 
 static const char kPath[] = "/system/etc/zr-qel-sa.cfg";
 
-class SaCfg : public TrailTest {
+class SaCfg : public LogLinesTest {
   protected:
     void SetUp() override {
-        TrailTest::SetUp();
+        LogLinesTest::SetUp();
         memset(&g_sa_cfg, 'x', sizeof(g_sa_cfg));  // of an earlier call
     }
     static void read_text(const std::string &text) {

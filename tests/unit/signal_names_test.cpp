@@ -6,9 +6,9 @@
 
 #include <algorithm>
 
-#include "tests/unit/trail.h"
+#include "tests/unit/log_lines.h"
 
-class SignalName : public TrailTest {};
+class SignalName : public LogLinesTest {};
 
 TEST_F(SignalName, IsTheFirstOfItsNumber) {
     static const char *const names[] = {
@@ -34,7 +34,7 @@ TEST_F(SignalName, LeavesOnlyItsEntryInTheTrail) {
     EXPECT_EQ(file(), std::vector<std::string>{});
 }
 
-class SignalTreatment : public TrailTest {
+class SignalTreatment : public LogLinesTest {
   protected:
     // Runs the handler in a process without a channel and expects that it tells of the signal, tears down and ends.
     void expect_told(int signo, const std::string &text) {

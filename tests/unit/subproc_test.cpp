@@ -14,7 +14,7 @@
 #include <functional>
 
 #include "tests/unit/faults.h"
-#include "tests/unit/trail.h"
+#include "tests/unit/log_lines.h"
 
 typedef std::vector<std::string> lines;
 
@@ -31,10 +31,10 @@ static std::string command_line(const lines &arguments) {
     return text;
 }
 
-class Launcher : public TrailTest {
+class Launcher : public LogLinesTest {
   protected:
     void SetUp() override {
-        TrailTest::SetUp();
+        LogLinesTest::SetUp();
         shorten_pauses(true);
         before = open_descriptors();
         unlink("/tmp/out");

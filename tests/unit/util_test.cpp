@@ -12,16 +12,16 @@
 
 #include "pub/util/error_text.h"
 #include "tests/unit/faults.h"
-#include "tests/unit/trail.h"
+#include "tests/unit/log_lines.h"
 
 typedef std::vector<std::string> lines;
 
 static const char kModeReport[] = "FILE-pub/util/util, LINE-*, FUNC-pub_util_set_fd_mode(), error_code=";
 
-class FdMode : public TrailTest {
+class FdMode : public LogLinesTest {
   protected:
     void SetUp() override {
-        TrailTest::SetUp();
+        LogLinesTest::SetUp();
         fd = open("/tmp/mode", O_RDWR | O_CREAT | O_APPEND, 0600);
         ASSERT_GT(fd, 0);
     }
@@ -85,7 +85,7 @@ TEST_F(FdMode, ThatCannotBeWrittenFails) {
 
 // ---- pid file ----
 
-class PidFile : public TrailTest {};
+class PidFile : public LogLinesTest {};
 
 TEST_F(PidFile, HoldsThePidAndANewline) {
     pub_util_create_pid_file("unit-test");

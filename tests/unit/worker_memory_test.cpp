@@ -9,7 +9,7 @@
 #include <atomic>
 
 #include "pub/util/worker.h"
-#include "tests/unit/trail.h"
+#include "tests/unit/log_lines.h"
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) && defined(__GLIBC__)
 

@@ -14,7 +14,7 @@
 #include <thread>
 
 #include "tests/unit/faults.h"
-#include "tests/unit/trail.h"
+#include "tests/unit/log_lines.h"
 
 typedef std::vector<std::string> lines;
 
@@ -44,10 +44,10 @@ static std::atomic<bool> m_may_accept{false};
 static std::atomic<int> m_self{0};
 static sem_t m_here;
 
-class Worker : public TrailTest {
+class Worker : public LogLinesTest {
   protected:
     void SetUp() override {
-        TrailTest::SetUp();
+        LogLinesTest::SetUp();
         std::thread([] {}).join();  // a sanitizer adds a thread of its own to the first
         m_threads_before = threads();
         m_arrived = 0;
@@ -259,7 +259,7 @@ TEST_F(Worker, IdsAreNeverUsedTwice) {
 }
 
 // Stoppers aim at whatever was ever started while threads start, end and are stopped.
-TEST_F(Worker, SurviveAStormOfStops) {
+TEST_F(Worker, SurviveManyStops) {
     static std::atomic<uint64_t> newest{0};
     newest = 0;
     pub_thread_id bystander = start(live_until_told);

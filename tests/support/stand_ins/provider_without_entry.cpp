@@ -1,4 +1,4 @@
-// A library in the provider's place that lacks the entry. No state.
+// A provider library without the entry function. No state.
 extern "C" int export_something_else(const char *) {
     return 0;
 }

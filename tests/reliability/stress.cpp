@@ -1,5 +1,5 @@
-// Numbers, chances and evidence for storms. No state but the generator's own.
-#include "tests/reliability/storm.h"
+// Helpers of the stress tests. No state except the random generator's.
+#include "tests/reliability/stress.h"
 
 #include <signal.h>
 #include <stdio.h>
@@ -19,7 +19,7 @@ static long number_of_environment(const char *name, long fallback) {
     return text != nullptr && *text != '\0' ? strtol(text, nullptr, 10) : fallback;
 }
 
-int storm_rounds(int ordinary) {
+int stress_rounds(int ordinary) {
     return static_cast<int>(number_of_environment("ROUNDS", ordinary * number_of_environment("TIMES", 1)));
 }
 
@@ -59,7 +59,7 @@ static bool read_stat(desk *h, pid_t pid, char *state, pid_t *parent) {
     return at != std::string::npos && sscanf(text.c_str() + at + 1, " %c %d", state, parent) == 2;
 }
 
-std::vector<pid_t> storm_children(desk *h, pid_t pid) {
+std::vector<pid_t> stress_children(desk *h, pid_t pid) {
     std::vector<pid_t> children;
     for (const std::string &name : desk_list(h, "/proc")) {
         const pid_t other = atoi(name.c_str());
@@ -72,7 +72,7 @@ std::vector<pid_t> storm_children(desk *h, pid_t pid) {
     return children;
 }
 
-std::vector<pid_t> storm_threads(desk *h, pid_t pid) {
+std::vector<pid_t> stress_threads(desk *h, pid_t pid) {
     std::vector<pid_t> threads;
     for (const std::string &name : desk_list(h, "/proc/" + std::to_string(pid) + "/task")) {
         threads.push_back(atoi(name.c_str()));
@@ -122,7 +122,7 @@ holdings holdings_of(desk *h, pid_t pid) {
     held.descriptors = lasting_descriptors(h, pid);
     held.threads = static_cast<int>(status_number(status, "Threads"));
     held.resident = status_number(status, "VmRSS");
-    for (const pid_t child : storm_children(h, pid)) {
+    for (const pid_t child : stress_children(h, pid)) {
         char state;
         pid_t parent;
         held.children++;
@@ -177,7 +177,7 @@ std::string evidence(desk *h, pid_t pid) {
     std::string text = "\n---- the end of sa.log.1" + last_lines(desk_file_text(h, kPreviousLog), 40);
     text += "\n---- the end of sa.log" + last_lines(desk_file_text(h, kDiagnosticLog), 40);
     text += "\n---- process " + std::to_string(pid);
-    for (const pid_t thread : storm_threads(h, pid)) {
+    for (const pid_t thread : stress_threads(h, pid)) {
         text += thread_state(h, pid, thread);
     }
     const pid_t host_pid = desk_host_pid(h, pid);

@@ -1,4 +1,4 @@
-// The trail of the remote shell: every line of a served request in both logs, of its child and of its waiter.
+// The log lines of the remote shell: all lines of a served request in both logs, of its child and of its waiter.
 #include <signal.h>
 #include <unistd.h>
 
@@ -6,7 +6,7 @@
 
 typedef std::vector<std::string> lines;
 
-class RemoteTrail : public RemoteShellTest {
+class RemoteShellLog : public RemoteShellTest {
   protected:
     // Lines of the platform log that one thread wrote, from the first that begins with `start` on.
     lines thread_lines(pid_t tid, const std::string &start) {
@@ -56,7 +56,7 @@ class RemoteTrail : public RemoteShellTest {
     std::string child;
 };
 
-TEST_F(RemoteTrail, OfAServedRequestInThePlatformLog) {
+TEST_F(RemoteShellLog, OfAServedRequestInThePlatformLog) {
     ASSERT_NO_FATAL_FAILURE(come_up());
     ASSERT_NO_FATAL_FAILURE(serve("echo hi"));
     EXPECT_NE(listener_number, connection);
@@ -88,7 +88,7 @@ TEST_F(RemoteTrail, OfAServedRequestInThePlatformLog) {
         }));
 }
 
-TEST_F(RemoteTrail, OfAServedRequestInTheFile) {
+TEST_F(RemoteShellLog, OfAServedRequestInTheFile) {
     ASSERT_NO_FATAL_FAILURE(come_up());
     ASSERT_NO_FATAL_FAILURE(serve("echo hi"));
     EXPECT_TRUE(in_order(
@@ -121,7 +121,7 @@ TEST_F(RemoteTrail, OfAServedRequestInTheFile) {
     EXPECT_EQ(number_behind("thread_create thd[0] pthread[").find_first_not_of("0123456789"), std::string::npos);
 }
 
-TEST_F(RemoteTrail, OfTheChild) {
+TEST_F(RemoteShellLog, OfTheChild) {
     ASSERT_NO_FATAL_FAILURE(come_up());
     ASSERT_NO_FATAL_FAILURE(serve("echo hi"));
     lines found = process_lines(last_child());
@@ -136,7 +136,7 @@ TEST_F(RemoteTrail, OfTheChild) {
     EXPECT_EQ(count_lines(file_lines(), "create_subprocess child process pid[" + child + "]"), 1);
 }
 
-TEST_F(RemoteTrail, OfTheWaiter) {
+TEST_F(RemoteShellLog, OfTheWaiter) {
     ASSERT_NO_FATAL_FAILURE(come_up());
     ASSERT_NO_FATAL_FAILURE(serve("exit 3"));
     const std::string both = "fd[" + connection + "] pid[" + child + "]";
@@ -156,7 +156,7 @@ TEST_F(RemoteTrail, OfTheWaiter) {
     EXPECT_EQ(count_lines(file_lines(), both), 0) << "the platform log's alone";
 }
 
-TEST_F(RemoteTrail, OfAChildEndedByASignal) {
+TEST_F(RemoteShellLog, OfAChildEndedByASignal) {
     ASSERT_NO_FATAL_FAILURE(come_up());
     ASSERT_NO_FATAL_FAILURE(serve("kill -9 $$"));
     EXPECT_EQ(count_lines(platform_lines(), "subproc_waiter_service Killed by signal[9]"), 1);
@@ -165,7 +165,7 @@ TEST_F(RemoteTrail, OfAChildEndedByASignal) {
     EXPECT_TRUE(holds_nothing_more());
 }
 
-TEST_F(RemoteTrail, OfAnInteractiveShellShowsThatThereIsNoCommand) {
+TEST_F(RemoteShellLog, OfAnInteractiveShellShowsThatThereIsNoCommand) {
     ASSERT_NO_FATAL_FAILURE(come_up());
     const int fd = connect("shell:");
     read_until(fd, "# ");
@@ -181,7 +181,7 @@ TEST_F(RemoteTrail, OfAnInteractiveShellShowsThatThereIsNoCommand) {
 }
 
 // The first line of a read shows the buffer as it stands, with the end of the longer request before.
-TEST_F(RemoteTrail, OfAShorterRequestBehindALongerOne) {
+TEST_F(RemoteShellLog, OfAShorterRequestBehindALongerOne) {
     ASSERT_NO_FATAL_FAILURE(come_up());
     ASSERT_NO_FATAL_FAILURE(serve("echo a longer command"));
     ASSERT_NO_FATAL_FAILURE(serve("echo b"));
@@ -194,7 +194,7 @@ TEST_F(RemoteTrail, OfAShorterRequestBehindALongerOne) {
                                             "sa_listener_loop size[-1] service[shell:echo b]"}));
 }
 
-TEST_F(RemoteTrail, OfAClientThatLeaves) {
+TEST_F(RemoteShellLog, OfAClientThatLeaves) {
     ASSERT_NO_FATAL_FAILURE(come_up());
     const std::string first = listener_fd();
     const std::string slave_before = desk_link_target(h, "/dev/ttysa1");

@@ -1,6 +1,6 @@
-// The trail that functions under test leave in the platform log and in the diagnostic file of the handset around them.
-#ifndef TESTS_UNIT_TRAIL_H
-#define TESTS_UNIT_TRAIL_H
+// The lines that functions under test write to the platform log and to the diagnostic file of their handset.
+#ifndef TESTS_UNIT_LOG_LINES_H
+#define TESTS_UNIT_LOG_LINES_H
 
 #include <gtest/gtest.h>
 #include <sys/types.h>
@@ -13,22 +13,22 @@
 std::string read_file(const std::string &path);
 // Creates or replaces a file.
 void write_file(const std::string &path, const std::string &text);
-// "0644 2000:1007" of what a path leads to, "" when it leads nowhere.
+// "0644 2000:1007" for the file that a path names, "" if there is none.
 std::string owner_of(const std::string &path);
 // Open descriptors of this process, ascending.
 std::vector<int> open_descriptors();
-// Whether a condition came true before the time was up.
+// Waits for a condition. Returns false after the time limit.
 bool wait_until(const std::function<bool()> &condition, int limit_ms = 10000);
 
-// Tests that read the trail. It begins anew with each test.
-class TrailTest : public ::testing::Test {
+// Base of tests that read the log lines. Each test sees only its own.
+class LogLinesTest : public ::testing::Test {
   protected:
     void SetUp() override;
 
-    // The trail begins here.
+    // Ignores all lines written so far.
     void forget();
-    // Texts of the platform log under both tags that a process has written since, in order. The source line of a report
-    // is a matter of the source: it reads "LINE-*".
+    // Texts of the platform log under both tags that a process has written since, in order. The line number of an error
+    // report changes with the source, so it is replaced by "LINE-*".
     std::vector<std::string> platform(pid_t pid = 0);
     // Lines of the diagnostic file since, without their time stamps.
     std::vector<std::string> file();

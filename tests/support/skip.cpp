@@ -1,5 +1,5 @@
 // Skipping from inside the desk library: the skip is noted, and GoogleTest's own exception leaves the test. No state.
-#include "tests/support/lack.h"
+#include "tests/support/skip.h"
 
 #include <gtest/gtest.h>
 
@@ -21,7 +21,7 @@ void skip_in_place(const std::string &what) {
     }
 }
 
-bool skip_what_lacks() {
+bool skip_unsupported() {
     desk_on_missing(skip);
     return true;
 }

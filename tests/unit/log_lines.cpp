@@ -1,5 +1,5 @@
 // Reading the handset's logs from inside it. State: the number of the last mark set in the log.
-#include "tests/unit/trail.h"
+#include "tests/unit/log_lines.h"
 
 #include <android/log.h>
 #include <dirent.h>
@@ -135,16 +135,16 @@ static std::string without_source_line(const std::string &text) {
     return text.substr(0, begin) + ", LINE-*" + text.substr(end);
 }
 
-void TrailTest::SetUp() {
+void LogLinesTest::SetUp() {
     forget();
 }
 
-void TrailTest::forget() {
+void LogLinesTest::forget() {
     journal_start = settled_journal().size();
     unlink(kSaLog);
 }
 
-std::vector<std::string> TrailTest::platform(pid_t pid) {
+std::vector<std::string> LogLinesTest::platform(pid_t pid) {
     const std::string wanted = std::to_string(pid != 0 ? pid : getpid());
     std::vector<std::string> texts;
     for (const std::string &line : split(settled_journal().substr(journal_start), '\n')) {
@@ -157,7 +157,7 @@ std::vector<std::string> TrailTest::platform(pid_t pid) {
     return texts;
 }
 
-std::vector<std::string> TrailTest::file() {
+std::vector<std::string> LogLinesTest::file() {
     const size_t width = sizeof("[MM-DD hh:mm:ss.mmm]") - 1;
     std::vector<std::string> lines = split(read_file(kSaLog), '\n');
     for (std::string &line : lines) {
