@@ -1,4 +1,4 @@
-// Plain attention, and that it comes before everything else in a request.
+// The attention request AT, which takes precedence over everything else in a request.
 #include "tests/support/agent.h"
 
 class Attention : public AgentTest {};

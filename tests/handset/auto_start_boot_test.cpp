@@ -1,4 +1,4 @@
-// The auto-start list at the agent's start: reading a file of any content, starting what it names, in its order.
+// The auto-start list at the agent's start: files with any content, and the order in which services start.
 #include <algorithm>
 
 #include "tests/support/collectors.h"

@@ -1,4 +1,4 @@
-// Sizes and times that 32 bits cannot hold: files beyond 2 GiB, years beyond 2038. Says most in a 32-bit build.
+// Sizes and times that need more than 32 bits: files larger than 2 GiB, years after 2038. Most useful in a 32-bit build.
 #include <fcntl.h>
 #include <unistd.h>
 

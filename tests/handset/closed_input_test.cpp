@@ -1,5 +1,5 @@
-// An agent that was started with descriptor 0 closed: the channel's master can become descriptor 0, which no request
-// survives. Each request then stays, unanswered, and the next is added to it.
+// An agent started with descriptor 0 closed: the channel's master can become descriptor 0, and then requests are not
+// answered. Each request stays in the buffer, and the next one is appended.
 #include <signal.h>
 
 #include "tests/support/agent.h"

@@ -1,4 +1,4 @@
-// The log property: what its grammar takes and refuses, what stays in the records, which collectors it switches off.
+// The log property: which values are accepted, what the records contain, and which collectors are switched off.
 #include <signal.h>
 
 #include "tests/support/collectors.h"

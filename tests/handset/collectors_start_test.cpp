@@ -1,4 +1,4 @@
-// Which collectors start when nobody has configured them, in which order, as whom, and with what in their hands.
+// The collectors that start by default: their order, identity and open descriptors.
 #include <unistd.h>
 
 #include "tests/support/collectors.h"

@@ -1,5 +1,5 @@
-// Stopping collectors: which get which signal, what is said of those that are gone, and that hundreds of rounds of stop
-// and start leave nothing behind.
+// Stopping collectors: the signal for each, the log lines for those that have ended, and hundreds of stops and starts
+// without leaks.
 #include <signal.h>
 
 #include <algorithm>

@@ -1,4 +1,4 @@
-// The configuration file: what of its lines becomes a setting.
+// The configuration file: which lines become settings.
 #include <algorithm>
 
 #include "tests/support/agent.h"

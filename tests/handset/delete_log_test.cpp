@@ -1,4 +1,4 @@
-// +DELETE_LOG: stops the collectors, deletes what they wrote in the fixed place, and starts them afresh.
+// +DELETE_LOG: stops the collectors, deletes their files in the fixed directory, and restarts them.
 #include "tests/support/commands.h"
 
 static const char kHandler[] = "handle_sa_delete_log_set";

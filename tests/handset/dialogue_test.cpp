@@ -1,4 +1,4 @@
-// One long talk with one agent: all commands in a mixed order, every answer foretold by a model of the handset.
+// A long dialogue with one agent: all commands in a mixed order, with answers predicted by a model of the handset.
 #include <algorithm>
 #include <random>
 #include <set>

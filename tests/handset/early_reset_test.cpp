@@ -1,5 +1,5 @@
-// A reset in the middle of a start that init refuses or does not answer: what was never opened is not closed, the start goes
-// on, and what it brings up answers.
+// A reset during a start, which init refuses or does not answer: the agent closes nothing that it has not opened, the start
+// continues, and the channels work.
 #include <signal.h>
 #include <unistd.h>
 

@@ -1,4 +1,4 @@
-// The agent's end: nothing runs but the teardown, no exit handler and no destructor of any library.
+// The agent's end: only the teardown runs, no exit handler and no destructor of any library.
 #include <errno.h>
 #include <signal.h>
 #include <sys/wait.h>

@@ -1,4 +1,4 @@
-// The command channel's pseudo-terminal: its published name, its slave, and how it comes back after a client has gone.
+// The command channel's pseudo-terminal: its name, its slave, and how it reopens after a hang-up.
 #include <fcntl.h>
 #include <stdlib.h>
 #include <termios.h>

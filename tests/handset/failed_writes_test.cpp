@@ -1,5 +1,4 @@
-// Writes that raise SIGPIPE or SIGXFSZ: the write fails and the agent goes on, while all that it starts has the default
-// actions of both.
+// Writes that raise SIGPIPE or SIGXFSZ: the write fails and the agent goes on. Its children have the default actions.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/resource.h>

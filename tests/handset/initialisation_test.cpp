@@ -1,4 +1,4 @@
-// Bringing up the command and log layer: the order of its steps and the ones that belong to nobody else.
+// Initialisation of the command and log layer: the steps and their order.
 #include "tests/support/collectors.h"
 
 class Initialisation : public CollectorTest {};

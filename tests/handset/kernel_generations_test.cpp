@@ -1,4 +1,4 @@
-// Generations of the kernel-message file: what a start of the reader keeps, moves and removes.
+// Generations of the kernel-message file: which files a start of the reader keeps, moves and removes.
 #include "tests/support/collectors.h"
 
 static const char kFile[] = "/data/local/log/kmsg.log";

@@ -1,4 +1,4 @@
-// Copying kernel messages: exact bytes, the wrap inside the file, and what the reader does when a file fails it.
+// Copying kernel messages: exact bytes, the wrap inside the file, and failing reads and writes.
 #include <signal.h>
 #include <time.h>
 

@@ -1,4 +1,4 @@
-// What children do between fork and exec, call by call, and launches with standard input closed.
+// The system calls of children between fork and exec, and launches with standard input closed.
 #include <regex>
 
 #include "tests/support/collectors.h"

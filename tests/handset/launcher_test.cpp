@@ -1,4 +1,4 @@
-// Command children: how they are launched, how they end, and what their waiters say and give back.
+// Command children: launch, end, and the log lines and return values of their waiters.
 #include <signal.h>
 
 #include <algorithm>

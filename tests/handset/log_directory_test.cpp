@@ -1,4 +1,4 @@
-// The log directory: found, made or missing, and the free space without which no collector starts.
+// The log directory: existing, created or missing, and the free space that collectors need to start.
 #include "tests/support/collectors.h"
 
 class LogDirectory : public CollectorTest {};

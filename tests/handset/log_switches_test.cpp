@@ -1,4 +1,4 @@
-// +KERNEL_LOG and +DMESG_LOG: the switches, what they start, end and write, and the settings file.
+// +KERNEL_LOG and +DMESG_LOG: the switches, their effects, and the settings file.
 #include "tests/support/commands.h"
 
 static const char kSettings[] = "/data/zr-qel-sa.set";

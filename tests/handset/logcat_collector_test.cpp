@@ -1,4 +1,4 @@
-// Starting logcat: the vectors beyond the ordinary three, and every road on which nothing is started.
+// Starting logcat: argument vectors other than the usual three, and all cases in which nothing starts.
 #include "tests/support/collectors.h"
 
 class LogcatCollector : public CollectorTest {};

@@ -1,4 +1,4 @@
-// The packet collector: which program it runs, with which sizes, into which file, and that packets reach that file.
+// The packet collector: its program, sizes and file, and that packets reach the file.
 #include <signal.h>
 
 #include "tests/support/collectors.h"

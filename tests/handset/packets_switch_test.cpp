@@ -1,4 +1,4 @@
-// +DATA_PACKETS_LOG: what it takes, that it leaves the packet collector alone, and how switching off restarts the agent.
+// +DATA_PACKETS_LOG: its arguments, that it does not affect the packet collector, and that switching off restarts the agent.
 #include <signal.h>
 
 #include "tests/support/collectors.h"

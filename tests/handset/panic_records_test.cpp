@@ -1,4 +1,4 @@
-// Panic records: which sources set off the saving, what happens to every set's generations, and what is said of it.
+// Panic records: which files cause a save, the generations of each record, and the log lines.
 #include "tests/support/collectors.h"
 
 static const char kSources[] = "/data/dontpanic/";

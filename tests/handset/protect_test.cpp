@@ -1,4 +1,4 @@
-// Free space on /data at start-up: the reserve gives up one file when less than 3 MiB are left.
+// Free space on /data at start-up: one file of the reserve is removed if less than 3 MiB are free.
 #include <signal.h>
 
 #include <algorithm>

@@ -1,4 +1,4 @@
-// The remote shell when something is missing or in the way, and clients that do not keep to the exchange.
+// The remote shell with missing or wrong files, and clients that violate the protocol.
 #include <errno.h>
 #include <fcntl.h>
 #include <signal.h>

@@ -1,4 +1,4 @@
-// Many remote shells, one after the other and side by side, much output, and what a shell child holds.
+// Many remote shells, sequential and in parallel, large output, and the descriptors of a shell child.
 #include <signal.h>
 #include <stdlib.h>
 #include <unistd.h>

@@ -1,4 +1,4 @@
-// The remote shell as its client meets it: commands, an interactive shell, refusals, the kill request.
+// The remote shell as its client sees it: commands, an interactive shell, refusals, the kill request.
 #include <errno.h>
 #include <fcntl.h>
 #include <signal.h>

@@ -1,4 +1,4 @@
-// How a request is taken apart: prefix, terminator, name, form, and what one read makes of the bytes.
+// Parsing of requests: prefix, terminator, name, form, and requests split over several reads.
 #include "tests/support/agent.h"
 
 static const char kKernelOff[] = "\r\nKERNEL_LOG: 0\r\n\r\nOK\r\n";

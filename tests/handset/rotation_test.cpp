@@ -1,4 +1,4 @@
-// Rotation of the diagnostic file: what every start leaves of the files that it finds.
+// Rotation of the diagnostic file: the files after each start.
 #include <algorithm>
 #include <map>
 

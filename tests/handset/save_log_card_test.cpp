@@ -1,4 +1,4 @@
-// +SAVE_LOG and its card: none, a full one, one that refuses the directory, two saves in the same second.
+// +SAVE_LOG and its card: no card, a full card, no directory possible, two saves in the same second.
 #include "tests/support/commands.h"
 
 static const char kHandler[] = "handle_sa_save_log_set";

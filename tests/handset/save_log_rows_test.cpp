@@ -1,4 +1,4 @@
-// +SAVE_LOG: its command lines, their order and conditions, and what each of them leaves in the logs.
+// +SAVE_LOG: its command lines, their order and conditions, and the log lines of each.
 #include <algorithm>
 
 #include "tests/support/commands.h"

@@ -1,4 +1,4 @@
-// +SAVE_LOG: what ends up on the card, under which name, and what else goes on while it is copied.
+// +SAVE_LOG: the files on the card and their names, and other activity during the copy.
 #include <poll.h>
 #include <time.h>
 #include <unistd.h>

@@ -1,4 +1,4 @@
-// +QUERY_SERVICE: does a process of this name run?
+// +QUERY_SERVICE: whether a process with this name runs.
 #include "tests/support/commands.h"
 
 static const char kRuns[] = "\r\nQUERY_SERVICE: 1\r\n\r\nOK\r\n";

@@ -1,4 +1,4 @@
-// +START_SERVICE: asks init for a service, then looks once a second, eight times, whether it has come.
+// +START_SERVICE: asks init for a service, then checks up to eight times, once a second, whether it runs.
 #include <signal.h>
 
 #include "tests/support/commands.h"

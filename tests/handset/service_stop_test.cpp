@@ -1,4 +1,4 @@
-// +STOP_SERVICE: SIGTERM to the process of that name, then a look once a second, ten times, whether it has gone.
+// +STOP_SERVICE: sends SIGTERM to the process with that name, then checks up to ten times, once a second, whether it has ended.
 #include <signal.h>
 
 #include "tests/support/commands.h"

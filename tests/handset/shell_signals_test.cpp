@@ -1,5 +1,5 @@
 // Shell calls on two threads at a time, with a C library that saves and restores the actions of SIGINT and SIGQUIT without
-// a lock: the agent hears SIGINT afterwards, and SIGQUIT has the action that it had at the start.
+// a lock: afterwards the agent handles SIGINT, and SIGQUIT has its action from the start.
 #include <signal.h>
 
 #include "tests/support/collectors.h"

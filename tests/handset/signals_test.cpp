@@ -1,4 +1,4 @@
-// Handled signals: their status, their lines, what they tear down and what they leave.
+// Handled signals: exit status, log lines, what the teardown closes and what continues.
 #include <fcntl.h>
 #include <signal.h>
 #include <unistd.h>

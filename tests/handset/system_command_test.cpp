@@ -1,4 +1,4 @@
-// +SYSTEM: the host's own command line, run by the shell with the agent's rights until it succeeds, five times at most.
+// +SYSTEM: the shell runs the host's command line with the agent's rights, at most five times, until it succeeds.
 #include "tests/support/commands.h"
 
 class SystemCommand : public CommandTest {

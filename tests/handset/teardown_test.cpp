@@ -1,5 +1,5 @@
-// A teardown that finds a request in flight: the answer goes nowhere, and least of all to whoever has got the channel's
-// descriptor number in the meantime.
+// A teardown during a request: the answer is discarded and never written to a file that has reused the channel's
+// descriptor number.
 #include <signal.h>
 #include <unistd.h>
 

@@ -1,5 +1,5 @@
-// How threads are created, with a C library whose pthread_create and pthread_kill share a lock: a signal handler that signals
-// a thread must not run inside of pthread_create.
+// Thread creation with a C library whose pthread_create and pthread_kill share a lock: a signal handler that calls
+// pthread_kill must not run inside pthread_create.
 #include <signal.h>
 #include <unistd.h>
 

@@ -1,5 +1,5 @@
-// Children that behave badly: collectors that die, crash, go deaf or leave children of their own; remote shells killed at
-// random; a pid that goes to somebody else. The agent reaps what is its own and touches nothing else.
+// Misbehaving children: collectors that exit, crash, ignore signals or leave children; remote shells killed at random; a
+// reused process id. The agent reaps its own children and affects no other process.
 #include <signal.h>
 #include <stdio.h>
 #include <unistd.h>
@@ -16,7 +16,7 @@
 
 static const char kManners[] = "/system/etc/manners";
 
-// Stands for logcat and tcpdump; how it behaves is told by a file.
+// Replaces logcat and tcpdump; a file selects its behaviour.
 static const char kCollector[] =
     "case $(cat /system/etc/manners) in\n"
     "ends) exit 1 ;;\n"
@@ -113,7 +113,7 @@ TEST_F(CollectorStress, BadMannersAreSurvivedAndClearedAway) {
     printf("%d restarts of four collectors; %s\n", rounds, to_text(holdings_of(h, agent)).c_str());
 }
 
-// The pid of a collector that has died goes to a process which is none of the agent's.
+// The process id of a dead collector is reused by a process that is not the agent's child.
 TEST_F(CollectorStress, APidThatHasGoneToSomebodyElseIsSpared) {
     if (desk_in_place()) {
         GTEST_SKIP() << "in place: no pids of its own";
@@ -211,7 +211,7 @@ class ShellStress : public RemoteShellTest {
         open.erase(at);
     }
 
-    // The children's children, which are not the agent's to reap.
+    // The children's children, which the agent must not reap.
     void clear_sleepers() {
         for (const pid_t pid : desk_pids(h, "sleep")) {
             desk_kill(h, pid, SIGKILL);
@@ -247,7 +247,7 @@ TEST_F(ShellStress, KilledAtRandom) {
     printf("%d remote shells killed; %s\n", rounds, to_text(holdings_of(h, agent)).c_str());
 }
 
-// A shell whose children outlive it, the terminal still theirs: they go to init, the agent keeps none of them.
+// A shell whose children outlive it and keep its terminal: init adopts them, and the agent keeps nothing.
 TEST_F(ShellStress, OrphansAreNotTheAgents) {
     const int rounds = stress_rounds(5);
     ASSERT_NO_FATAL_FAILURE(come_up());

@@ -1,6 +1,6 @@
-// The kernel-message reader stopped and started at random moments: nobody else is hit, nothing is left held, nothing
-// gained. It is stopped while it copies a flood of messages, while it waits for a stream that nobody writes to, and when
-// its output is a FIFO that nobody reads.
+// The kernel-message reader is stopped and started at random times: no other thread ends and nothing leaks. It is stopped
+// while it copies many messages, while it waits for a stream without a writer, and while its output is a FIFO without a
+// reader.
 #include <stdio.h>
 
 #include <algorithm>
@@ -16,7 +16,7 @@
 static const char kKernelLog[] = "/data/local/log/kmsg.log";
 static const long kMemoryAllowance = 1024;  // KiB
 
-// Feeds the handset messages as fast as they are read, for as long as it lives.
+// Writes messages to the handset as fast as they are read, until it is destroyed.
 class flood {
   public:
     explicit flood(desk *handset) : h(handset), feeder([this] { run(); }) {}

@@ -1,5 +1,5 @@
-// The agent killed at random moments, what it leaves behind damaged as a loss of power damages it, and started again: it
-// always comes up and serves both channels; no stale name and no half-written file stops it.
+// The agent is killed at random times, its files are damaged as by a loss of power, and it is started again. It must always
+// serve both channels; stale names and half-written files must not prevent that.
 #include <signal.h>
 #include <stdio.h>
 #include <unistd.h>
@@ -172,7 +172,7 @@ TEST_F(PowerLoss, KilledAtRandomItAlwaysComesUpAgain) {
     tell(rounds);
 }
 
-// The same with the whole handset, whose /data alone is there afterwards.
+// The same with the whole handset, of which only /data remains.
 TEST_F(PowerLoss, OfTheWholeHandset) {
     const int rounds = stress_rounds(4);
     ASSERT_NO_FATAL_FAILURE(boot_stress());

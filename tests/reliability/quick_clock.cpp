@@ -1,5 +1,5 @@
-// The wall clock of whoever loads this library runs 300 times as fast: a day passes in less than five minutes. It goes
-// by the machine's uptime, so all processes agree. No state.
+// Makes the wall clock of a process that loads this library run 300 times as fast: a day takes less than five minutes. It is
+// computed from the machine's uptime, so all processes agree. No state.
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>

@@ -1,5 +1,5 @@
-// Signals at random moments. Whatever the agent is doing, and on whichever thread it is met, it ends at once and in
-// order: the channel's name gone, the collectors left or killed as the signal has it, and nothing held for ever.
+// Signals at random times. In any activity and on any thread the agent ends at once after its teardown: the channel's name
+// is removed, the collectors continue or are killed, depending on the signal, and no lock blocks the end.
 #include <signal.h>
 #include <stdio.h>
 #include <sys/wait.h>
@@ -15,17 +15,17 @@ static const char kLink[] = "/dev/ttyCMD0";
 static const char kListener[] = "/dev/ttysa1";
 static const char kService[] = "zr-qel-sa";
 
-// Behind this line the agent has its handlers.
+// After this log line the agent's handlers are installed.
 static const char kHasHandlers[] = "]main sa_cfg_init ret_val[";
 static const char kTreatment[] = "]signal_treatment signal[";
 
-// From the signal to the end. Sanitizers may take long over an end.
+// Limit from the signal to the end. With sanitizers an end takes long.
 static double longest_end() {
     return is_sanitized() ? 20 : 2;  // seconds
 }
 
-// What the agent is busy with, and how long at most: the signal comes within that time. Each is a little longer than the
-// activity was seen to last on a busy machine, so that its end is met, too.
+// An activity of the agent and its maximum duration, within which the signal is sent. The duration is a little longer than
+// the activity takes on a busy machine, so that signals also arrive at its end.
 struct activity {
     const char *request;
     int microseconds;
@@ -52,7 +52,7 @@ static const activity kActivities[] = {
 // Field of /proc/PID/stat: the minor faults of children that have been waited for.
 static const int kChildrenFaults = 11;
 
-// A signal that has left no trace for so long, ms, may be lost. Shorter than the pauses of a repeated shell command.
+// After this time, ms, without any effect a signal may be lost. Shorter than the pauses of a repeated shell command.
 static const int kTaken = 250;
 static const int kTries = 40;
 
@@ -76,7 +76,7 @@ class SignalStress : public CommandTest {
         return names;
     }
 
-    // A clean place for the next round, with all collectors or none.
+    // Prepares the next round, with all collectors or none.
     void prepare_round() {
         const std::string busy = log_property({{2, "2,100"}, {3, "2,100"}, {4, "2,100"}, {5, "2,100"}, {6, "2,100"}});
         collectors = dice.one_in(2) ? 3 : 0;
@@ -147,8 +147,7 @@ class SignalStress : public CommandTest {
         }
     }
 
-    // One signal, or at times two, which two threads may then handle side by side. A thread that is not there any more is
-    // nobody's victim.
+    // Sends one signal, sometimes two, which two threads may then handle at the same time. A thread that has ended gets none.
     void send_signal(int signo) {
         if (is_starting()) {
             first = any_victim();

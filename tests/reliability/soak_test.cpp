@@ -1,5 +1,5 @@
-// A long day: mixed requests, hang-ups, remote shells, deletions and saves, with all collectors at work and a clock that
-// makes hours of minutes. What the agent holds stays the same, and so does the time that it takes to answer.
+// A long run: mixed requests, hang-ups, remote shells, deletions and saves, with all collectors active and a fast clock. The
+// agent's resources and its answer time must stay the same.
 #include <limits.h>
 #include <stdio.h>
 #include <time.h>
@@ -52,7 +52,7 @@ static const mixed kMix[] = {
     {3, "nothing that it knows\r", kError},
 };
 
-// How many requests come between two of the rarer events.
+// The number of requests between two of the rarer events.
 static const int kPerHangUp = 200;
 static const int kPerShell = 1000;
 static const int kPerDelete = 4000;

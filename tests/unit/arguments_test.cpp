@@ -1,4 +1,4 @@
-// Arguments of handlers: quoted texts, numbers and switches, up to their edges.
+// Arguments of handlers: quoted texts, numbers and switches, with their limits.
 #include "sa/sa-handle/command/arguments.h"
 
 #include <errno.h>

@@ -1,4 +1,4 @@
-// Configuration lines: how they are read, in pieces where they are long, and how they fall into key and value.
+// Configuration lines: reading, also of long lines in pieces, and splitting into key and value.
 #include <fcntl.h>
 #include <stdio.h>
 #include <string.h>

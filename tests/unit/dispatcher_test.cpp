@@ -1,5 +1,5 @@
-// The dispatcher: which handler a request reaches, with which argument text, and what is answered without one. The
-// handlers are replaced at link time by ones that note how they were called.
+// The dispatcher: the handler and argument text for each request, and the answer if there is no handler. At link time the
+// handlers are replaced by functions that record their calls.
 #include <errno.h>
 #include <fcntl.h>
 #include <string.h>

@@ -1,5 +1,5 @@
-// System calls that fail on demand. The linker leads the calls of the functions under test (see CMakeLists.txt) through
-// faults.cpp, which passes them on unless a test has asked for a failure. Children that are forked inherit the request.
+// System calls that fail on demand. The linker replaces the calls of the functions under test (see CMakeLists.txt) by those
+// in faults.cpp, which make the real call unless a test has requested a failure. Forked children inherit the request.
 #ifndef TESTS_UNIT_FAULTS_H
 #define TESTS_UNIT_FAULTS_H
 

@@ -1,4 +1,4 @@
-// The command handlers called directly: what they do with arguments that the dispatcher never gives them.
+// The command handlers called directly, with arguments that the dispatcher never passes.
 #include "sa/sa-handle/command/handlers.h"
 
 #include <errno.h>

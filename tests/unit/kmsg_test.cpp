@@ -1,4 +1,4 @@
-// Where the kernel reader's file wraps, to the byte, at sizes beyond what a handset's own stream is made for.
+// The exact byte at which the kernel reader's file wraps, for sizes too large for a handset's stream.
 #include "sa/sa-handle/collect/kmsg.h"
 
 #include <errno.h>

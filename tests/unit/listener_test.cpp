@@ -1,4 +1,4 @@
-// The listener's terminals and its loop where a call fails; descriptor 0, refused first and accepted later.
+// The listener's terminals and its loop with failing calls; descriptor 0, which is rejected first and accepted later.
 #include "sa/main/listener.h"
 
 #include <errno.h>

@@ -1,4 +1,4 @@
-// Local time against the C library's, in many zones, over decades and around every change.
+// Local time compared with the C library's, in many zones, over decades and around every change.
 #include "sa/main/base/local_time.h"
 
 #include <errno.h>

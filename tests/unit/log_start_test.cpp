@@ -1,4 +1,4 @@
-// Starting collectors by hand: records that are none, and the kernel reader where descriptor 0 is free.
+// Starting collectors directly: invalid records, and the kernel reader with descriptor 0 free.
 #include <string.h>
 #include <unistd.h>
 

@@ -1,4 +1,4 @@
-// Diagnostic lines: their exact form in both logs, their bound, and that they stay whole whoever writes at the same time.
+// Diagnostic lines: their exact form in both logs, their maximum length, and concurrent writers.
 #include "sa/main/base/log.h"
 
 #include <errno.h>

@@ -1,4 +1,4 @@
-// Finding processes by name: which part of a command line counts, and what the callers get.
+// Finding processes by name: which part of a command line counts, and the results.
 #include "sa/main/base/process.h"
 
 #include <errno.h>

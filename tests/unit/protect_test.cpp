@@ -1,4 +1,4 @@
-// Low-space protection to the byte, with file systems of many block sizes.
+// The exact threshold of the low-space protection, with file systems of many block sizes.
 #include "sa/main/protect.h"
 
 #include <sys/stat.h>

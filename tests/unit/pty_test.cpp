@@ -1,4 +1,4 @@
-// Endpoints: what is published, with which attributes, which trace it leaves, and what is left when a step fails.
+// Pseudo-terminal endpoints: names, attributes, log lines, and what remains if a step fails.
 #include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>

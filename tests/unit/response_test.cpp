@@ -1,4 +1,4 @@
-// Answers on the channel: their bytes, that each is one write, and what becomes of a write that fails or falls short.
+// Answers on the channel: their bytes, one write for each, and failed or short writes.
 #include "sa/sa-handle/command/response.h"
 
 #include <errno.h>

@@ -1,4 +1,4 @@
-// The configuration record: what a file, or none, leaves in it.
+// The configuration record, with and without a configuration file.
 #include "sa/sa-cfg/sa_cfg.h"
 
 #include <string.h>

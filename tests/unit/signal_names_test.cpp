@@ -1,4 +1,4 @@
-// The names of signals, row by row, and what the handler makes of numbers that it is not installed for.
+// The names of signals, and the handler called with signals for which it is not installed.
 #include "sa/main/signals.h"
 
 #include <sys/wait.h>

@@ -1,4 +1,4 @@
-// The launcher: what children find, what waiters tell of their ends, and what is left when a step fails.
+// The launcher: the environment of children, the log lines of waiters, and what remains if a step fails.
 #include "sa/main/base/subproc.h"
 
 #include <errno.h>

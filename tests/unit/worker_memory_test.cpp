@@ -1,5 +1,5 @@
-// Workers that are created while memory runs out: each allocation of a first creation fails in turn. Every attempt is a
-// process of its own, since the C library prepares for the end of threads once in a process.
+// Creation of workers without memory: each allocation of the first creation fails in turn. Each attempt runs in its own
+// process, because the C library prepares for the end of threads only once in a process.
 #include <errno.h>
 #include <signal.h>
 #include <stdlib.h>

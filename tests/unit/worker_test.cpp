@@ -1,4 +1,4 @@
-// Workers: what a stop reaches and, above all, what it does not; what is left behind by workers that start and end.
+// Workers: what a stop ends and what it must not affect; leaks after workers have started and ended.
 #include "pub/util/worker.h"
 
 #include <errno.h>
