@@ -21,17 +21,14 @@ int m_output_error = 0;   // errno of the first write that failed
 std::string format_text(const char *format, va_list args) __attribute__((format(printf, 1, 0)));
 
 std::string format_text(const char *format, va_list args) {
-    va_list again;
-    va_copy(again, args);
-    int len = vsnprintf(nullptr, 0, format, again);
-    va_end(again);
+    char *text = nullptr;
+    int len = vasprintf(&text, format, args);
     if (len < 0) {
         return std::string();
     }
-    std::string text(static_cast<size_t>(len) + 1, '\0');
-    vsnprintf(&text[0], text.size(), format, args);
-    text.resize(static_cast<size_t>(len));
-    return text;
+    std::string result(text, static_cast<size_t>(len));
+    free(text);
+    return result;
 }
 
 // Length of the UTF-8 character at `at`, 0 when there is none. Does not look for overlong forms and surrogates.

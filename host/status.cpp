@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <map>
 #include <vector>
@@ -226,7 +227,8 @@ void read_rest(const findings &found, agent_state *state) {
     state->free = block * available;
     std::string slots = from_hex(first_of(found, "list"));
     for (size_t at = 0; at < slots.size(); at += SLOT_SIZE) {
-        std::string name = slots.substr(at, SLOT_SIZE).c_str();
+        std::string name = slots.substr(at, SLOT_SIZE);
+        name.resize(strnlen(name.data(), name.size()));
         if (!name.empty()) {
             state->auto_start.push_back(name);
         }

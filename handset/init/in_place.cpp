@@ -250,7 +250,7 @@ static bool drop_rights() {
     if (syscall(SYS_capget, &header, rights) != 0) {
         return false;
     }
-    for (unsigned right : {CAP_SYSLOG, CAP_SYS_ADMIN, CAP_SYS_MODULE, CAP_SYS_TIME, CAP_SYS_RAWIO, CAP_SYS_BOOT}) {
+    for (const int right : {CAP_SYSLOG, CAP_SYS_ADMIN, CAP_SYS_MODULE, CAP_SYS_TIME, CAP_SYS_RAWIO, CAP_SYS_BOOT}) {
         if (prctl(PR_CAPBSET_READ, right, 0, 0, 0) == 1 && prctl(PR_CAPBSET_DROP, right, 0, 0, 0) != 0) {
             return false;
         }

@@ -3,13 +3,14 @@
 #include "sa/main/listener.h"
 
 #include <fcntl.h>
-#include <signal.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <termios.h>
 #include <unistd.h>
+
+#include <atomic>
 
 #include "pub/pty/pty.h"
 #include "sa/main/base/codes.h"
@@ -24,10 +25,10 @@ static const size_t kShellRequestLength = sizeof(kShellRequest) - 1;
 static const int kRequestSize = 1024;
 static const int kAcknowledgementSize = 512;
 
-static volatile sig_atomic_t m_is_waiting = 0;
+static std::atomic<bool> m_is_waiting(false);
 
 bool sa_listener_is_waiting(void) {
-    return m_is_waiting != 0 && syscall(SYS_gettid) == getpid();
+    return m_is_waiting.load() && syscall(SYS_gettid) == getpid();
 }
 
 // ---- pseudo-terminals ----
@@ -140,10 +141,10 @@ static void handle_service(int fd, const char *name) {
 // ---- the loop ----
 
 static int read_request(int fd, char *request_ptr, size_t size) {
-    m_is_waiting = 1;
+    m_is_waiting.store(true);
     const int count = static_cast<int>(read(fd, request_ptr, size));
     const int saved_errno = errno;
-    m_is_waiting = 0;
+    m_is_waiting.store(false);
     errno = saved_errno;
     return count;
 }

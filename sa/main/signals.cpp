@@ -126,7 +126,6 @@ void sa_install_signals(void) {
         struct sigaction action;
         if (sigaction(signo, nullptr, &action) == 0) {
             sigaddset(&action.sa_mask, SIGUSR1);
-            action.sa_flags |= SA_RESTART;  // as signal() does, on every C library
             sigaction(signo, &action, nullptr);
         }
     }

@@ -8,10 +8,10 @@ enum { SA_ARGV_SLOTS = 21, SA_ARGV_SLOT_SIZE = 128 };
 
 /** An argument vector and the texts that it points to. Its address must not change while it is in use. */
 struct sa_argv {
-    int num;       // arguments
-    size_t limit;  // bytes of a slot that are used, the NUL included
-    char text_a[SA_ARGV_SLOTS][SA_ARGV_SLOT_SIZE];
-    char *vector_a[SA_ARGV_SLOTS + 1];  // null-terminated
+    int num;                                        // arguments
+    size_t limit;                                   // bytes of a slot that are used, the NUL included
+    char text_a[SA_ARGV_SLOTS][SA_ARGV_SLOT_SIZE];  // the arguments
+    char *vector_a[SA_ARGV_SLOTS + 1];              // null-terminated
 };
 
 /** Empties a vector whose arguments are cut at limit - 1 characters; limit is at most SA_ARGV_SLOT_SIZE. */
