@@ -135,6 +135,10 @@ std::string link_loss(const host_options &options) {
     return kind_of(options).loss(options);
 }
 
+bool link_carries(const host_options &options, link_name name) {
+    return !path_of(options, name).empty();
+}
+
 bool link_begin(const host_options &options, link_name name, int64_t deadline_ms, link_turn *turn) {
     int64_t start = now_ms();
     int64_t absent_since = start;

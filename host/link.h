@@ -54,6 +54,9 @@ void link_end(link_turn *turn);
 // of link cannot tell.
 std::string link_identity(const host_options &options, link_name name);
 
+// Whether this kind of link carries the name at all: a serial line carries the command channel alone.
+bool link_carries(const host_options &options, link_name name);
+
 // Whether the agent publishes the name now, be it free or busy. A free one is taken and given back.
 bool link_is_present(const host_options &options, link_name name);
 

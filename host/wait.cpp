@@ -33,7 +33,8 @@ int wait_up(const host_options &options, int64_t start, int64_t deadline) {
     for (int i = 0; i < TRIES && status == HOST_NO_WAY && now_ms() < deadline; ++i) {
         status = channel_ask(own, attention, &result);
     }
-    while (status == HOST_OK && !link_is_present(options, LINK_LISTENER)) {
+    const bool has_listener = link_carries(options, LINK_LISTENER);
+    while (status == HOST_OK && has_listener && !link_is_present(options, LINK_LISTENER)) {
         if (now_ms() >= deadline) {
             say("The agent answers on its command channel, but publishes no remote-shell listener.");
             return HOST_NO_WAY;

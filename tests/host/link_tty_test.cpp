@@ -50,6 +50,7 @@ TEST_F(SerialLine, RequestsPassARelay) {
     const std::string name = dir.path + "/relayed";
     ASSERT_NO_FATAL_FAILURE(start_relay(name));
     EXPECT_EQ(host_run({"--tty", name, "send", "AT", "+KERNEL_LOG?"}).out, "OK\nKERNEL_LOG: 0\n");
+    EXPECT_EQ(host_run({"--tty", name, "wait"}).status, 0) << "it waits for the command channel alone";
     setenv("SA_HOST_LINK", ("tty:" + name + ",57600").c_str(), 1);
     EXPECT_EQ(host_run({"query", "zr-qel-sa"}).out, "QUERY_SERVICE: 1\n");
 }
