@@ -44,11 +44,18 @@ static std::atomic<bool> m_may_accept{false};
 static std::atomic<int> m_self{0};
 static sem_t m_here;
 
+// A sanitizer adds a thread of its own to the first one. A joined thread is counted until the kernel has removed it.
+static void start_a_first_thread() {
+    std::string task;
+    std::thread([&] { task = "/proc/self/task/" + std::to_string(gettid()); }).join();
+    ASSERT_TRUE(wait_until([&] { return access(task.c_str(), F_OK) != 0; }));
+}
+
 class Worker : public LogLinesTest {
   protected:
     void SetUp() override {
         LogLinesTest::SetUp();
-        std::thread([] {}).join();  // a sanitizer adds a thread of its own to the first
+        start_a_first_thread();
         m_threads_before = threads();
         m_arrived = 0;
         m_finished = 0;
